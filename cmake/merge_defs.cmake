@@ -1,0 +1,17 @@
+# Merges several .def files of one DLL into one: a NAME line, one EXPORTS
+# line, then every exported name once.
+string(REPLACE "|" ";" INPUTS "${INPUTS}")
+set(names "")
+foreach(def IN LISTS INPUTS)
+  file(STRINGS "${def}" lines)
+  foreach(line IN LISTS lines)
+    string(STRIP "${line}" line)
+    if(line STREQUAL "" OR line MATCHES "^(NAME|LIBRARY|EXPORTS)" OR line MATCHES "^;")
+      continue()
+    endif()
+    list(APPEND names "${line}")
+  endforeach()
+endforeach()
+list(REMOVE_DUPLICATES names)
+list(JOIN names "\n" body)
+file(WRITE "${OUT}" "LIBRARY node.exe\nEXPORTS\n${body}\n")

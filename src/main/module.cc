@@ -1,0 +1,117 @@
+// The module's entry: the initialiser that starts the runtime and attaches
+// the exports in their fixed order, and the clean-up hook that tears the
+// runtime down when the script environment ends.
+#include <napi.h>
+#include <uv.h>
+
+#include <exception>
+#include <thread>
+
+#include "export_steps.h"
+#include "runtime/log.h"
+#include "runtime/napi_util.h"
+#include "runtime/runtime.h"
+#include "runtime/scheduler.h"
+#include "runtime/spawn.h"
+#include "version.h"
+
+namespace ostrel {
+
+namespace {
+
+// Runs the I/O service's loop on a pool worker for the module's lifetime.
+task<void> pump_io_service() {
+  co_await runtime::pool()->schedule();
+  try {
+    runtime::io()->process_events();
+  } catch (...) {
+    // The service is no longer pumped; nothing to tell anyone.
+  }
+}
+
+void start_runtime() {
+  runtime::create(thread_pool::default_size(std::thread::hardware_concurrency()));
+  spawn(pump_io_service(), runtime::alive());
+}
+
+void cleanup(void*) {
+  log::out("Ostrel Cleaning ...");
+  runtime::stop_threads();
+  scheduler::instance().stop();
+  runtime::destroy();
+}
+
+void register_get_version(Napi::Env env, Napi::Object exports) {
+  attach_export(env, exports, "getVersion", [](const Napi::CallbackInfo& info) -> Napi::Value {
+    return Napi::String::New(info.Env(), version_text, sizeof version_text - 1);
+  });
+}
+
+napi_value initialise(napi_env raw_env, napi_value raw_exports) {
+  Napi::Env env(raw_env);
+  Napi::Object exports(raw_env, raw_exports);
+  try {
+    uv_loop_t* loop = nullptr;
+    napi_check(env, napi_get_uv_event_loop(env, &loop));
+    scheduler::instance().init(loop, env);
+    log::wout(L"Ostrel Initializing ...");
+    start_runtime();
+    napi_check(env, napi_add_env_cleanup_hook(env, cleanup, nullptr));
+
+    try {
+      exports::init_api_compat();
+    } catch (const std::exception& e) {
+      log::err(e.what());
+    }
+    exports::register_start_file_watch(env, exports);
+    exports::register_get_mtp_devices(env, exports);
+    exports::register_get_mtp_files_by_id(env, exports);
+    exports::register_get_mtp_file_by_id(env, exports);
+    exports::register_get_mtp_thumbnail(env, exports);
+    exports::register_scan_all_sub_files(env, exports);
+    exports::register_get_hardware_disk(env, exports);
+    exports::register_texture_support(env, exports);
+    exports::register_get_drive_list(env, exports);
+    exports::register_media_player(env, exports);
+    exports::register_read_media_duration(env, exports);
+    exports::register_reporters(env, exports);
+    exports::register_tracers(env, exports);
+    exports::register_fact(env, exports);
+    register_get_version(env, exports);
+    exports::register_init_corvex(env, exports);
+
+    log::out("Ostrel Initialized.");
+    return exports;
+  } catch (const Napi::Error& e) {
+    e.ThrowAsJavaScriptException();
+  } catch (const std::exception& e) {
+    Napi::Error::New(env, e.what()).ThrowAsJavaScriptException();
+  }
+  return nullptr;
+}
+
+}  // namespace
+}  // namespace ostrel
+
+// The module's one exported symbol. The loader's static constructor calls it
+// while the DLL (or shared object) is being loaded; it hands the runtime the
+// initialiser.
+extern "C" {
+#ifdef _WIN32
+__declspec(dllexport)
+#else
+__attribute__((visibility("default")))
+#endif
+void _register_ostrel_(void) {
+  static napi_module module = {
+      1, 0, __FILE__, ostrel::initialise, "ostrel", nullptr, {nullptr, nullptr, nullptr, nullptr},
+  };
+  napi_module_register(&module);
+}
+}
+
+namespace {
+struct register_at_load {
+  register_at_load() { _register_ostrel_(); }
+} register_at_load_instance;
+}  // namespace

@@ -1,0 +1,231 @@
+#include "scheduler.h"
+
+#include <stdexcept>
+
+#include "clock.h"
+#include "log.h"
+#include "napi_util.h"
+#include "runtime.h"
+#include "spawn.h"
+#include "task.h"
+
+namespace ostrel {
+
+namespace {
+constexpr std::int64_t dispatch_budget_ns = 100'000'000;
+constexpr auto rewake_delay = std::chrono::milliseconds(100);
+
+void check_scope(napi_status status, const char* cls, const char* fn) {
+  if (status != napi_ok) napi_fatal_error(cls, NAPI_AUTO_LENGTH, fn, NAPI_AUTO_LENGTH);
+}
+}  // namespace
+
+scheduler& scheduler::instance() {
+  static scheduler s;
+  return s;
+}
+
+void scheduler::init(uv_loop_t* loop, napi_env env) {
+  std::lock_guard lock(lock_);
+  loop_ = loop;
+  env_ = env;
+  main_thread_.store(std::this_thread::get_id());
+  if (async_context_) {
+    napi_async_destroy(env, async_context_);
+    async_context_ = nullptr;
+  }
+  napi_value resource, name;
+  napi_check(env, napi_create_object(env, &resource));
+  napi_check(env, napi_create_string_utf8(env, "Ostrel Scheduled Callbacks", NAPI_AUTO_LENGTH, &name));
+  napi_check(env, napi_async_init(env, resource, name, &async_context_));
+}
+
+bool scheduler::is_main_thread() const noexcept { return main_thread_.load() == std::this_thread::get_id(); }
+
+napi_env scheduler::env() const noexcept {
+  std::lock_guard lock(lock_);
+  return env_;
+}
+
+bool scheduler::is_stopped() const noexcept {
+  std::lock_guard lock(lock_);
+  return stopped_;
+}
+
+std::size_t scheduler::queued() const {
+  std::lock_guard lock(lock_);
+  return queue_.size();
+}
+
+bool scheduler::enqueue(resumable op) {
+  uv_async_t* handle;
+  {
+    std::unique_lock lock(lock_);
+    if (stopped_) {
+      lock.unlock();
+      // The task goes on at once on this thread; it must cope with not being
+      // on the main thread.
+      log::out("schedule_impl stop, destroy the waiting operation");
+      return false;
+    }
+    queue_.push_back(op);
+    handle = async_handle_;
+  }
+  if (!resend_pending_.load(std::memory_order_acquire) && handle) uv_async_send(handle);
+  return true;
+}
+
+void scheduler::on_async(uv_async_t* handle) { static_cast<scheduler*>(handle->data)->dispatch(handle); }
+
+void scheduler::close_handle(uv_async_t* handle) {
+  uv_close(reinterpret_cast<uv_handle_t*>(handle),
+           [](uv_handle_t* h) { delete reinterpret_cast<uv_async_t*>(h); });
+}
+
+void scheduler::dispatch(uv_async_t* h) {
+  dispatch_runs_.fetch_add(1, std::memory_order_relaxed);
+  const std::int64_t start = monotonic_ns();
+  napi_env env;
+  napi_async_context context;
+  {
+    std::lock_guard lock(lock_);
+    env = env_;
+    context = async_context_;
+  }
+  if (!env) return;
+
+  napi_handle_scope handle_scope;
+  check_scope(napi_open_handle_scope(env, &handle_scope), "HandleScope::HandleScope", "napi_open_handle_scope");
+  napi_value resource;
+  napi_create_object(env, &resource);
+  napi_callback_scope callback_scope;
+  check_scope(napi_open_callback_scope(env, resource, context, &callback_scope),
+              "CallbackScope::CallbackScope", "napi_open_callback_scope");
+
+  std::unique_lock lock(lock_);
+  for (;;) {
+    if (stopped_ || queue_.empty() || async_handle_ != h) break;
+    resumable op = queue_.front();
+    queue_.pop_front();
+    lock.unlock();
+    op.resume();
+    raise_pending_exception(env);
+    if (monotonic_ns() - start > dispatch_budget_ns) break;  // budget spent; lock stays released
+    lock.lock();
+  }
+  if (lock.owns_lock()) lock.unlock();
+
+  check_scope(napi_close_callback_scope(env, callback_scope), "CallbackScope::~CallbackScope",
+              "napi_close_callback_scope");
+  check_scope(napi_close_handle_scope(env, handle_scope), "HandleScope::~HandleScope", "napi_close_handle_scope");
+
+  bool is_active = uv_is_active(reinterpret_cast<uv_handle_t*>(h)) != 0;
+  std::size_t remaining;
+  {
+    std::lock_guard relock(lock_);
+    if (stopped_) {
+      if (is_active && async_handle_ == h) {
+        async_handle_ = nullptr;
+        close_handle(h);
+      }
+      return;
+    }
+    remaining = queue_.size();
+  }
+  if (is_active && remaining > 0) {
+    // Yield to the event loop for a while before the rest of the queue runs.
+    resend_pending_.store(true, std::memory_order_release);
+    spawn_delayed_wake(h);
+  }
+}
+
+void scheduler::spawn_delayed_wake(uv_async_t* captured) {
+  auto token = runtime::alive();
+  spawn(
+      [](scheduler& self, uv_async_t* h) -> task<void> {
+        io_service* io = runtime::io();
+        if (!io) throw std::runtime_error("io_service is not running");
+        co_await io->schedule_after(rewake_delay);
+        self.resend_pending_.store(false, std::memory_order_release);
+        std::unique_lock lock(self.lock_);
+        if (!self.stopped_ && self.async_handle_ == h) {
+          lock.unlock();
+          uv_async_send(h);
+        } else {
+          lock.unlock();
+          log::err("UV Scheduler unexpected stop");
+        }
+      }(*this, captured),
+      token);
+}
+
+void scheduler::add_ref() {
+  std::lock_guard lock(lock_);
+  if (!is_main_thread()) {
+    log::err("Call AddRef in non-main thread");
+    // A first reference cannot be taken off the main thread: it would have
+    // to create the async handle here.
+    if (ref_count_.fetch_add(1) + 1 == 1) ref_count_.fetch_sub(1);
+    return;
+  }
+  if (ref_count_.fetch_add(1) + 1 != 1) return;
+  if (async_handle_ && uv_is_active(reinterpret_cast<uv_handle_t*>(async_handle_))) close_handle(async_handle_);
+  auto* handle = new uv_async_t{};
+  handle->data = this;
+  uv_async_init(loop_, handle, &scheduler::on_async);
+  async_handle_ = handle;
+  stopped_ = false;
+  resend_pending_.store(false);
+}
+
+void scheduler::release() {
+  std::lock_guard lock(lock_);
+  if (!is_main_thread()) {
+    log::err("Call Release in non-main thread");
+    if (ref_count_.load() == 0) return;
+    if (ref_count_.fetch_sub(1) == 1) stopped_ = true;
+    return;
+  }
+  if (ref_count_.load() == 0) return;  // unbalanced release: nothing to drop
+  if (ref_count_.fetch_sub(1) != 1) return;
+  stopped_ = true;
+  if (async_handle_) {
+    // Queued tasks are dropped, neither resumed nor freed: their owners (a
+    // session's state, a promise) may still be reachable from script.
+    queue_.clear();
+    close_handle(async_handle_);
+  }
+  async_handle_ = nullptr;
+}
+
+void scheduler::stop() {
+  std::deque<resumable> abandoned;
+  {
+    std::lock_guard lock(lock_);
+    stopped_ = true;
+    ref_count_.store(0);
+    if (async_context_ && env_) napi_async_destroy(env_, async_context_);
+    async_context_ = nullptr;
+    env_ = nullptr;
+    abandoned.swap(queue_);
+    if (async_handle_ && uv_is_active(reinterpret_cast<uv_handle_t*>(async_handle_))) {
+      close_handle(async_handle_);
+    }
+    async_handle_ = nullptr;
+  }
+  for (auto& op : abandoned) op.destroy();
+}
+
+napi_value to_script_object(napi_env env, const std::map<std::string, std::string>& values) {
+  if (!scheduler::instance().is_main_thread()) throw std::runtime_error("not main thread");
+  napi_value object;
+  napi_check(env, napi_create_object(env, &object));
+  for (const auto& [key, value] : values) {
+    napi_value v;
+    napi_check(env, napi_create_string_utf8(env, value.data(), value.size(), &v));
+    napi_check(env, napi_set_named_property(env, object, key.c_str(), v));
+  }
+  return object;
+}
+
+}  // namespace ostrel

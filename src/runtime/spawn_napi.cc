@@ -1,0 +1,96 @@
+#include "spawn.h"
+
+#include <napi.h>
+
+#include <exception>
+#include <string>
+
+#include "log.h"
+#include "scheduler.h"
+#include "thread_id.h"
+
+namespace ostrel {
+
+namespace {
+
+// The frame of a detached task: starts eagerly, frees itself at the end, and
+// is the outermost link of the chain it runs.
+struct detached {
+  struct promise_type : promise_link {
+    promise_type() { self = std::coroutine_handle<promise_type>::from_promise(*this); }
+    detached get_return_object() noexcept { return {}; }
+    std::suspend_never initial_suspend() noexcept { return {}; }
+    std::suspend_never final_suspend() noexcept { return {}; }
+    void return_void() noexcept {}
+    // The body catches everything; reaching here is a bug worth a crash.
+    void unhandled_exception() noexcept { std::terminate(); }
+  };
+};
+
+detached run_detached(task<void> t, std::shared_ptr<alive_token> token) {
+  try {
+    co_await t;
+  } catch (...) {
+    if (!token || token->is_running()) log_task_failure();
+  }
+}
+
+detached run_tracked(task<void> t, std::shared_ptr<alive_token> token) {
+  try {
+    co_await runtime::pool()->schedule();
+    co_await t;
+  } catch (...) {
+    if (!token || token->is_running()) log_task_failure();
+  }
+  if (!token || !token->is_running()) co_return;  // the module is gone
+  auto& s = scheduler::instance();
+  if (!s.is_main_thread()) co_await s.schedule();
+  if (s.is_main_thread()) s.release();
+}
+
+detached run_on_pool(task<void> t, std::shared_ptr<alive_token> token) {
+  try {
+    co_await runtime::pool()->schedule();
+    co_await t;
+  } catch (...) {
+    if (!token || token->is_running()) log_task_failure();
+  }
+}
+
+}  // namespace
+
+void log_task_failure() {
+  try {
+    throw;
+  } catch (const Napi::Error& e) {
+    log::out_value("Ostrel Spawn Napi::Error ", e.Message());
+    if (!scheduler::instance().is_main_thread()) {
+      log::err_value("Ostrel Spawn Napi::Error in thread #" + std::to_string(current_thread_id()), e.Message());
+    } else {
+      e.ThrowAsJavaScriptException();
+    }
+  } catch (const std::exception& e) {
+    log::out_value("Ostrel Spawn Exception ", e.what());
+  } catch (...) {
+    log::out("Ostrel Spawn Error...");
+  }
+}
+
+void spawn(task<void> t, std::shared_ptr<alive_token> token) { run_detached(std::move(t), std::move(token)); }
+
+void start_async(task<void> t) {
+  auto token = runtime::alive();
+  if (!runtime::pool()) {
+    log::err("start_async: the runtime is not running");
+    return;
+  }
+  auto& s = scheduler::instance();
+  if (s.is_main_thread()) {
+    s.add_ref();
+    run_tracked(std::move(t), std::move(token));
+  } else {
+    run_on_pool(std::move(t), std::move(token));
+  }
+}
+
+}  // namespace ostrel

@@ -1,0 +1,17 @@
+// UTF-8 toward script, UTF-16 toward Windows. Invalid sequences become
+// U+FFFD instead of failing: a name the system gave us is always reported.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace ostrel {
+
+std::string to_utf8(std::u16string_view text);
+std::u16string to_utf16(std::string_view text);
+
+// wchar_t is UTF-16 on Windows and UTF-32 on Linux.
+std::string to_utf8(std::wstring_view text);
+std::wstring to_wide(std::string_view text);
+
+}  // namespace ostrel

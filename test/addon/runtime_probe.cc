@@ -1,0 +1,2 @@
+#include <napi.h>
+NAPI_MODULE_INIT() { return exports; }
