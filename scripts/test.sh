@@ -1,0 +1,91 @@
+#!/usr/bin/env bash
+# Builds what is missing and runs every suite: native unit tests, the JS
+# suites with the Linux node, the JS suites with the Windows node.exe under
+# Wine, and the unit tests under Wine. Ends with one line "N passed, N failed".
+#   scripts/test.sh                 everything
+#   OSTREL_SUITES="native-js wine-js" scripts/test.sh   a subset
+#   OSTREL_PRESET=linux-asan scripts/test.sh            native suites on another build
+set -uo pipefail
+cd "$(dirname "$0")/.."
+root="$PWD"
+suites="${OSTREL_SUITES:-native-unit native-js wine-js wine-unit}"
+preset="${OSTREL_PRESET:-linux}"
+logs="$root/build/test-logs"
+mkdir -p "$logs"
+
+presets=("$preset")
+case " $suites " in *" wine-"*) presets+=(win32) ;; esac
+bash scripts/build.sh "${presets[@]}" || { echo "0 passed, 1 failed"; exit 1; }
+
+passed=0
+failed=0
+add() { passed=$((passed + $1)); failed=$((failed + $2)); }
+
+# GoogleTest: counts from "[  PASSED  ] N tests" and "[  FAILED  ] N tests".
+count_gtest() {
+  local file=$1 rc=$2 p f
+  p=$(grep -oE '^\[  PASSED  \] [0-9]+' "$file" | grep -oE '[0-9]+$' | tail -1)
+  f=$(grep -oE '^\[  FAILED  \] [0-9]+ tests?' "$file" | grep -oE '[0-9]+' | tail -1)
+  p=${p:-0}
+  f=${f:-0}
+  if [ "$rc" -ne 0 ] && [ "$f" -eq 0 ]; then f=1; fi  # crashed before reporting
+  add "$p" "$f"
+  echo "  $p passed, $f failed"
+}
+
+# node's test runner: counts from its "# pass N" and "# fail N" lines.
+count_node() {
+  local file=$1 rc=$2 p f
+  p=$(grep -oE '^(# |ℹ )pass [0-9]+' "$file" | grep -oE '[0-9]+$' | tail -1)
+  f=$(grep -oE '^(# |ℹ )fail [0-9]+' "$file" | grep -oE '[0-9]+$' | tail -1)
+  p=${p:-0}
+  f=${f:-0}
+  if [ "$rc" -ne 0 ] && [ "$f" -eq 0 ]; then f=1; fi
+  add "$p" "$f"
+  echo "  $p passed, $f failed"
+}
+
+js_files=(test/js/*.test.js)
+export OSTREL_TEST_PRESET="$preset"
+
+for suite in $suites; do
+  log="$logs/$suite.log"
+  case "$suite" in
+    native-unit)
+      echo "== native unit tests ($preset)"
+      "build/$preset/test/ostrel_unit_tests" >"$log" 2>&1
+      rc=$?
+      [ $rc -eq 0 ] || grep -E '^\[  FAILED  \]|Failure|error' "$log" | head -40
+      count_gtest "$log" $rc
+      ;;
+    native-js)
+      echo "== JS suites, native node $(node --version) ($preset)"
+      OSTREL_BUILD_DIR="build/$preset" node --test --test-reporter=tap "${js_files[@]}" >"$log" 2>&1
+      rc=$?
+      [ $rc -eq 0 ] || grep -B2 -A25 '^not ok' "$log" | head -150
+      count_node "$log" $rc
+      ;;
+    wine-js)
+      echo "== JS suites, Windows node.exe under Wine"
+      scripts/wine-node --test --test-reporter=tap "${js_files[@]}" >"$log" 2>&1
+      rc=$?
+      [ $rc -eq 0 ] || grep -B2 -A25 '^not ok' "$log" | head -150
+      count_node "$log" $rc
+      ;;
+    wine-unit)
+      echo "== native unit tests under Wine"
+      (cd build/win32/test && WINEPREFIX="$root/build/wine-prefix" WINEDEBUG=-all \
+        wine ./ostrel_unit_tests.exe >"$log" 2>&1 </dev/null)
+      rc=$?
+      [ $rc -eq 0 ] || grep -E '^\[  FAILED  \]|Failure' "$log" | head -40
+      count_gtest "$log" $rc
+      ;;
+    *)
+      echo "unknown suite: $suite" >&2
+      add 0 1
+      ;;
+  esac
+done
+
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]

@@ -1,0 +1,35 @@
+'use strict';
+// Shared pieces of the JS suites: where the builds are, how to run a script
+// in a child process of the same node, and small waiting helpers.
+const path = require('path');
+const { spawnSync } = require('child_process');
+
+const root = path.resolve(__dirname, '..', '..');
+const isWindows = process.platform === 'win32';
+
+function buildDir() {
+  if (process.env.OSTREL_BUILD_DIR) return path.resolve(root, process.env.OSTREL_BUILD_DIR);
+  return path.join(root, 'build', isWindows ? 'win32' : 'linux');
+}
+
+// The test-only add-on built from the same runtime library as ostrel.node.
+function loadProbe() {
+  return require(path.join(buildDir(), 'test', 'runtime_probe.node'));
+}
+
+// Runs `source` in a child node (the same executable as this one) and
+// returns { status, stdout, stderr }. Lifecycle cases (clean-up, exit with
+// work in flight) run this way so that a crash fails one test, not the run.
+function runChild(source, { timeout = 60000, env = {} } = {}) {
+  const r = spawnSync(process.execPath, ['-e', source], {
+    cwd: root,
+    encoding: 'utf8',
+    timeout,
+    env: { ...process.env, ...env },
+  });
+  return { status: r.status, signal: r.signal, stdout: r.stdout || '', stderr: r.stderr || '' };
+}
+
+const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
+
+module.exports = { root, isWindows, buildDir, loadProbe, runChild, sleep };
