@@ -2,44 +2,20 @@
 // the exports in their fixed order, and the clean-up hook that tears the
 // runtime down when the script environment ends.
 #include <napi.h>
-#include <uv.h>
 
 #include <exception>
 #include <thread>
 
 #include "export_steps.h"
 #include "runtime/log.h"
+#include "runtime/napi_lifecycle.h"
 #include "runtime/napi_util.h"
-#include "runtime/runtime.h"
-#include "runtime/scheduler.h"
-#include "runtime/spawn.h"
+#include "runtime/thread_pool.h"
 #include "version.h"
 
 namespace ostrel {
 
 namespace {
-
-// Runs the I/O service's loop on a pool worker for the module's lifetime.
-task<void> pump_io_service() {
-  co_await runtime::pool()->schedule();
-  try {
-    runtime::io()->process_events();
-  } catch (...) {
-    // The service is no longer pumped; nothing to tell anyone.
-  }
-}
-
-void start_runtime() {
-  runtime::create(thread_pool::default_size(std::thread::hardware_concurrency()));
-  spawn(pump_io_service(), runtime::alive());
-}
-
-void cleanup(void*) {
-  log::out("Ostrel Cleaning ...");
-  runtime::stop_threads();
-  scheduler::instance().stop();
-  runtime::destroy();
-}
 
 void register_get_version(Napi::Env env, Napi::Object exports) {
   attach_export(env, exports, "getVersion", [](const Napi::CallbackInfo& info) -> Napi::Value {
@@ -51,12 +27,10 @@ napi_value initialise(napi_env raw_env, napi_value raw_exports) {
   Napi::Env env(raw_env);
   Napi::Object exports(raw_env, raw_exports);
   try {
-    uv_loop_t* loop = nullptr;
-    napi_check(env, napi_get_uv_event_loop(env, &loop));
-    scheduler::instance().init(loop, env);
+    lifecycle::bind_scheduler(env);
     log::wout(L"Ostrel Initializing ...");
-    start_runtime();
-    napi_check(env, napi_add_env_cleanup_hook(env, cleanup, nullptr));
+    lifecycle::start_runtime(thread_pool::default_size(std::thread::hardware_concurrency()));
+    lifecycle::install_cleanup_hook(env);
 
     try {
       exports::init_api_compat();

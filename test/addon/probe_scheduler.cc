@@ -1,0 +1,233 @@
+// Probes of the main-thread scheduler: the dispatch budget, rescheduling
+// inside a dispatch run, wake-up coalescing, references on and off the main
+// thread, dropping on release, and scheduling after stop.
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "probe.h"
+#include "runtime/clock.h"
+#include "runtime/events.h"
+#include "runtime/napi_util.h"
+#include "runtime/runtime.h"
+#include "runtime/scheduler.h"
+#include "runtime/spawn.h"
+#include "runtime/sync_wait.h"
+#include "runtime/thread_id.h"
+
+namespace ostrel::probe {
+namespace {
+
+scheduler& sched() { return scheduler::instance(); }
+
+void busy_wait_ms(double ms) {
+  const std::int64_t end = monotonic_ns() + static_cast<std::int64_t>(ms * 1e6);
+  while (monotonic_ns() < end) {
+  }
+}
+
+// Start times (ms since the batch was queued) of `count` tasks that each
+// busy-wait `each_ms` on the main thread, all queued at once from a worker.
+Napi::Value queue_busy_work(const Napi::CallbackInfo& info) {
+  check_arg_types(info, {napi_number, napi_number});
+  const int count = info[0].As<Napi::Number>().Int32Value();
+  const double each_ms = info[1].As<Napi::Number>().DoubleValue();
+  auto p = std::make_shared<promise>(info.Env());
+  Napi::Value result = p->value();
+
+  struct batch {
+    std::int64_t queued_at = 0;
+    std::vector<double> starts;
+    std::uint64_t runs_before = 0;
+    std::atomic<int> remaining{0};
+  };
+  auto b = std::make_shared<batch>();
+  b->remaining = count;
+  b->runs_before = sched().dispatch_runs();
+  start_async([](std::shared_ptr<promise> p, std::shared_ptr<batch> b, int count, double each_ms) -> task<void> {
+    auto done = std::make_shared<async_auto_reset_event>();
+    b->queued_at = monotonic_ns();
+    for (int i = 0; i < count; ++i) {
+      spawn(
+          [](std::shared_ptr<batch> b, double each_ms, std::shared_ptr<async_auto_reset_event> done) -> task<void> {
+            co_await sched().schedule();
+            b->starts.push_back(static_cast<double>(monotonic_ns() - b->queued_at) / 1e6);
+            busy_wait_ms(each_ms);
+            if (--b->remaining == 0) done->set();
+          }(b, each_ms, done),
+          runtime::alive());
+    }
+    co_await *done;
+    co_await sched().schedule();
+    Napi::Env env(sched().env());
+    Napi::Object out = Napi::Object::New(env);
+    Napi::Array starts = Napi::Array::New(env, b->starts.size());
+    for (std::size_t i = 0; i < b->starts.size(); ++i) starts.Set(static_cast<uint32_t>(i), b->starts[i]);
+    out.Set("starts", starts);
+    out.Set("dispatchRuns", static_cast<double>(sched().dispatch_runs() - b->runs_before));
+    p->resolve(out);
+  }(p, b, count, each_ms));
+  return result;
+}
+
+// A task on the main thread schedules itself again from inside the dispatch
+// callback; resolves with the dispatch runs that took.
+Napi::Value reschedule_inside_callback(const Napi::CallbackInfo& info) {
+  auto p = std::make_shared<promise>(info.Env());
+  Napi::Value result = p->value();
+  start_async([](std::shared_ptr<promise> p) -> task<void> {
+    co_await sched().schedule();
+    const std::uint64_t first = sched().dispatch_runs();
+    co_await sched().schedule();
+    const std::uint64_t second = sched().dispatch_runs();
+    Napi::Env env(sched().env());
+    Napi::Object out = Napi::Object::New(env);
+    out.Set("first", static_cast<double>(first));
+    out.Set("second", static_cast<double>(second));
+    out.Set("onMain", sched().is_main_thread());
+    p->resolve(out);
+  }(p));
+  return result;
+}
+
+// Queues `count` tasks from another thread while the main thread is busy in
+// this call; resolves with the dispatch runs it took to run them all.
+Napi::Value coalesce(const Napi::CallbackInfo& info) {
+  const int count = info[0].As<Napi::Number>().Int32Value();
+  auto p = std::make_shared<promise>(info.Env());
+  Napi::Value result = p->value();
+  sched().add_ref();
+  const std::uint64_t before = sched().dispatch_runs();
+  auto remaining = std::make_shared<std::atomic<int>>(count);
+  std::thread producer([&] {
+    for (int i = 0; i < count; ++i) {
+      spawn(
+          [](std::shared_ptr<std::atomic<int>> remaining, std::shared_ptr<promise> p,
+             std::uint64_t before) -> task<void> {
+            co_await sched().schedule();
+            if (--*remaining == 0) {
+              p->resolve(Napi::Number::New(sched().env(), static_cast<double>(sched().dispatch_runs() - before)));
+              sched().release();
+            }
+          }(remaining, p, before),
+          runtime::alive());
+    }
+  });
+  producer.join();
+  return result;
+}
+
+Napi::Value add_ref(const Napi::CallbackInfo& info) {
+  sched().add_ref();
+  return Napi::Number::New(info.Env(), sched().ref_count());
+}
+
+Napi::Value release(const Napi::CallbackInfo& info) {
+  sched().release();
+  return Napi::Number::New(info.Env(), sched().ref_count());
+}
+
+Napi::Value ref_count(const Napi::CallbackInfo& info) { return Napi::Number::New(info.Env(), sched().ref_count()); }
+
+// add_ref or release from a plain thread; returns the count afterwards.
+Napi::Value off_main(const Napi::CallbackInfo& info, bool add) {
+  std::thread t([add] { add ? sched().add_ref() : sched().release(); });
+  t.join();
+  return Napi::Number::New(info.Env(), sched().ref_count());
+}
+
+// Takes the first reference, queues a task from another thread, then drops
+// the reference before the loop can run it. Returns a function telling
+// whether the task ever ran.
+Napi::Value drop_queued_on_release(const Napi::CallbackInfo& info) {
+  auto ran = std::make_shared<std::atomic<bool>>(false);
+  sched().add_ref();
+  std::thread t([ran] {
+    spawn(
+        [](std::shared_ptr<std::atomic<bool>> ran) -> task<void> {
+          co_await sched().schedule();
+          *ran = true;
+        }(ran),
+        runtime::alive());
+  });
+  t.join();
+  const double queued = static_cast<double>(sched().queued());
+  sched().release();
+  Napi::Object out = Napi::Object::New(info.Env());
+  out.Set("queuedBeforeRelease", queued);
+  out.Set("queuedAfterRelease", static_cast<double>(sched().queued()));
+  out.Set("ran", Napi::Function::New(info.Env(), [ran](const Napi::CallbackInfo& i) {
+            return Napi::Boolean::New(i.Env(), ran->load());
+          }));
+  return out;
+}
+
+Napi::Value stop_scheduler(const Napi::CallbackInfo& info) {
+  sched().stop();
+  return info.Env().Undefined();
+}
+
+// Awaits schedule() on a plain thread; reports the thread before and after.
+Napi::Value schedule_from_thread(const Napi::CallbackInfo& info) {
+  std::uint64_t before = 0, after = 0;
+  std::thread t([&] {
+    sync_wait([](std::uint64_t& before, std::uint64_t& after) -> task<void> {
+      before = current_thread_id();
+      co_await sched().schedule();
+      after = current_thread_id();
+    }(before, after));
+  });
+  t.join();
+  Napi::Object out = Napi::Object::New(info.Env());
+  out.Set("sameThread", before == after);
+  out.Set("mainThreadId", static_cast<double>(current_thread_id()));
+  out.Set("threadId", static_cast<double>(after));
+  return out;
+}
+
+Napi::Value to_object(const Napi::CallbackInfo& info) {
+  std::map<std::string, std::string> values;
+  Napi::Object in = info[0].As<Napi::Object>();
+  Napi::Array keys = in.GetPropertyNames();
+  for (uint32_t i = 0; i < keys.Length(); ++i) {
+    std::string key = keys.Get(i).As<Napi::String>();
+    values[key] = in.Get(key).As<Napi::String>().Utf8Value();
+  }
+  if (info.Length() > 1 && info[1].ToBoolean()) {
+    std::string message;
+    std::thread t([&] {
+      try {
+        to_script_object(nullptr, values);
+      } catch (const std::exception& e) {
+        message = e.what();
+      }
+    });
+    t.join();
+    return Napi::String::New(info.Env(), message);
+  }
+  return Napi::Value(info.Env(), to_script_object(info.Env(), values));
+}
+
+void register_scheduler_probes(Napi::Env env, Napi::Object exports) {
+  exports.Set("queueBusyWork", Napi::Function::New(env, queue_busy_work));
+  exports.Set("rescheduleInsideCallback", Napi::Function::New(env, reschedule_inside_callback));
+  exports.Set("coalesce", Napi::Function::New(env, coalesce));
+  exports.Set("addRef", Napi::Function::New(env, add_ref));
+  exports.Set("release", Napi::Function::New(env, release));
+  exports.Set("refCount", Napi::Function::New(env, ref_count));
+  exports.Set("addRefOffMain",
+              Napi::Function::New(env, [](const Napi::CallbackInfo& i) { return off_main(i, true); }));
+  exports.Set("releaseOffMain",
+              Napi::Function::New(env, [](const Napi::CallbackInfo& i) { return off_main(i, false); }));
+  exports.Set("dropQueuedOnRelease", Napi::Function::New(env, drop_queued_on_release));
+  exports.Set("stopScheduler", Napi::Function::New(env, stop_scheduler));
+  exports.Set("scheduleFromThread", Napi::Function::New(env, schedule_from_thread));
+  exports.Set("toScriptObject", Napi::Function::New(env, to_object));
+}
+
+probe_part part(register_scheduler_probes);
+
+}  // namespace
+}  // namespace ostrel::probe

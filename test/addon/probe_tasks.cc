@@ -1,0 +1,150 @@
+// Probes of task start-up and failure: spawn's log lines for each kind of
+// failure on and off the main thread, start_async's reference per
+// operation, promise rejection and error delivery, timed waits on the I/O
+// service, and clean-up with work still in flight.
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+
+#include "probe.h"
+#include "runtime/clock.h"
+#include "runtime/napi_util.h"
+#include "runtime/runtime.h"
+#include "runtime/scheduler.h"
+#include "runtime/spawn.h"
+
+namespace ostrel::probe {
+namespace {
+
+scheduler& sched() { return scheduler::instance(); }
+
+struct not_an_exception {};
+
+// Throws the failure of `kind` from a spawned task, on the main thread or on
+// a plain thread. Off the main thread the Node-API error is an empty one:
+// any other would make Node-API calls on that thread (node-addon-api's move
+// constructor drops the cached message).
+Napi::Value spawn_failure(const Napi::CallbackInfo& info) {
+  check_arg_types(info, {napi_string, napi_boolean});
+  const std::string kind = info[0].As<Napi::String>();
+  const bool on_main = info[1].As<Napi::Boolean>();
+  std::shared_ptr<Napi::Error> napi_error;
+  if (kind == "napi") {
+    napi_error = on_main ? std::make_shared<Napi::Error>(Napi::Error::New(info.Env(), "probe napi failure"))
+                         : std::make_shared<Napi::Error>();
+  }
+  auto failing = [](std::string kind, std::shared_ptr<Napi::Error> napi_error) -> task<void> {
+    if (kind == "napi") throw std::move(*napi_error);
+    if (kind == "std") throw std::runtime_error("probe std failure");
+    throw not_an_exception{};
+    co_return;
+  };
+  if (on_main) {
+    spawn(failing(kind, napi_error), runtime::alive());
+  } else {
+    std::thread t([&] { spawn(failing(kind, napi_error), runtime::alive()); });
+    t.join();
+  }
+  return info.Env().Undefined();
+}
+
+// A task that hops to the main thread and throws a Node-API error there,
+// inside the scheduler's dispatch: it must reach 'uncaughtException'.
+Napi::Value throw_on_dispatch(const Napi::CallbackInfo& info) {
+  check_arg_types(info, {napi_string});
+  start_async([](std::string message) -> task<void> {
+    co_await sched().schedule();
+    throw Napi::Error::New(sched().env(), message);
+  }(info[0].As<Napi::String>()));
+  return info.Env().Undefined();
+}
+
+// A promise settled after `ms` on the I/O service's timer, through
+// start_async; resolves with the milliseconds actually waited.
+Napi::Value delay(const Napi::CallbackInfo& info) {
+  check_arg_types(info, {napi_number});
+  const double ms = info[0].As<Napi::Number>().DoubleValue();
+  auto p = std::make_shared<promise>(info.Env());
+  Napi::Value result = p->value();
+  start_async([](std::shared_ptr<promise> p, double ms) -> task<void> {
+    const std::int64_t start = monotonic_ns();
+    co_await runtime::io()->schedule_after(std::chrono::milliseconds(static_cast<std::int64_t>(ms)));
+    const bool on_service_thread = runtime::io()->is_service_thread();
+    const double waited = static_cast<double>(monotonic_ns() - start) / 1e6;
+    co_await sched().schedule();
+    Napi::Object out = Napi::Object::New(sched().env());
+    out.Set("waited", waited);
+    out.Set("onServiceThread", on_service_thread);
+    out.Set("refCount", static_cast<double>(sched().ref_count()));
+    p->resolve(out);
+  }(p, ms));
+  return result;
+}
+
+Napi::Value reject_with(const Napi::CallbackInfo& info) {
+  check_arg_count(info, 1);
+  check_arg_types(info, {napi_string});
+  auto p = std::make_shared<promise>(info.Env());
+  Napi::Value result = p->value();
+  start_async(reject_on_main(p, info[0].As<Napi::String>()));
+  return result;
+}
+
+Napi::Value callback_error(const Napi::CallbackInfo& info) {
+  check_arg_count(info, 2);
+  check_arg_types(info, {napi_function, napi_string});
+  auto fn = std::make_shared<function_ref>(info[0].As<Napi::Function>());
+  start_async(deliver_error(fn, info[1].As<Napi::String>()));
+  return info.Env().Undefined();
+}
+
+// The argument checks an export with (string, string, function) makes.
+Napi::Value check_args(const Napi::CallbackInfo& info) {
+  check_arg_count(info, 3);
+  check_arg_types(info, {napi_string, napi_string, napi_function});
+  return Napi::Boolean::New(info.Env(), true);
+}
+
+Napi::Value check_args_type_error(const Napi::CallbackInfo& info) {
+  check_arg_count_type_error(info, 1);
+  return info[0];
+}
+
+// Keeps `count` tasks cycling between the pool, the timer and the main
+// thread, calling `fn(i)` on the main thread each round, until the process
+// ends. For clean-up with work in flight.
+Napi::Value churn(const Napi::CallbackInfo& info) {
+  check_arg_types(info, {napi_number, napi_function});
+  const int count = info[0].As<Napi::Number>().Int32Value();
+  auto fn = std::make_shared<function_ref>(info[1].As<Napi::Function>());
+  for (int i = 0; i < count; ++i) {
+    start_async([](std::shared_ptr<function_ref> fn, int i) -> task<void> {
+      for (;;) {
+        co_await runtime::io()->schedule_after(std::chrono::milliseconds(1 + i % 5));
+        co_await runtime::pool()->schedule();
+        co_await sched().schedule();
+        if (!sched().is_main_thread()) co_return;  // stopped: the environment is gone
+        fn->value().Call({Napi::Number::New(sched().env(), i)});
+      }
+    }(fn, i));
+  }
+  return info.Env().Undefined();
+}
+
+void register_task_probes(Napi::Env env, Napi::Object exports) {
+  exports.Set("spawnFailure", Napi::Function::New(env, spawn_failure));
+  exports.Set("delay", Napi::Function::New(env, delay));
+  exports.Set("throwOnDispatch", Napi::Function::New(env, throw_on_dispatch));
+  exports.Set("rejectWith", Napi::Function::New(env, reject_with));
+  exports.Set("callbackError", Napi::Function::New(env, callback_error));
+  exports.Set("checkArgs", Napi::Function::New(env, check_args));
+  exports.Set("checkArgsTypeError", Napi::Function::New(env, check_args_type_error));
+  exports.Set("churn", Napi::Function::New(env, churn));
+}
+
+probe_part part(register_task_probes);
+
+}  // namespace
+}  // namespace ostrel::probe

@@ -1,2 +1,0 @@
-#include <napi.h>
-NAPI_MODULE_INIT() { return exports; }
