@@ -46,16 +46,6 @@ void register_media_player(Napi::Env env, Napi::Object exports) {
 void register_read_media_duration(Napi::Env env, Napi::Object exports) {
   attach_pending(env, exports, "ReadMediaDuration");
 }
-void register_reporters(Napi::Env env, Napi::Object exports) {
-  attach_pending(env, exports, "RegisterTvkReporter");
-  attach_pending(env, exports, "ReportTest");
-  attach_pending(env, exports, "UnRegisterTvkReporters");
-}
-void register_tracers(Napi::Env env, Napi::Object exports) {
-  attach_pending(env, exports, "RegisterTracer");
-  attach_pending(env, exports, "UnRegisterTracers");
-}
-void register_fact(Napi::Env env, Napi::Object exports) { attach_pending(env, exports, "RegisterFact"); }
 void register_init_corvex(Napi::Env env, Napi::Object exports) { attach_pending(env, exports, "InitCorvexSync"); }
 
 }  // namespace ostrel::exports

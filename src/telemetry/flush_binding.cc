@@ -1,0 +1,132 @@
+// Timed flushing of the aggregated call statistics to the tracers.
+//
+// Recording a statistic is a map update under the aggregator's lock on the
+// caller's thread, never a task or a script call. At most one flush attempt
+// is pending at any time (api_stats' attempt flag): the first record that
+// finds no attempt pending starts one, every later record rides on it. An
+// attempt that may not flush yet waits once for 500 ms on the I/O service's
+// timer and asks again; if it still may not (no tracer registered, or the
+// scheduler stopped), it writes "shouldFlush failed again, ..." and ends,
+// leaving the entries for the attempt of a later record. With a tracer
+// registered a stream of records therefore costs one timer and one flush per
+// 500 ms, one span per name per flush, instead of one task and one parked
+// timer per record.
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "runtime/clock.h"
+#include "runtime/log.h"
+#include "runtime/runtime.h"
+#include "runtime/scheduler.h"
+#include "runtime/spawn.h"
+#include "main/version.h"
+#include "telemetry_binding.h"
+#include "telemetry_state.h"
+
+namespace ostrel::telemetry {
+
+namespace {
+
+constexpr auto flush_wait = std::chrono::milliseconds(500);
+
+// The granted attempt, owned by the attempt's coroutine frame: however the
+// frame ends (finished, or freed unrun at clean-up) the attempt is over.
+class flush_ticket {
+ public:
+  flush_ticket() noexcept = default;
+  flush_ticket(flush_ticket&& other) noexcept : active_(std::exchange(other.active_, false)) {}
+  flush_ticket& operator=(flush_ticket&&) = delete;
+  ~flush_ticket() { end(); }
+  void end() noexcept {
+    if (std::exchange(active_, false)) global().stats.end_flush_attempt();
+  }
+
+ private:
+  bool active_ = true;
+};
+
+bool should_flush_now() {
+  return global().stats.should_flush(!tracers().empty(), !scheduler::instance().is_stopped(), monotonic_ns());
+}
+
+void set_attribute(Napi::Function set, Napi::Object span, const char* key, napi_value value) {
+  set.Call(span, {Napi::String::New(span.Env(), key), value});
+}
+
+// One span "api_stat" per entry and tracer, with the eight attributes in
+// their fixed order; a tracer or span lacking a method is logged and skipped.
+void send_span(Napi::Env env, Napi::Object tracer, const ApiStatEntry& e) {
+  Napi::Value start = tracer.Get("startSpan");
+  if (!start.IsFunction()) {
+    log::err("startSpan is not function");
+    return;
+  }
+  Napi::Value span_value = start.As<Napi::Function>().Call(tracer, {Napi::String::New(env, "api_stat")});
+  if (!span_value.IsObject()) {
+    log::err("span is not object");
+    return;
+  }
+  Napi::Object span = span_value.As<Napi::Object>();
+  Napi::Value set_value = span.Get("setAttribute");
+  if (!set_value.IsFunction()) {
+    log::err("setAttribute is not function");
+    return;
+  }
+  Napi::Function set = set_value.As<Napi::Function>();
+  set_attribute(set, span, "dim_9", Napi::String::New(env, version_text));
+  set_attribute(set, span, "dim_0", Napi::String::New(env, e.name));
+  set_attribute(set, span, "indsum_0", Napi::Number::New(env, e.count));
+  set_attribute(set, span, "indsum_1", Napi::Number::New(env, e.other));
+  set_attribute(set, span, "indsum_2", Napi::Number::New(env, static_cast<double>(e.sum)));
+  set_attribute(set, span, "dim_1", Napi::Number::New(env, e.code));
+  set_attribute(set, span, "dim_2", Napi::String::New(env, e.message));
+  set_attribute(set, span, "indavg_0", Napi::Number::New(env, static_cast<double>(e.max)));
+  Napi::Value end = span.Get("end");
+  if (end.IsFunction()) {
+    end.As<Napi::Function>().Call(span, {});
+  } else {
+    log::err("end is not function");
+  }
+}
+
+task<void> send_spans(std::vector<ApiStatEntry> entries) {
+  auto& s = scheduler::instance();
+  co_await s.schedule();
+  if (!s.is_main_thread() || !s.env()) co_return;  // stopped meanwhile: nobody to tell
+  Napi::Env env(s.env());
+  Napi::HandleScope scope(env);
+  std::vector<Napi::Object> targets = tracers().snapshot();
+  for (const ApiStatEntry& entry : entries) {
+    for (Napi::Object tracer : targets) {
+      Napi::HandleScope per_span(env);
+      send_span(env, tracer, entry);
+    }
+  }
+}
+
+task<void> flush_attempt(flush_ticket ticket) {
+  if (!should_flush_now()) {
+    io_service* io = runtime::io();
+    if (!io) co_return;
+    co_await io->schedule_after(flush_wait);
+    if (!should_flush_now()) {
+      auto elapsed = static_cast<std::int64_t>(global().stats.elapsed_ms(monotonic_ns()));
+      log::out("shouldFlush failed again, the current time duration is " + std::to_string(elapsed));
+      co_return;
+    }
+  }
+  // Ended before the take: a record that lands after it starts a new attempt.
+  ticket.end();
+  std::vector<ApiStatEntry> entries = global().stats.take_entries(monotonic_ns());
+  if (entries.empty()) co_return;
+  co_await send_spans(std::move(entries));
+}
+
+}  // namespace
+
+void start_flush_attempt() { start_async(flush_attempt(flush_ticket())); }
+
+}  // namespace ostrel::telemetry

@@ -1,0 +1,74 @@
+// The script-facing half of telemetry: the registries of reporters, tracers
+// and fact sinks, the record conversion, and the tasks that deliver events,
+// facts and statistic spans on the main thread.
+#pragma once
+
+#include <napi.h>
+
+#include <atomic>
+#include <cstddef>
+#include <mutex>
+#include <vector>
+
+#include "runtime/task.h"
+#include "tvk_record.h"
+
+namespace ostrel::telemetry {
+
+// Script objects in registration order, each held by a persistent reference.
+// Changed on the main thread only; its size may be read from any thread.
+class script_registry {
+ public:
+  // `on_size` (may be null) hears every new size, under the registry's lock.
+  script_registry(bool keeps_loop_alive, void (*on_size)(std::size_t)) noexcept
+      : keeps_loop_alive_(keeps_loop_alive), on_size_(on_size) {}
+
+  // Appends `object`; a registry that keeps the loop alive takes one
+  // scheduler reference per object. Installs the registry's clean-up hook
+  // for `env` once.
+  std::size_t add(Napi::Env env, Napi::Object object);
+  // Drops every reference and the scheduler references taken for them.
+  void clear();
+  std::size_t size() const noexcept { return size_.load(std::memory_order_acquire); }
+  bool empty() const noexcept { return size() == 0; }
+  // The registered objects as values of the current handle scope, so that
+  // calling into script may register or unregister meanwhile.
+  std::vector<Napi::Object> snapshot() const;
+
+ private:
+  static void on_env_teardown(void* self);
+
+  void set_size_locked(std::size_t n);
+
+  const bool keeps_loop_alive_;
+  void (*const on_size_)(std::size_t);
+  mutable std::mutex mutex_;
+  std::vector<Napi::ObjectReference> refs_;
+  std::atomic<std::size_t> size_{0};
+  std::size_t loop_refs_ = 0;
+  napi_env hooked_env_ = nullptr;
+};
+
+// Process-wide; never destroyed, so that nothing touches a dead
+// environment while the process exits.
+script_registry& reporters();
+script_registry& tracers();
+script_registry& fact_sinks();
+
+// The record as a script object, properties in the record's order. Main
+// thread only; elsewhere throws std::runtime_error("Must be called from main thread").
+Napi::Object to_script_object(Napi::Env env, const TvkRecord& record);
+
+// Delivers the queued events to every reporter (see delivery_binding.cc).
+task<void> deliver_events();
+// Delivers the queued facts to every fact sink.
+task<void> deliver_facts();
+
+// Starts a flush attempt for the attempt that api_stats has just granted
+// (see flush_binding.cc).
+void start_flush_attempt();
+
+// Makes telemetry.h start the delivery tasks of this module.
+void install_delivery_hooks();
+
+}  // namespace ostrel::telemetry
