@@ -11,8 +11,8 @@ namespace {
 // One lock for both streams keeps a failure line and the progress line that
 // explains it in the order they were written.
 std::mutex& stream_lock() {
-  static std::mutex m;
-  return m;
+  static std::mutex* m = new std::mutex();  // outlives static teardown
+  return *m;
 }
 
 void write_line(std::FILE* stream, std::string_view a, std::string_view b = {}) {

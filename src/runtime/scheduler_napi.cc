@@ -21,8 +21,10 @@ void check_scope(napi_status status, const char* cls, const char* fn) {
 }  // namespace
 
 scheduler& scheduler::instance() {
-  static scheduler s;
-  return s;
+  // Never destroyed: worker threads may still schedule while the process's
+  // static objects are being torn down.
+  static scheduler* s = new scheduler();
+  return *s;
 }
 
 void scheduler::init(uv_loop_t* loop, napi_env env) {

@@ -1,0 +1,94 @@
+'use strict';
+// The main-thread scheduler, driven through the runtime probe: its budget,
+// coalesced wake-ups, references, and what happens after release and stop.
+const test = require('node:test');
+const assert = require('node:assert/strict');
+const { loadProbe, runChild, buildDir } = require('./helpers');
+
+const probePath = require('path').join(buildDir(), 'test', 'runtime_probe.node').replace(/\\/g, '/');
+const probe = loadProbe();
+
+test('dispatch budget', async (t) => {
+  await t.test('150 ms of queued work runs about 100 ms, then the rest no sooner than 100 ms later', async () => {
+    const { starts } = await probe.queueBusyWork(15, 10);
+    assert.equal(starts.length, 15);
+    // The first run ends with the first task that pushes it past 100 ms.
+    let gapAt = -1;
+    for (let i = 1; i < starts.length; i++) {
+      if (starts[i] - starts[i - 1] > 60) {
+        gapAt = i;
+        break;
+      }
+    }
+    assert.ok(gapAt > 0, `no pause between runs: ${starts.join(', ')}`);
+    const firstRunEnd = starts[gapAt - 1] + 10;
+    assert.ok(firstRunEnd >= 100, `first run ended after ${firstRunEnd} ms`);
+    assert.ok(starts[gapAt - 1] < 100 + 10, `first run went on to ${starts[gapAt - 1]} ms`);
+    assert.ok(starts[gapAt] - firstRunEnd >= 99, `rest resumed ${starts[gapAt] - firstRunEnd} ms after the budget ran out`);
+  });
+
+  await t.test('a task that schedules itself again inside the callback runs in the same run', async () => {
+    const r = await probe.rescheduleInsideCallback();
+    assert.equal(r.onMain, true);
+    assert.equal(r.second, r.first);
+  });
+
+  await t.test('many schedules before the callback runs cost one callback', async () => {
+    const runs = await probe.coalesce(2000);
+    assert.ok(runs <= 2, `${runs} dispatch runs for 2000 queued tasks`);
+  });
+});
+
+test('references', async (t) => {
+  await t.test('add_ref off the main thread from 0 stays 0 and logs; from 2 it becomes 3', () => {
+    const r = runChild(`
+      const p = require(${JSON.stringify(probePath)});
+      const first = p.addRefOffMain();
+      p.addRef(); p.addRef();
+      const third = p.addRefOffMain();
+      const afterRelease = p.releaseOffMain();
+      p.release(); p.release(); p.release();
+      console.log(JSON.stringify({ first, third, afterRelease, end: p.refCount() }));
+    `);
+    assert.equal(r.status, 0, r.stderr);
+    const out = JSON.parse(r.stdout.split('\n').find((l) => l.startsWith('{')));
+    assert.deepEqual(out, { first: 0, third: 3, afterRelease: 2, end: 0 });
+    assert.equal(r.stderr.split('Call AddRef in non-main thread').length - 1, 2);
+    assert.equal(r.stderr.split('Call Release in non-main thread').length - 1, 1);
+  });
+
+  await t.test('releasing the last reference drops queued work', async () => {
+    const r = probe.dropQueuedOnRelease();
+    assert.equal(r.queuedBeforeRelease, 1);
+    assert.equal(r.queuedAfterRelease, 0);
+    await new Promise((resolve) => setTimeout(resolve, 150));
+    assert.equal(r.ran(), false);
+  });
+
+  await t.test('a pending operation keeps the process alive; the reference goes when it ends', () => {
+    const r = runChild(`
+      const p = require(${JSON.stringify(probePath)});
+      p.delay(300).then((v) => console.log('settled', v.refCount, p.refCount()));
+    `);
+    assert.equal(r.status, 0, r.stderr);
+    assert.match(r.stdout, /settled 1 0/);
+  });
+});
+
+test('after stop, schedule logs and resumes on the awaiting thread', () => {
+  const r = runChild(`
+    const p = require(${JSON.stringify(probePath)});
+    p.stopScheduler();
+    console.log(JSON.stringify(p.scheduleFromThread()));
+  `);
+  assert.equal(r.status, 0, r.stderr);
+  assert.match(r.stdout, /^schedule_impl stop, destroy the waiting operation$/m);
+  const out = JSON.parse(r.stdout.split('\n').find((l) => l.startsWith('{')));
+  assert.equal(out.sameThread, true);
+  assert.notEqual(out.threadId, out.mainThreadId);
+});
+
+test('to_script_object keeps key order and refuses other threads', () => {
+  assert.deepEqual(Object.entries(probe.toScriptObject({ b: '2', a: '1', c: 'é' })), [['a', '1'], ['b', '2'], ['c', 'é']]);
+  assert.equal(probe.toScriptObject({ a: '1' }, true), 'not main thread');
+});

@@ -1,0 +1,116 @@
+'use strict';
+// Tasks as exports use them: argument checks, promises and error delivery,
+// spawn's failure lines, timed waits, the pool's size, and clean-up with
+// work still in flight.
+const test = require('node:test');
+const assert = require('node:assert/strict');
+const os = require('os');
+const { loadProbe, runChild, buildDir } = require('./helpers');
+
+const probePath = require('path').join(buildDir(), 'test', 'runtime_probe.node').replace(/\\/g, '/');
+const probe = loadProbe();
+const load = `const p = require(${JSON.stringify(probePath)});`;
+
+test('argument checks', async (t) => {
+  await t.test('a wrong count throws "Wrong number of arguments" synchronously', () => {
+    assert.throws(() => probe.checkArgs('a', 'b'), (e) => e.constructor === Error && e.message === 'Wrong number of arguments' && !('code' in e));
+    assert.throws(() => probe.checkArgs('a', 'b', () => {}, 1), { message: 'Wrong number of arguments' });
+  });
+  await t.test('a wrong type throws "Wrong arguments"', () => {
+    assert.throws(() => probe.checkArgs(1, 'b', () => {}), { message: 'Wrong arguments' });
+    assert.throws(() => probe.checkArgs('a', 'b', 'not a function'), { message: 'Wrong arguments' });
+    assert.equal(probe.checkArgs('a', 'b', () => {}), true);
+  });
+  await t.test('the telemetry form throws a TypeError', () => {
+    assert.throws(() => probe.checkArgsTypeError(), (e) => e instanceof TypeError && e.message === 'Wrong number of arguments');
+  });
+});
+
+test('settling and delivering failures', async (t) => {
+  await t.test('a rejection is an Error with the failure text and no code', async () => {
+    await assert.rejects(probe.rejectWith('disk on fire'), (e) => e instanceof Error && e.message === 'disk on fire' && !('code' in e));
+  });
+  await t.test('a failure delivered to a callback is an Error', async () => {
+    const error = await new Promise((resolve) => probe.callbackError(resolve, 'no such folder'));
+    assert.ok(error instanceof Error);
+    assert.equal(error.message, 'no such folder');
+  });
+});
+
+test('spawn logs each kind of failure', async (t) => {
+  const run = (kind, onMain) => runChild(`${load}
+    try { p.spawnFailure(${JSON.stringify(kind)}, ${onMain}); } catch (e) { console.log('THROWN ' + e.message); }`);
+
+  await t.test('a standard exception, on and off the main thread', () => {
+    for (const onMain of [true, false]) {
+      const r = run('std', onMain);
+      assert.equal(r.status, 0, r.stderr);
+      assert.match(r.stdout, /^Ostrel Spawn Exception probe std failure$/m);
+    }
+  });
+  await t.test('anything else', () => {
+    for (const onMain of [true, false]) {
+      const r = run('other', onMain);
+      assert.match(r.stdout, /^Ostrel Spawn Error\.\.\.$/m);
+    }
+  });
+  await t.test('a script error on the main thread is logged and thrown into script', () => {
+    const r = run('napi', true);
+    assert.match(r.stdout, /^Ostrel Spawn Napi::Error probe napi failure$/m);
+    assert.match(r.stdout, /^THROWN probe napi failure$/m);
+    assert.doesNotMatch(r.stderr, /in thread #/);
+  });
+  await t.test('a script error on a worker gives two lines, one with the thread number', () => {
+    const r = run('napi', false);
+    assert.match(r.stdout, /^Ostrel Spawn Napi::Error $/m);
+    assert.match(r.stderr, /^Ostrel Spawn Napi::Error in thread #\d+$/m);
+    assert.doesNotMatch(r.stdout, /THROWN/);
+  });
+  await t.test('a script error raised inside a dispatch reaches uncaughtException and work goes on', () => {
+    const r = runChild(`${load}
+      process.on('uncaughtException', (e) => console.log('UNCAUGHT ' + e.message));
+      p.throwOnDispatch('late failure');
+      p.delay(50).then(() => console.log('STILL RUNNING'));`);
+    assert.equal(r.status, 0, r.stderr);
+    assert.match(r.stdout, /^Ostrel Spawn Napi::Error late failure$/m);
+    assert.match(r.stdout, /^UNCAUGHT late failure$/m);
+    assert.match(r.stdout, /^STILL RUNNING$/m);
+  });
+});
+
+test('timed waits on the I/O service never wake early', async () => {
+  const waits = [1, 2, 5, 10, 16, 25, 40, 60, 100];
+  const results = await Promise.all(waits.map((ms) => probe.delay(ms)));
+  results.forEach((r, i) => {
+    assert.ok(r.waited >= waits[i], `${waits[i]} ms wait woke after ${r.waited} ms`);
+    assert.equal(r.onServiceThread, true);
+  });
+});
+
+test('the pool has max(4, hardware threads) workers', () => {
+  assert.equal(probe.poolSize(), Math.max(4, os.cpus().length));
+  for (const [hw, expected] of [[2, 4], [16, 16], [1, 4]]) {
+    const r = runChild(`${load} console.log('POOL ' + p.poolSize());`, { env: { OSTREL_PROBE_HARDWARE_THREADS: String(hw) } });
+    assert.match(r.stdout, new RegExp(`^POOL ${expected}$`, 'm'));
+  }
+});
+
+test('clean-up with work in flight', async (t) => {
+  await t.test('process.exit while tasks cycle: one clean-up line, no callback afterwards, no crash', () => {
+    const r = runChild(`${load}
+      let calls = 0;
+      p.churn(32, () => { calls++; });
+      setTimeout(() => { console.log('CALLS ' + calls); process.exit(0); }, 300);
+      process.on('exit', () => { console.log('EXITING'); });`);
+    assert.equal(r.status, 0, `status ${r.status} signal ${r.signal}\n${r.stderr}`);
+    assert.match(r.stdout, /^CALLS [1-9]\d*$/m);
+    const after = r.stdout.slice(r.stdout.indexOf('Ostrel Cleaning ...'));
+    assert.equal(r.stdout.split('Ostrel Cleaning ...').length - 1, 1);
+    assert.doesNotMatch(after, /CALLS/);
+  });
+  await t.test('the event loop ends by itself once nothing holds a reference', () => {
+    const r = runChild(`${load} p.delay(20).then(() => console.log('DONE'));`, { timeout: 20000 });
+    assert.equal(r.status, 0);
+    assert.match(r.stdout, /^DONE$/m);
+  });
+});

@@ -1,0 +1,180 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "runtime/clock.h"
+#include "runtime/sync_wait.h"
+#include "service_fixture.h"
+
+namespace ostrel {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::pumped_service;
+
+TEST(IoService, ScheduleResumesOnThePumpingThread) {
+  pumped_service s;
+  auto t = [](io_service& io) -> task<bool> {
+    co_await io.schedule();
+    co_return io.is_service_thread();
+  };
+  EXPECT_TRUE(sync_wait(t(s.service)));
+}
+
+TEST(IoService, TimedWaitsNeverWakeEarlyAndFireInDeadlineOrder) {
+  pumped_service s;
+  std::mutex m;
+  std::vector<int> order;
+  auto wait = [&](int ms) -> task<std::int64_t> {
+    const std::int64_t start = monotonic_ns();
+    co_await s.service.schedule_after(std::chrono::milliseconds(ms));
+    {
+      std::lock_guard lock(m);
+      order.push_back(ms);
+    }
+    co_return monotonic_ns() - start;
+  };
+  std::vector<std::future<std::int64_t>> waits;
+  for (int ms : {40, 5, 25, 1, 15, 60, 10}) {
+    waits.push_back(std::async(std::launch::async, [&, ms] { return sync_wait(wait(ms)); }));
+    std::this_thread::sleep_for(1ms);
+  }
+  const int expected_ms[] = {40, 5, 25, 1, 15, 60, 10};
+  for (std::size_t i = 0; i < waits.size(); ++i) {
+    std::int64_t waited = waits[i].get();
+    EXPECT_GE(waited, expected_ms[i] * 1'000'000LL) << expected_ms[i] << " ms woke early";
+  }
+  // Started 1 ms apart, the 60 ms wait must come last and the 1 ms one early.
+  EXPECT_EQ(order.back(), 60);
+  EXPECT_LT(std::find(order.begin(), order.end(), 1) - order.begin(),
+            std::find(order.begin(), order.end(), 40) - order.begin());
+}
+
+TEST(IoService, CancelledTimedWaitThrowsOnTheServiceThread) {
+  pumped_service s;
+  cancellation_source source;
+  auto t = [&]() -> task<bool> {
+    try {
+      co_await s.service.schedule_after(10s, source.token());
+    } catch (const operation_cancelled&) {
+      co_return s.service.is_service_thread();
+    }
+    co_return false;
+  };
+  auto result = std::async(std::launch::async, [&] { return sync_wait(t()); });
+  std::this_thread::sleep_for(20ms);
+  const std::int64_t start = monotonic_ns();
+  source.request_cancellation();
+  EXPECT_TRUE(result.get());
+  EXPECT_LT(monotonic_ns() - start, 2'000'000'000LL);
+}
+
+TEST(IoService, AlreadyCancelledTokenSkipsTheWait) {
+  pumped_service s;
+  cancellation_source source;
+  source.request_cancellation();
+  auto t = [&]() -> task<void> { co_await s.service.schedule_after(10s, source.token()); };
+  EXPECT_THROW(sync_wait(t()), operation_cancelled);
+}
+
+TEST(IoService, CancellationRacingExpiryResumesExactlyOnce) {
+  pumped_service s;
+  std::atomic<int> resumed{0};
+  for (int i = 0; i < 300; ++i) {
+    cancellation_source source;
+    auto t = [&]() -> task<void> {
+      try {
+        co_await s.service.schedule_after(std::chrono::milliseconds(i % 2), source.token());
+      } catch (const operation_cancelled&) {
+      }
+      ++resumed;
+    };
+    std::thread canceller([&] { source.request_cancellation(); });
+    sync_wait(t());
+    canceller.join();
+  }
+  EXPECT_EQ(resumed, 300);
+}
+
+TEST(IoService, StopWakesASleepingLoop) {
+  io_service service;
+  std::atomic<bool> returned{false};
+  std::thread pump([&] {
+    service.process_events();
+    returned = true;
+  });
+  std::this_thread::sleep_for(50ms);
+  EXPECT_FALSE(returned);
+  const std::int64_t start = monotonic_ns();
+  service.stop();
+  pump.join();
+  EXPECT_TRUE(returned);
+  EXPECT_LT(monotonic_ns() - start, 1'000'000'000LL);
+}
+
+TEST(IoService, StopReachesEveryPumpingThread) {
+  io_service service;
+  std::vector<std::thread> pumps;
+  for (int i = 0; i < 3; ++i) pumps.emplace_back([&] { service.process_events(); });
+  std::this_thread::sleep_for(20ms);
+  service.stop();
+  for (auto& t : pumps) t.join();
+}
+
+TEST(IoService, DestroyingTheServiceFreesTasksStillWaiting) {
+  struct tracker {
+    std::atomic<int>* alive;
+    explicit tracker(std::atomic<int>* a) : alive(a) { ++*alive; }
+    ~tracker() { --*alive; }
+  };
+  std::atomic<int> alive{0};
+  struct root {
+    struct promise_type : promise_link {
+      promise_type() { self = std::coroutine_handle<promise_type>::from_promise(*this); }
+      root get_return_object() { return {}; }
+      std::suspend_never initial_suspend() noexcept { return {}; }
+      std::suspend_never final_suspend() noexcept { return {}; }
+      void return_void() {}
+      void unhandled_exception() { std::terminate(); }
+    };
+  };
+  {
+    io_service service;
+    for (int i = 0; i < 5; ++i) {
+      [](io_service& s, std::atomic<int>* alive) -> root {
+        tracker t(alive);
+        co_await s.schedule_after(1h);
+      }(service, &alive);
+    }
+    EXPECT_EQ(alive, 5);
+  }
+  EXPECT_EQ(alive, 0);
+}
+
+TEST(ThreadPool, SizeRule) {
+  EXPECT_EQ(thread_pool::default_size(1), 4u);
+  EXPECT_EQ(thread_pool::default_size(2), 4u);
+  EXPECT_EQ(thread_pool::default_size(4), 4u);
+  EXPECT_EQ(thread_pool::default_size(16), 16u);
+}
+
+TEST(ThreadPool, RunsOnWorkersAndShutsDownWithWorkQueued) {
+  thread_pool pool(4);
+  auto t = [&]() -> task<bool> {
+    co_await pool.schedule();
+    co_return pool.is_worker_thread();
+  };
+  EXPECT_TRUE(sync_wait(t()));
+  EXPECT_EQ(pool.size(), 4u);
+  pool.shutdown();
+  pool.shutdown();  // idempotent
+  EXPECT_EQ(pool.size(), 0u);
+}
+
+}  // namespace
+}  // namespace ostrel

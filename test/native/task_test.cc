@@ -1,0 +1,120 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "runtime/coroutine_chain.h"
+#include "runtime/events.h"
+#include "runtime/sync_wait.h"
+#include "runtime/task.h"
+
+namespace ostrel {
+namespace {
+
+TEST(Task, IsLazyAndRunsWhenAwaited) {
+  bool started = false;
+  auto t = [](bool& started) -> task<int> {
+    started = true;
+    co_return 7;
+  }(started);
+  EXPECT_FALSE(started);
+  EXPECT_EQ(sync_wait(std::move(t)), 7);
+  EXPECT_TRUE(started);
+}
+
+TEST(Task, PropagatesExceptionsThroughChains) {
+  auto inner = []() -> task<std::string> {
+    throw std::runtime_error("inner failed");
+    co_return "";
+  };
+  auto outer = [&]() -> task<std::string> { co_return co_await inner() + "!"; };
+  EXPECT_THROW(
+      {
+        try {
+          sync_wait(outer());
+        } catch (const std::runtime_error& e) {
+          EXPECT_STREQ(e.what(), "inner failed");
+          throw;
+        }
+      },
+      std::runtime_error);
+}
+
+TEST(Task, AwaitingAnEmptyTaskIsABrokenPromise) {
+  auto outer = []() -> task<void> {
+    task<int> empty;
+    co_await empty;
+  };
+  EXPECT_THROW(sync_wait(outer()), broken_promise);
+}
+
+TEST(Task, LongSynchronousChainsDoNotGrowTheStack) {
+  // A million tasks completing synchronously one after another would
+  // overflow the stack without symmetric transfer.
+  auto leaf = []() -> task<int> { co_return 1; };
+  auto loop = [&]() -> task<long> {
+    long sum = 0;
+    for (int i = 0; i < 1000000; ++i) sum += co_await leaf();
+    co_return sum;
+  };
+  EXPECT_EQ(sync_wait(loop()), 1000000);
+}
+
+// A detached root frame that takes part in chains, as spawned tasks do.
+struct linked_root {
+  struct promise_type : promise_link {
+    promise_type() { self = std::coroutine_handle<promise_type>::from_promise(*this); }
+    linked_root get_return_object() { return {}; }
+    std::suspend_never initial_suspend() noexcept { return {}; }
+    std::suspend_never final_suspend() noexcept { return {}; }
+    void return_void() {}
+    void unhandled_exception() { std::terminate(); }
+  };
+};
+
+struct tracker {
+  int* alive;
+  explicit tracker(int* a) : alive(a) { ++*alive; }
+  ~tracker() { --*alive; }
+};
+
+// Destroying a parked chain from its innermost frame frees every frame once:
+// the event's destructor frees the tasks still waiting on it.
+TEST(CoroutineChain, DestroyFromInnermostFreesTheWholeChain) {
+  int alive = 0;
+  auto event = std::make_unique<async_auto_reset_event>();
+  auto inner = [](int* alive, async_auto_reset_event* e) -> task<void> {
+    tracker t(alive);
+    co_await *e;
+  };
+  auto outer = [&](int* alive) -> task<void> {
+    tracker t(alive);
+    co_await inner(alive, event.get());
+  };
+  [&](int* alive) -> linked_root {
+    tracker t(alive);
+    co_await outer(alive);
+  }(&alive);
+  EXPECT_EQ(alive, 3);
+  event.reset();
+  EXPECT_EQ(alive, 0);
+}
+
+TEST(CoroutineChain, ResumingTheChainRunsItToTheEnd) {
+  int alive = 0;
+  bool finished = false;
+  async_auto_reset_event event;
+  [](int* alive, bool* finished, async_auto_reset_event* e) -> linked_root {
+    tracker t(alive);
+    co_await [](async_auto_reset_event* e) -> task<void> { co_await *e; }(e);
+    *finished = true;
+  }(&alive, &finished, &event);
+  EXPECT_EQ(alive, 1);
+  event.set();
+  EXPECT_TRUE(finished);
+  EXPECT_EQ(alive, 0);
+}
+
+}  // namespace
+}  // namespace ostrel
