@@ -1,6 +1,7 @@
 // Delivery of events to reporters and of facts to fact sinks. Producers on
 // any thread only append to a queue and start one of these tasks; the tasks
 // take the queue and call script on the main thread.
+#include <exception>
 #include <stdexcept>
 #include <string>
 
@@ -25,6 +26,29 @@ Napi::Function method_of(Napi::Object target, const char* name) {
   if (!value.IsFunction()) throw std::runtime_error(std::string(name) + " is not function");
   return value.As<Napi::Function>();
 }
+
+// A target that fails (its method throws or is missing) loses the rest of
+// the batch; the others still get theirs. The first failure is rethrown
+// once every target has had its turn, so the spawn wrapper logs it (and a
+// script error still reaches script) exactly as if the delivery had ended
+// there.
+class first_failure {
+ public:
+  template <typename Fn>
+  void guard(Fn&& deliver) {
+    try {
+      deliver();
+    } catch (...) {
+      if (!error_) error_ = std::current_exception();
+    }
+  }
+  void rethrow() {
+    if (error_) std::rethrow_exception(error_);
+  }
+
+ private:
+  std::exception_ptr error_;
+};
 
 bool on_main_thread() { return scheduler::instance().is_main_thread() && scheduler::instance().env() != nullptr; }
 
@@ -64,13 +88,17 @@ task<void> deliver_events() {
   }
   Napi::Env env(scheduler::instance().env());
   Napi::HandleScope scope(env);
+  first_failure failure;
   for (Napi::Object reporter : reporters().snapshot()) {
-    for (const TvkRecord& record : batch) {
-      Napi::HandleScope per_call(env);
-      Napi::Object value = to_script_object(env, record);
-      method_of(reporter, "report").Call(reporter, {value});
-    }
+    failure.guard([&] {
+      for (const TvkRecord& record : batch) {
+        Napi::HandleScope per_call(env);
+        Napi::Object value = to_script_object(env, record);
+        method_of(reporter, "report").Call(reporter, {value});
+      }
+    });
   }
+  failure.rethrow();
 }
 
 task<void> deliver_facts() {
@@ -81,13 +109,17 @@ task<void> deliver_facts() {
   if (batch.empty()) co_return;
   Napi::Env env(scheduler::instance().env());
   Napi::HandleScope scope(env);
+  first_failure failure;
   for (Napi::Object sink : fact_sinks().snapshot()) {
-    for (const fact& f : batch) {
-      Napi::HandleScope per_call(env);
-      Napi::Value attributes(env, ostrel::to_script_object(env, f.attributes));
-      method_of(sink, "corvex").Call(sink, {Napi::String::New(env, f.name), attributes});
-    }
+    failure.guard([&] {
+      for (const fact& f : batch) {
+        Napi::HandleScope per_call(env);
+        Napi::Value attributes(env, ostrel::to_script_object(env, f.attributes));
+        method_of(sink, "corvex").Call(sink, {Napi::String::New(env, f.name), attributes});
+      }
+    });
   }
+  failure.rethrow();
 }
 
 namespace {

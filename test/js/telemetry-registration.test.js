@@ -1,0 +1,99 @@
+'use strict';
+// The registration exports: their argument checks, their log lines, and how
+// registered reporters and tracers keep the process alive until they are
+// unregistered.
+const test = require('node:test');
+const assert = require('node:assert/strict');
+const ostrel = require('../..');
+const { runChild } = require('./helpers');
+const { modulePath, probePath } = require('./telemetry-helpers');
+
+const typeError = (e) => e instanceof TypeError && e.message === 'Wrong number of arguments' && !('code' in e);
+
+test('argument checks', async (t) => {
+  await t.test('a wrong count throws a TypeError and registers nothing', () => {
+    assert.throws(() => ostrel.RegisterTvkReporter(), typeError);
+    assert.throws(() => ostrel.RegisterTvkReporter({ report() {} }, {}), typeError);
+    assert.throws(() => ostrel.RegisterTracer(), typeError);
+    assert.throws(() => ostrel.RegisterTracer({}, {}), typeError);
+    assert.throws(() => ostrel.RegisterFact(), typeError);
+    assert.throws(() => ostrel.ReportTest(), typeError);
+    assert.throws(() => ostrel.ReportTest(1, 2), typeError);
+    assert.throws(() => ostrel.UnRegisterTvkReporters(1), typeError);
+    assert.throws(() => ostrel.UnRegisterTracers(1), typeError);
+  });
+
+  await t.test('a primitive is refused with a TypeError', () => {
+    for (const bad of [1, 'reporter', null, undefined, true]) {
+      assert.throws(() => ostrel.RegisterTvkReporter(bad), (e) => e instanceof TypeError && e.message === 'Wrong arguments');
+      assert.throws(() => ostrel.RegisterTracer(bad), TypeError);
+      assert.throws(() => ostrel.RegisterFact(bad), TypeError);
+    }
+  });
+
+  await t.test('registrations return their argument and unregistrations undefined', () => {
+    const reporter = { report() {} };
+    const tracer = { startSpan() {} };
+    assert.equal(ostrel.RegisterTvkReporter(reporter), reporter);
+    assert.equal(ostrel.RegisterTracer(tracer), tracer);
+    assert.equal(ostrel.UnRegisterTvkReporters(), undefined);
+    assert.equal(ostrel.UnRegisterTracers(), undefined);
+    assert.equal(ostrel.ReportTest('anything'), undefined);
+  });
+});
+
+test('the event loop', async (t) => {
+  // An unref'd timer fires only while something else keeps the loop alive.
+  const keepsAlive = (register, unregister) =>
+    runChild(`
+      const o = require(${JSON.stringify(modulePath)});
+      ${register}
+      setTimeout(() => { console.log('STILL ALIVE'); ${unregister} }, 300).unref();
+    `);
+
+  await t.test('a registered reporter keeps it alive until UnRegisterTvkReporters', () => {
+    const r = keepsAlive('o.RegisterTvkReporter({ report() {} }); o.RegisterTvkReporter({ report() {} });', 'o.UnRegisterTvkReporters();');
+    assert.equal(r.status, 0, r.stderr);
+    assert.match(r.stdout, /^RegisterTvkReporter end$/m);
+    assert.match(r.stdout, /^STILL ALIVE$/m);
+  });
+
+  await t.test('a registered tracer keeps it alive until UnRegisterTracers', () => {
+    const r = keepsAlive('o.RegisterTracer({ startSpan() {} });', 'o.UnRegisterTracers();');
+    assert.equal(r.status, 0, r.stderr);
+    assert.match(r.stdout, /^RegisterTracer end$/m);
+    assert.match(r.stdout, /^STILL ALIVE$/m);
+  });
+
+  await t.test('unregistering at once lets the process exit; a fact sink alone never holds it', () => {
+    const r = keepsAlive(
+      `o.RegisterTvkReporter({ report() {} }); o.RegisterTracer({ startSpan() {} });
+       o.RegisterFact({ corvex() {} });
+       o.UnRegisterTvkReporters(); o.UnRegisterTracers();`,
+      '',
+    );
+    assert.equal(r.status, 0, r.stderr);
+    assert.match(r.stdout, /^RegisterFact end$/m);
+    assert.doesNotMatch(r.stdout, /STILL ALIVE/);
+  });
+
+  await t.test('the environment ends cleanly with everything still registered and work in flight', () => {
+    const r = runChild(`
+      const o = require(${JSON.stringify(modulePath)});
+      const p = require(${JSON.stringify(probePath)});
+      let n = 0;
+      for (const m of [o, p]) {
+        m.RegisterTvkReporter({ report() { n++; } });
+        m.RegisterTracer({ startSpan() { return { setAttribute() {}, end() {} }; } });
+        m.RegisterFact({ corvex() {} });
+      }
+      p.recordFromThreads(4, 50000, ['x', 'y'], 'telemetry');
+      for (let i = 0; i < 50; i++) { o.ReportTest(i); p.reportEvent(1, 'e', [], true); p.postFact('f', {}, true); }
+      setTimeout(() => { console.log('EXITING ' + (n > 0)); process.exit(0); }, 700);
+    `);
+    assert.equal(r.status, 0, r.stderr);
+    assert.equal(r.signal, null);
+    assert.match(r.stdout, /^EXITING true$/m);
+    assert.match(r.stdout, /^Ostrel Cleaning \.\.\.$/m);
+  });
+});
