@@ -60,7 +60,17 @@ for suite in $suites; do
       ;;
     native-js)
       echo "== JS suites, native node $(node --version) ($preset)"
-      OSTREL_BUILD_DIR="build/$preset" node --test --test-reporter=tap "${js_files[@]}" >"$log" 2>&1
+      sanitizer_env=()
+      case "$preset" in
+        *asan*)
+          # node itself is not instrumented: the runtime must come first, and
+          # node's own allocations at exit are not ours to report.
+          sanitizer_env=(LD_PRELOAD="$(gcc -print-file-name=libasan.so)" ASAN_OPTIONS=detect_leaks=0
+            UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1) ;;
+        *tsan*)
+          sanitizer_env=(LD_PRELOAD="$(gcc -print-file-name=libtsan.so)" TSAN_OPTIONS=halt_on_error=1) ;;
+      esac
+      env "${sanitizer_env[@]}" OSTREL_BUILD_DIR="build/$preset" node --test --test-reporter=tap "${js_files[@]}" >"$log" 2>&1
       rc=$?
       [ $rc -eq 0 ] || grep -B2 -A25 '^not ok' "$log" | head -150
       count_node "$log" $rc

@@ -142,7 +142,10 @@ class io_service {
 // Derived supplies:
 //   bool start() noexcept       begin the operation; true when its completion
 //                               will be delivered through the service, false
-//                               when it already failed (set error_ first);
+//                               when it already failed (set error_ first).
+//                               Once the operation is started, its completion
+//                               may run at any moment on the service thread:
+//                               start() must not write error_ or bytes_ then;
 //   void cancel() noexcept      ask the platform to abort it (CancelIoEx);
 //   auto result()               the value of the await, given error_/bytes_.
 template <typename Derived>

@@ -20,8 +20,13 @@ class pipe_read : public overlapped_operation<pipe_read> {
  public:
   pipe_read(io_service& s, int fd, cancellation_token ct) : overlapped_operation(std::move(ct)), s_(s), fd_(fd) {}
   bool start() noexcept {
-    error_ = s_.start_fd_wait(this, fd_);
-    return error_ == 0;
+    // Once the wait is registered the completion may already be running on
+    // the service thread: write error_ only when registration failed.
+    if (std::uint32_t e = s_.start_fd_wait(this, fd_)) {
+      error_ = e;
+      return false;
+    }
+    return true;
   }
   void cancel() noexcept { s_.cancel_fd_wait(this); }
   char result() {
