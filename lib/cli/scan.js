@@ -68,9 +68,12 @@ function rootFolder(given, cwd) {
 }
 
 function summary(dir, stats, result, seconds, interrupted) {
+  // The rate counts every file the walk produced, kept or filtered out.
+  const walked = result ? result.totalFileCount : stats.files;
   const lines = [
-    `${interrupted ? 'interrupted scan of' : 'scanned'} ${dir} in ${seconds.toFixed(3)} s: ` +
-      `${stats.files} files delivered (${format.bytes(stats.bytes)}), ${format.rate(stats.files / Math.max(seconds, 1e-9))} files/s`,
+    `${interrupted ? 'interrupted scan of' : 'scanned'} ${dir} in ${seconds.toFixed(3)} s ` +
+      `(${format.rate(walked / Math.max(seconds, 1e-9))} files/s): ` +
+      `${stats.files} files delivered (${format.bytes(stats.bytes)})`,
   ];
   if (result) {
     lines.push(
