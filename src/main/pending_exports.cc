@@ -16,8 +16,6 @@ void attach_pending(Napi::Env env, Napi::Object exports, const char* name) {
 }
 }  // namespace
 
-void init_api_compat() {}
-
 void register_start_file_watch(Napi::Env env, Napi::Object exports) { attach_pending(env, exports, "StartFileWatch"); }
 void register_get_mtp_devices(Napi::Env env, Napi::Object exports) { attach_pending(env, exports, "GetMtpDevices"); }
 void register_get_mtp_files_by_id(Napi::Env env, Napi::Object exports) {
@@ -28,9 +26,6 @@ void register_get_mtp_file_by_id(Napi::Env env, Napi::Object exports) {
 }
 void register_get_mtp_thumbnail(Napi::Env env, Napi::Object exports) {
   attach_pending(env, exports, "GetMtpThumbnailById");
-}
-void register_scan_all_sub_files(Napi::Env env, Napi::Object exports) {
-  attach_pending(env, exports, "ScanAllSubFiles");
 }
 void register_get_hardware_disk(Napi::Env env, Napi::Object exports) {
   attach_pending(env, exports, "GetHardwareDisk");

@@ -1,0 +1,100 @@
+#include "batch_encoding.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <string_view>
+
+#include "runtime/strings.h"
+
+namespace ostrel::scan {
+
+namespace {
+
+bool is_ascii(std::string_view s) {
+  return std::all_of(s.begin(), s.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+bool record_is_ascii(const FileInfo& r) {
+  return is_ascii(r.absolutePath) && is_ascii(r.name) && is_ascii(r.relativePath) && is_ascii(r.relativeDir);
+}
+
+template <typename Text, typename Convert>
+void encode_record(Text& text, const FileInfo& r, Convert convert, double* out) {
+  using view = std::basic_string_view<typename Text::value_type>;
+  const std::size_t abs_start = text.size();
+  text += convert(r.absolutePath);
+  const std::size_t abs_len = text.size() - abs_start;
+
+  // A suffix of absolutePath, or appended after it.
+  auto place_suffix = [&](const auto& s, std::size_t& start, std::size_t& len) {
+    len = s.size();
+    if (len <= abs_len && view(text).substr(abs_start + abs_len - len, len) == view(s)) {
+      start = abs_start + abs_len - len;
+    } else {
+      start = text.size();
+      text += s;
+    }
+  };
+  std::size_t name_start, name_len, rel_start, rel_len;
+  place_suffix(convert(r.name), name_start, name_len);
+  place_suffix(convert(r.relativePath), rel_start, rel_len);
+
+  // relativeDir: the start of relativePath, maybe without its leading dot.
+  auto dir = convert(r.relativeDir);
+  std::size_t dir_start = text.size();
+  bool placed = false;
+  for (std::size_t skip = 0; skip < 2 && !placed; ++skip) {
+    if (skip + dir.size() <= rel_len && view(text).substr(rel_start + skip, dir.size()) == view(dir)) {
+      dir_start = rel_start + skip;
+      placed = true;
+    }
+  }
+  if (!placed) text += dir;
+
+  unsigned flags = (r.isFile ? flag_is_file : 0) | (r.hidden ? flag_hidden : 0) | (r.isSystem ? flag_system : 0) |
+                   (r.readable ? flag_readable : 0);
+  out[f_abs_start] = static_cast<double>(abs_start);
+  out[f_abs_len] = static_cast<double>(abs_len);
+  out[f_name_start] = static_cast<double>(name_start);
+  out[f_name_len] = static_cast<double>(name_len);
+  out[f_dir_start] = static_cast<double>(dir_start);
+  out[f_dir_len] = static_cast<double>(dir.size());
+  out[f_rel_start] = static_cast<double>(rel_start);
+  out[f_rel_len] = static_cast<double>(rel_len);
+  out[f_flags] = flags;
+  // Script numbers from the 64-bit values read as signed integers.
+  out[f_size] = static_cast<double>(static_cast<std::int64_t>(r.size));
+  out[f_ino] = static_cast<double>(static_cast<std::int64_t>(r.ino));
+  out[f_ctime] = r.ctimeMs;
+  out[f_mtime] = r.mtimeMs;
+  out[f_birthtime] = r.birthtimeMs;
+}
+
+}  // namespace
+
+encoded_batch encode_batch(const std::vector<FileInfo>& files, const std::vector<FileInfo>& folders) {
+  encoded_batch batch;
+  batch.file_count = files.size();
+  batch.record_count = files.size() + folders.size();
+  batch.numbers.resize(batch.record_count * fields_per_record);
+  batch.one_byte = std::all_of(files.begin(), files.end(), record_is_ascii) &&
+                   std::all_of(folders.begin(), folders.end(), record_is_ascii);
+  std::size_t i = 0;
+  auto each = [&](auto&& encode_one) {
+    for (const auto& r : files) encode_one(r, &batch.numbers[fields_per_record * i++]);
+    for (const auto& r : folders) encode_one(r, &batch.numbers[fields_per_record * i++]);
+  };
+  if (batch.one_byte) {
+    std::size_t total = 0;
+    for (const auto& r : files) total += r.absolutePath.size() + 1;
+    batch.text8.reserve(total);
+    auto same = [](const std::string& s) -> const std::string& { return s; };
+    each([&](const FileInfo& r, double* out) { encode_record(batch.text8, r, same, out); });
+  } else {
+    auto utf16 = [](const std::string& s) { return to_utf16(s); };
+    each([&](const FileInfo& r, double* out) { encode_record(batch.text16, r, utf16, out); });
+  }
+  return batch;
+}
+
+}  // namespace ostrel::scan

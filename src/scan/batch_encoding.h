@@ -1,0 +1,37 @@
+// An update's records in the form script turns into file objects fastest:
+// one string holding every record's text, and one array of numbers per
+// record giving where each string field lies in that text, the flags and
+// the metadata. A record's name, relativePath and relativeDir are usually
+// parts of its absolutePath, so they take no room of their own.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "file_info.h"
+
+namespace ostrel::scan {
+
+// Numbers per record, in this order.
+enum record_field : std::size_t {
+  f_abs_start, f_abs_len, f_name_start, f_name_len, f_dir_start, f_dir_len, f_rel_start, f_rel_len,
+  f_flags, f_size, f_ino, f_ctime, f_mtime, f_birthtime,
+  fields_per_record
+};
+// Bits of f_flags.
+inline constexpr unsigned flag_is_file = 1, flag_hidden = 2, flag_system = 4, flag_readable = 8;
+
+struct encoded_batch {
+  bool one_byte = true;   // the text is ASCII and lives in text8
+  std::string text8;
+  std::u16string text16;  // the text, when any record is not ASCII
+  std::vector<double> numbers;
+  std::size_t file_count = 0;
+  std::size_t record_count = 0;
+};
+
+// Encodes `files` then `folders`. Offsets and lengths count UTF-16 units.
+encoded_batch encode_batch(const std::vector<FileInfo>& files, const std::vector<FileInfo>& folders);
+
+}  // namespace ostrel::scan

@@ -1,0 +1,86 @@
+#include "scan_data.h"
+
+#include <chrono>
+
+#include "runtime/log.h"
+
+namespace ostrel::scan {
+
+ScanData::ScanData() = default;
+
+ScanData::~ScanData() { log::out("ScanData::~ScanData"); }
+
+bool ScanData::request_stop() {
+  bool was = stop_->exchange(true, std::memory_order_acq_rel);
+  {
+    std::lock_guard lock(backlog_mutex_);
+  }
+  backlog_drained_.notify_all();
+  return was;
+}
+
+void ScanData::keep_record(FileInfo&& info, bool may_wait) {
+  if (info.hidden && info.isSystem) {
+    if (info.isFile) {
+      filteredFileCount.fetch_add(1, std::memory_order_relaxed);
+      hiddenSystemFileCount.fetch_add(1, std::memory_order_relaxed);
+    }
+    return;
+  }
+  if (filters.formatMsToSecond) {
+    info.ctimeMs = floor_to_second(info.ctimeMs);
+    info.mtimeMs = floor_to_second(info.mtimeMs);
+  }
+  collect(std::move(info), may_wait);
+}
+
+void ScanData::collect(FileInfo&& info, bool may_wait) {
+  {
+    // Waits for script to catch up; a stop ends the wait.
+    std::unique_lock lock(backlog_mutex_);
+    while (may_wait && backlog_ >= backlog_limit_ && !stopped()) {
+      backlog_drained_.wait_for(lock, std::chrono::milliseconds(50));
+    }
+    ++backlog_;
+  }
+  bool first;
+  {
+    std::lock_guard lock(mutex_);
+    if (info.isFile) {
+      collected_size_ += info.size;
+      files_.push_back(std::move(info));
+    } else {
+      folders_.push_back(std::move(info));
+    }
+    first = !update_pending_.exchange(true, std::memory_order_acq_rel);
+  }
+  if (first) batch_ready.set();
+}
+
+scan_update ScanData::take_update() {
+  scan_update update;
+  std::lock_guard lock(mutex_);
+  update.files.swap(files_);
+  update.folders.swap(folders_);
+  update.size = collected_size_;
+  collected_size_ = 0;
+  update_pending_.store(false, std::memory_order_release);
+  return update;
+}
+
+void ScanData::release_backlog(std::size_t count) {
+  {
+    std::lock_guard lock(backlog_mutex_);
+    backlog_ = count > backlog_ ? 0 : backlog_ - count;
+  }
+  backlog_drained_.notify_all();
+}
+
+void ScanData::end_work() {
+  if (work_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    finished_.store(true, std::memory_order_release);
+    batch_ready.set();
+  }
+}
+
+}  // namespace ostrel::scan

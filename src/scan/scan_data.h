@@ -1,0 +1,99 @@
+// ScanData: the state of one ScanAllSubFiles call, shared by the walk, its
+// metadata retries, the delivery of updates, the returned close function and
+// the environment clean-up hook.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "file_info.h"
+#include "runtime/events.h"
+#include "scan_filters.h"
+
+namespace ostrel::scan {
+
+// Kept records that have not reached script yet, taken together.
+struct scan_update {
+  std::vector<FileInfo> files;
+  std::vector<FileInfo> folders;
+  std::uint64_t size = 0;  // sum of the files' sizes
+};
+
+class ScanData {
+ public:
+  static constexpr std::uint64_t file_count_limit = 10'000'000;
+  // Records collected but not yet turned into script objects beyond which
+  // the walk waits for script to catch up.
+  static constexpr std::size_t default_backlog_limit = 100'000;
+
+  ScanData();
+  ~ScanData();
+  ScanData(const ScanData&) = delete;
+  ScanData& operator=(const ScanData&) = delete;
+
+  // The root as given by script ("dirPath" of every object) and the form the
+  // walk uses: absolute, without a trailing separator (unless it is the
+  // file system's root).
+  std::string root_utf8;
+  native_string root;
+  ScanFilters filters;
+
+  std::atomic<std::uint64_t> totalFileCount{0};
+  std::atomic<std::uint64_t> filteredFileCount{0};
+  std::atomic<std::uint64_t> hiddenSystemFileCount{0};
+
+  // The stop flag: set once, by CloseScanFiles or the clean-up hook.
+  const std::shared_ptr<std::atomic<bool>>& stop_flag() const noexcept { return stop_; }
+  bool stopped() const noexcept { return stop_->load(std::memory_order_acquire); }
+  // Sets the flag; true when it was already set.
+  bool request_stop();
+
+  // The end of a record's way through the scan, after its metadata query:
+  // drops a hidden-and-system record (counting a file), rounds the times
+  // when asked, and collects it.
+  // `may_wait` as for collect.
+  void keep_record(FileInfo&& info, bool may_wait);
+  // Appends a record to the collected lists; the first record into empty
+  // lists sets `batch_ready`. With `may_wait` (the walk's thread), first
+  // waits while too many records are undelivered; the I/O service's thread,
+  // which runs the delivery timer, never waits.
+  void collect(FileInfo&& info, bool may_wait);
+  // Moves the collected lists out, leaving them empty.
+  scan_update take_update();
+  // `count` records have been turned into script objects (or dropped).
+  void release_backlog(std::size_t count);
+  void set_backlog_limit(std::size_t limit) noexcept { backlog_limit_ = limit; }
+
+  // Work that can still collect records: the walk and each metadata retry.
+  void begin_work() noexcept { work_.fetch_add(1, std::memory_order_relaxed); }
+  // Ends one piece of work; the last one marks the scan finished and sets
+  // `batch_ready`.
+  void end_work();
+  bool finished() const noexcept { return finished_.load(std::memory_order_acquire); }
+
+  // Set when records wait for an update, and when the scan has finished.
+  async_auto_reset_event batch_ready;
+
+ private:
+  std::shared_ptr<std::atomic<bool>> stop_ = std::make_shared<std::atomic<bool>>(false);
+  std::atomic<int> work_{0};
+  std::atomic<bool> finished_{false};
+  std::atomic<bool> update_pending_{false};
+
+  std::mutex mutex_;
+  std::vector<FileInfo> files_;
+  std::vector<FileInfo> folders_;
+  std::uint64_t collected_size_ = 0;
+
+  std::mutex backlog_mutex_;
+  std::condition_variable backlog_drained_;
+  std::size_t backlog_ = 0;
+  std::size_t backlog_limit_ = default_backlog_limit;
+};
+
+}  // namespace ostrel::scan
