@@ -1,6 +1,7 @@
 #include "log.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
 
 #include "strings.h"
@@ -15,6 +16,17 @@ std::mutex& stream_lock() {
   return *m;
 }
 
+// The command-line tool prints its own results on standard output; it sets
+// OSTREL_LOG_STDOUT=stderr so that the module's progress lines go to
+// standard error there. Everywhere else they go to standard output.
+std::FILE* progress_stream() {
+  static std::FILE* const stream = [] {
+    const char* v = std::getenv("OSTREL_LOG_STDOUT");
+    return v && std::string_view(v) == "stderr" ? stderr : stdout;
+  }();
+  return stream;
+}
+
 void write_line(std::FILE* stream, std::string_view a, std::string_view b = {}) {
   std::string line;
   line.reserve(a.size() + b.size() + 1);
@@ -25,12 +37,12 @@ void write_line(std::FILE* stream, std::string_view a, std::string_view b = {}) 
 }
 }  // namespace
 
-void out(std::string_view text) { write_line(stdout, text); }
+void out(std::string_view text) { write_line(progress_stream(), text); }
 void err(std::string_view text) { write_line(stderr, text); }
 // Wide text is written as UTF-8: switching the C stream to wide orientation
 // would silently drop every later narrow line on glibc.
-void wout(std::wstring_view text) { write_line(stdout, to_utf8(text)); }
-void out_value(std::string_view text, std::string_view value) { write_line(stdout, text, value); }
+void wout(std::wstring_view text) { write_line(progress_stream(), to_utf8(text)); }
+void out_value(std::string_view text, std::string_view value) { write_line(progress_stream(), text, value); }
 void err_value(std::string_view text, std::string_view value) { write_line(stderr, text, value); }
 void err_code(std::string_view text, std::int64_t code) { write_line(stderr, text, std::to_string(code)); }
 
