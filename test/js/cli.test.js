@@ -26,7 +26,7 @@ function cli(args, { cwd = root, env = {} } = {}) {
 // line asks the module to write to standard error.
 const MODULE_LOG = /^(Ostrel |ScanData::)/;
 const logSwitchWorks = !MODULE_LOG.test(cli(['version']).stdout);
-const LOG_TODO = logSwitchWorks ? false : 'the module does not honour OSTREL_LOG_STDOUT=stderr yet';
+const LOG_TODO = logSwitchWorks ? false : 'the module does not see OSTREL_LOG_STDOUT set by the command line at run time here';
 const outputLines = (stdout) => stdout.split('\n').filter((l) => l && !MODULE_LOG.test(l));
 
 // name -> size; folders are made as needed.
