@@ -77,23 +77,23 @@ encoded_batch encode_batch(const std::vector<FileInfo>& files, const std::vector
   batch.file_count = files.size();
   batch.record_count = files.size() + folders.size();
   batch.numbers.resize(batch.record_count * fields_per_record);
-  batch.one_byte = std::all_of(files.begin(), files.end(), record_is_ascii) &&
-                   std::all_of(folders.begin(), folders.end(), record_is_ascii);
+  std::size_t bytes = 0;
+  for (const auto& r : files) bytes += r.absolutePath.size();
+  batch.text8.reserve(bytes + bytes / 8);
+  auto same = [](const std::string& s) -> const std::string& { return s; };
+  auto utf16 = [](const std::string& s) { return to_utf16(s); };
   std::size_t i = 0;
-  auto each = [&](auto&& encode_one) {
-    for (const auto& r : files) encode_one(r, &batch.numbers[fields_per_record * i++]);
-    for (const auto& r : folders) encode_one(r, &batch.numbers[fields_per_record * i++]);
+  auto encode_one = [&](const FileInfo& r) {
+    double* out = &batch.numbers[fields_per_record * i++];
+    if (record_is_ascii(r)) {
+      encode_record(batch.text8, r, same, out);
+    } else {
+      encode_record(batch.text16, r, utf16, out);
+      out[f_flags] = static_cast<double>(static_cast<unsigned>(out[f_flags]) | flag_wide);
+    }
   };
-  if (batch.one_byte) {
-    std::size_t total = 0;
-    for (const auto& r : files) total += r.absolutePath.size() + 1;
-    batch.text8.reserve(total);
-    auto same = [](const std::string& s) -> const std::string& { return s; };
-    each([&](const FileInfo& r, double* out) { encode_record(batch.text8, r, same, out); });
-  } else {
-    auto utf16 = [](const std::string& s) { return to_utf16(s); };
-    each([&](const FileInfo& r, double* out) { encode_record(batch.text16, r, utf16, out); });
-  }
+  for (const auto& r : files) encode_one(r);
+  for (const auto& r : folders) encode_one(r);
   return batch;
 }
 

@@ -20,18 +20,19 @@ enum record_field : std::size_t {
   fields_per_record
 };
 // Bits of f_flags.
-inline constexpr unsigned flag_is_file = 1, flag_hidden = 2, flag_system = 4, flag_readable = 8;
+// flag_wide: the record's strings are in text16, otherwise in text8.
+inline constexpr unsigned flag_is_file = 1, flag_hidden = 2, flag_system = 4, flag_readable = 8, flag_wide = 16;
 
 struct encoded_batch {
-  bool one_byte = true;   // the text is ASCII and lives in text8
-  std::string text8;
-  std::u16string text16;  // the text, when any record is not ASCII
+  std::string text8;      // the records whose strings are all ASCII
+  std::u16string text16;  // the others
   std::vector<double> numbers;
   std::size_t file_count = 0;
   std::size_t record_count = 0;
 };
 
-// Encodes `files` then `folders`. Offsets and lengths count UTF-16 units.
+// Encodes `files` then `folders`. Offsets and lengths count UTF-16 units of
+// the record's text.
 encoded_batch encode_batch(const std::vector<FileInfo>& files, const std::vector<FileInfo>& folders);
 
 }  // namespace ostrel::scan

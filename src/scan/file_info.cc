@@ -46,10 +46,16 @@ FileInfo FileInfo::from_walk(native_string path, std::size_t relative_offset, st
   FileInfo info;
   native_string_view view(path);
   info.absolutePath = native_to_utf8(view);
-  info.relativePath = native_to_utf8(view.substr(relative_offset));
-  info.name = native_to_utf8(view.substr(name_offset));
+  // The parts start at component boundaries, so when the path converted
+  // byte for byte (valid UTF-8 on Linux) they are parts of absolutePath.
+  bool same_units = sizeof(native_char) == 1 && info.absolutePath.size() == path.size();
+  auto part = [&](std::size_t at, std::size_t n = native_string_view::npos) {
+    return same_units ? info.absolutePath.substr(at, n) : native_to_utf8(view.substr(at, n));
+  };
+  info.relativePath = part(relative_offset);
+  info.name = part(name_offset);
   if (name_offset > relative_offset) {
-    info.relativeDir = native_to_utf8(view.substr(relative_offset, name_offset - 1 - relative_offset));
+    info.relativeDir = part(relative_offset, name_offset - 1 - relative_offset);
     strip_relative_dir(info.relativeDir);
   }
   info.native_path = std::move(path);

@@ -10,12 +10,13 @@ namespace ostrel::scan {
 namespace {
 
 // Numbers per record and their meaning are those of batch_encoding.h.
-constexpr const char* factory_source = R"JS((function (text, n, fileCount, total, dirPath) {
+constexpr const char* factory_source = R"JS((function (narrow, wide, n, fileCount, total, dirPath) {
   'use strict';
   const nodes = new Array(fileCount);
   const dirs = new Array(total - fileCount);
   for (let i = 0, k = 0; i < total; i++, k += 14) {
     const flags = n[k + 8];
+    const text = (flags & 16) !== 0 ? wide : narrow;
     const o = {
       absolutePath: text.slice(n[k], n[k] + n[k + 1]),
       name: text.slice(n[k + 2], n[k + 2] + n[k + 3]),
@@ -97,12 +98,9 @@ file_object_factory::~file_object_factory() {
 
 napi_value file_object_factory::make_update(const encoded_batch& batch, napi_value dir_path) const {
   napi_env env = env_;
-  napi_value text;
-  if (batch.one_byte) {
-    napi_check(env, napi_create_string_latin1(env, batch.text8.data(), batch.text8.size(), &text));
-  } else {
-    napi_check(env, napi_create_string_utf16(env, batch.text16.data(), batch.text16.size(), &text));
-  }
+  napi_value narrow, wide;
+  napi_check(env, napi_create_string_latin1(env, batch.text8.data(), batch.text8.size(), &narrow));
+  napi_check(env, napi_create_string_utf16(env, batch.text16.data(), batch.text16.size(), &wide));
   void* data = nullptr;
   napi_value buffer, numbers;
   std::size_t bytes = batch.numbers.size() * sizeof(double);
@@ -116,8 +114,8 @@ napi_value file_object_factory::make_update(const encoded_batch& batch, napi_val
   napi_value function, undefined, result;
   napi_check(env, napi_get_reference_value(env, function_, &function));
   napi_check(env, napi_get_undefined(env, &undefined));
-  napi_value args[] = {text, numbers, file_count, total, dir_path};
-  napi_check(env, napi_call_function(env, undefined, function, 5, args, &result));
+  napi_value args[] = {narrow, wide, numbers, file_count, total, dir_path};
+  napi_check(env, napi_call_function(env, undefined, function, 6, args, &result));
   return result;
 }
 

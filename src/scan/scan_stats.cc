@@ -1,8 +1,13 @@
 #include "scan_stats.h"
 
+#include "telemetry/telemetry.h"
+
 namespace ostrel::scan {
 
-// The telemetry subsystem is not in this build yet; the statistic is dropped.
-void record_call_stat(std::string_view, std::string_view, std::uint64_t, std::int32_t) {}
+// The statistic is named after the platform call; a failure keeps the name
+// of the function that made it as its message.
+void record_call_stat(std::string_view api, std::string_view caller, std::uint64_t elapsed_ms, std::int32_t code) {
+  telemetry::record_stat(api, elapsed_ms, code, code != 0 ? caller : std::string_view{});
+}
 
 }  // namespace ostrel::scan
