@@ -1,0 +1,145 @@
+// Path fields of FileInfo, the time conversions, leave-list paths and the
+// batch encoding that carries records to script.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "runtime/strings.h"
+#include "scan/batch_encoding.h"
+#include "scan/file_info.h"
+#include "scan/leave_list.h"
+
+namespace ostrel::scan {
+namespace {
+
+#ifdef _WIN32
+const native_string root = L"C:\\data\\sync";
+#define SEP "\\"
+#else
+const native_string root = "/data/sync";
+#define SEP "/"
+#endif
+
+native_string under_root(const char* relative) { return root + native_separator + utf8_to_native(relative); }
+
+TEST(FileInfoPaths, RootLevelFile) {
+  FileInfo f(under_root("a.txt"), root);
+  EXPECT_EQ(f.relativeDir, "");
+  EXPECT_EQ(f.relativePath, "a.txt");
+  EXPECT_EQ(f.name, "a.txt");
+  EXPECT_EQ(f.absolutePath, native_to_utf8(root) + SEP "a.txt");
+}
+
+TEST(FileInfoPaths, FirstLevelDotFolderLosesItsDot) {
+  FileInfo f(under_root(".cache" SEP "x.bin"), root);
+  EXPECT_EQ(f.relativeDir, "cache");
+  EXPECT_EQ(f.relativePath, ".cache" SEP "x.bin");
+  FileInfo deeper(under_root(".cache" SEP "sub" SEP "x.bin"), root);
+  EXPECT_EQ(deeper.relativeDir, "cache" SEP "sub");
+  FileInfo inner(under_root("a" SEP ".cache" SEP "x.bin"), root);
+  EXPECT_EQ(inner.relativeDir, "a" SEP ".cache");  // only the first byte is looked at
+}
+
+TEST(FileInfoPaths, DeepUnicodeAndLongPathsMatchTheWalkersForm) {
+  std::string deep = "d1" SEP "\xD1\x84\xD0\xBE\xD1\x82\xD0\xBE" SEP "d3" SEP "caf\xC3\xA9.txt";
+  std::string long_name(200, 'n');
+  std::string longer = long_name + SEP + long_name + SEP "f";
+  for (const std::string& rel : {deep, longer, std::string("top.txt"), std::string(".hidden" SEP "x")}) {
+    native_string path = under_root(rel.c_str());
+    FileInfo general(path, root);
+    std::size_t name_at = path.find_last_of(native_separator) + 1;
+    FileInfo walked = FileInfo::from_walk(path, root.size() + 1, name_at);
+    EXPECT_EQ(walked.absolutePath, general.absolutePath) << rel;
+    EXPECT_EQ(walked.relativePath, general.relativePath) << rel;
+    EXPECT_EQ(walked.relativeDir, general.relativeDir) << rel;
+    EXPECT_EQ(walked.name, general.name) << rel;
+    EXPECT_EQ(walked.relativePath, rel);
+  }
+}
+
+TEST(FileInfoPaths, RelativeDirRuleLooksAtFirstBytesOnly) {
+  std::string a = ".";
+  strip_relative_dir(a);
+  EXPECT_EQ(a, "");
+  std::string b = "./x";
+  strip_relative_dir(b);
+  EXPECT_EQ(b, "x");
+  std::string c = "..";
+  strip_relative_dir(c);
+  EXPECT_EQ(c, ".");
+}
+
+TEST(FileTimes, KeepSubMillisecondPartsAndNegativeTimes) {
+  constexpr std::int64_t epoch = 116444736000000000LL;
+  EXPECT_DOUBLE_EQ(filetime_to_ms(epoch), 0.0);
+  EXPECT_DOUBLE_EQ(filetime_to_ms(epoch + 12345678), 1234.5678);
+  // 1.5 ms before 1970: whole seconds -1, remainder 998.5 ms.
+  EXPECT_DOUBLE_EQ(filetime_to_ms(epoch - 15000), -1.5);
+  EXPECT_DOUBLE_EQ(filetime_to_ms(0), -11644473600000.0);
+  EXPECT_DOUBLE_EQ(unix_time_to_ms(1700000000, 123456789), 1700000000123.456789);
+  EXPECT_DOUBLE_EQ(floor_to_second(1234.5678), 1000.0);
+  EXPECT_DOUBLE_EQ(floor_to_second(-1.5), -1000.0);
+  EXPECT_DOUBLE_EQ(floor_to_second(3000.0), 3000.0);
+}
+
+TEST(LeaveList, RelativeAndAbsoluteEntries) {
+  std::vector<native_string> entries = {utf8_to_native("a" SEP "b"), under_root("c"), utf8_to_native("d" SEP),
+                                        utf8_to_native(SEP "elsewhere" SEP "x")};
+  leave_list list(entries, root);
+  EXPECT_TRUE(list.contains(utf8_to_native("a" SEP "b")));
+  EXPECT_TRUE(list.contains(utf8_to_native("c")));
+  EXPECT_TRUE(list.contains(utf8_to_native("d")));
+  EXPECT_FALSE(list.contains(utf8_to_native("a")));
+  EXPECT_FALSE(list.contains(utf8_to_native("elsewhere" SEP "x")));
+#ifdef _WIN32
+  leave_list mixed({L"A/B"}, root);
+  EXPECT_TRUE(mixed.contains(L"a\\b"));
+#endif
+}
+
+// Decodes one record of an encoded batch as the script side does.
+std::string field(const encoded_batch& b, std::size_t record, std::size_t start_field) {
+  const double* n = &b.numbers[record * fields_per_record];
+  auto start = static_cast<std::size_t>(n[start_field]);
+  auto len = static_cast<std::size_t>(n[start_field + 1]);
+  if (static_cast<unsigned>(n[f_flags]) & flag_wide) return to_utf8(std::u16string_view(b.text16).substr(start, len));
+  return b.text8.substr(start, len);
+}
+
+TEST(BatchEncoding, EveryStringFieldDecodesBack) {
+  std::vector<FileInfo> files;
+  files.emplace_back(under_root(".cache" SEP "x.bin"), root);
+  files.emplace_back(under_root("caf\xC3\xA9" SEP "\xF0\x9F\x98\x80.txt"), root);
+  files.emplace_back(under_root("top"), root);
+  files[1].size = 42;
+  files[1].hidden = true;
+  std::vector<FileInfo> folders;
+  folders.emplace_back(under_root("dir"), root);
+  FileInfo odd;  // fields that are not parts of absolutePath
+  odd.absolutePath = "x";
+  odd.name = "other";
+  odd.relativePath = "elsewhere";
+  odd.relativeDir = "dir";
+  folders.push_back(odd);
+  encoded_batch b = encode_batch(files, folders);
+  ASSERT_EQ(b.record_count, 5u);
+  EXPECT_EQ(b.file_count, 3u);
+  std::size_t i = 0;
+  for (const auto* list : {&files, &folders}) {
+    for (const FileInfo& f : *list) {
+      EXPECT_EQ(field(b, i, f_abs_start), f.absolutePath);
+      EXPECT_EQ(field(b, i, f_name_start), f.name);
+      EXPECT_EQ(field(b, i, f_dir_start), f.relativeDir);
+      EXPECT_EQ(field(b, i, f_rel_start), f.relativePath);
+      ++i;
+    }
+  }
+  EXPECT_EQ(b.numbers[fields_per_record + f_size], 42.0);
+  EXPECT_EQ(static_cast<unsigned>(b.numbers[fields_per_record + f_flags]), flag_hidden | flag_readable | flag_wide);
+  // ASCII records share the narrow text and add nothing for their parts.
+  EXPECT_EQ(b.text8.size(), files[0].absolutePath.size() + files[2].absolutePath.size() +
+                                folders[0].absolutePath.size() + 1 + 5 + 9 + 3);
+}
+
+}  // namespace
+}  // namespace ostrel::scan

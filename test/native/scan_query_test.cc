@@ -1,0 +1,102 @@
+// FillFileInfoAsync against real files: a file and a folder are filled, a
+// vanished file gives false and keeps its empty metadata, and a failure that
+// never clears is retried eleven times, 100 ms apart, then given up.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "runtime/runtime.h"
+#include "runtime/sync_wait.h"
+#include "scan/file_query.h"
+
+namespace ostrel::scan {
+namespace {
+
+namespace fs = std::filesystem;
+
+class FillFileInfo : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    runtime::create(2);
+    pump_ = std::thread([] { runtime::io()->process_events(); });
+    dir_ = fs::temp_directory_path() / ("ostrel-scan-query-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) +
+                                        std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
+    fs::create_directories(dir_);
+  }
+  void TearDown() override {
+    runtime::stop_threads();
+    pump_.join();
+    runtime::destroy();
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
+  }
+  std::shared_ptr<FileInfo> record(const fs::path& p) {
+    return std::make_shared<FileInfo>(p.native(), dir_.native());
+  }
+  fs::path dir_;
+  std::thread pump_;
+};
+
+TEST_F(FillFileInfo, FillsFilesAndFolders) {
+  fs::path file = dir_ / "a.txt";
+  std::ofstream(file) << "hello";
+  auto info = record(file);
+  ASSERT_TRUE(sync_wait(FillFileInfoAsync(info)));
+  EXPECT_TRUE(info->isFile);
+  EXPECT_TRUE(info->readable);
+  EXPECT_EQ(info->size, 5u);
+  EXPECT_NE(info->ino, 0u);
+  EXPECT_GT(info->mtimeMs, 1.5e12);
+  EXPECT_GT(info->ctimeMs, 1.5e12);
+
+  fs::create_directory(dir_ / "sub");
+  auto folder = record(dir_ / "sub");
+  ASSERT_TRUE(sync_wait(FillFileInfoAsync(folder)));
+  EXPECT_FALSE(folder->isFile);
+  EXPECT_GT(folder->mtimeMs, 1.5e12);
+}
+
+TEST_F(FillFileInfo, AFileDeletedBeforeItsQueryGivesFalse) {
+  fs::path file = dir_ / "gone.txt";
+  std::ofstream(file) << "x";
+  auto info = record(file);  // listed...
+  fs::remove(file);          // ...then deleted before the query
+  EXPECT_FALSE(sync_wait(FillFileInfoAsync(info)));
+  EXPECT_TRUE(info->readable);
+  EXPECT_EQ(info->size, 0u);
+  EXPECT_EQ(info->mtimeMs, 0.0);
+}
+
+TEST_F(FillFileInfo, AnUnreadableRecordIsNotQueriedAgain) {
+  auto info = record(dir_ / "never-created");
+  info->readable = false;
+  EXPECT_TRUE(sync_wait(FillFileInfoAsync(info)));
+}
+
+TEST_F(FillFileInfo, APersistentFailureIsRetriedElevenTimesThenGivenUp) {
+#ifdef _WIN32
+  fs::path bad = dir_ / L"bad*name";  // ERROR_INVALID_NAME on every attempt
+#else
+  fs::path bad = dir_ / std::string(300, 'n');  // ENAMETOOLONG on every attempt
+#endif
+  auto info = record(bad);
+  info->size = 7;
+  ::testing::internal::CaptureStdout();
+  auto start = std::chrono::steady_clock::now();
+  bool result = sync_wait(FillFileInfoAsync(info));
+  auto elapsed = std::chrono::steady_clock::now() - start;
+  std::string out = ::testing::internal::GetCapturedStdout();
+  EXPECT_FALSE(result);
+  EXPECT_FALSE(info->readable);
+  EXPECT_EQ(info->size, 0u);
+  std::size_t lines = 0;
+  for (std::size_t at = 0; (at = out.find("FillFileInfoAsync: ", at)) != std::string::npos; ++at) ++lines;
+  EXPECT_EQ(lines, 11u) << out;
+  EXPECT_GE(elapsed, std::chrono::milliseconds(1000));  // ten waits of 100 ms
+}
+
+}  // namespace
+}  // namespace ostrel::scan
