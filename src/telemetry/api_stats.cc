@@ -6,8 +6,9 @@ namespace ostrel::telemetry {
 
 void api_stats::record(std::string_view name, std::uint64_t value_ms, std::int32_t code,
                        std::string_view message) {
+  const hashed_name key{name_hash{}(name), name};
   std::lock_guard lock(lock_);
-  auto it = entries_.find(name);
+  auto it = entries_.find(key);
   if (it == entries_.end()) {
     it = entries_.emplace(std::string(name), ApiStatEntry{}).first;
     it->second.name = it->first;

@@ -53,14 +53,27 @@ class api_stats {
   bool flush_attempt_pending() const noexcept;
 
  private:
+  // The name's hash is computed before the lock is taken; under the lock
+  // the lookup only walks its bucket.
+  struct hashed_name {
+    std::size_t hash;
+    std::string_view name;
+  };
   struct name_hash {
     using is_transparent = void;
     std::size_t operator()(std::string_view s) const noexcept { return std::hash<std::string_view>{}(s); }
+    std::size_t operator()(const hashed_name& h) const noexcept { return h.hash; }
+  };
+  struct name_equal {
+    using is_transparent = void;
+    bool operator()(std::string_view a, std::string_view b) const noexcept { return a == b; }
+    bool operator()(const hashed_name& a, std::string_view b) const noexcept { return a.name == b; }
+    bool operator()(std::string_view a, const hashed_name& b) const noexcept { return a == b.name; }
   };
 
   mutable std::mutex lock_;
   std::int64_t last_flush_ns_ = 0;
-  std::unordered_map<std::string, ApiStatEntry, name_hash, std::equal_to<>> entries_;
+  std::unordered_map<std::string, ApiStatEntry, name_hash, name_equal> entries_;
   std::atomic<bool> attempt_pending_{false};
 };
 
