@@ -8,12 +8,18 @@ const fs = require('fs');
 const path = require('path');
 const { UsageError, CommandError, parseCommandArgs } = require('./usage');
 const format = require('./format');
+const { collectStats } = require('./stats');
+
+// Statistics reach the tracer at most every 500 ms; waiting this long after
+// the scan lets the last flush arrive.
+const STATS_SETTLE_MS = 1000;
 
 const OPTIONS = {
   json: { type: 'boolean' },
   ext: { type: 'string' },
   ignore: { type: 'string', multiple: true },
   fast: { type: 'boolean' },
+  stats: { type: 'boolean' },
 };
 
 const DETAILS = `Walks the folder tree under <dir> (default: the current folder) and reports its files.
@@ -26,6 +32,7 @@ options:
                   case-sensitive); a skipped folder is not entered; may be given more than once
   --fast          read metadata from the directory listing instead of opening each file
                   (faster, most of all on Windows; no 'readable' detection)
+  --stats         after the summary, list the module's native calls (count, total and longest time)
 `;
 
 function extList(text) {
@@ -96,6 +103,7 @@ function run(args, io) {
   // that does not also receive the JSON lines.
   const progress = report.isTTY && !(values.json && data.isTTY) ? new format.ProgressLine(report) : null;
   const ostrel = io.loadModule();
+  const calls = collectStats(ostrel);
 
   return new Promise((resolve) => {
     const stats = { files: 0, bytes: 0 };
@@ -113,7 +121,16 @@ function run(args, io) {
       data.removeListener('error', onOutputError);
       if (progress) progress.clear();
       if (!quiet) report.write(summary(dir, stats, result, elapsed(), interrupted));
-      resolve(code);
+      if (!values.stats || quiet || interrupted) {
+        calls.stop();
+        resolve(code);
+        return;
+      }
+      setTimeout(() => {
+        calls.stop();
+        report.write(`native calls:\n${calls.table()}`);
+        resolve(code);
+      }, STATS_SETTLE_MS);
     };
     const stop = () => {
       if (close) close();
@@ -148,6 +165,7 @@ function run(args, io) {
       close = ostrel.ScanAllSubFiles(dir, update, result, options);
     } catch (err) {
       if (progress) progress.clear();
+      calls.stop();
       finished = true;
       process.removeListener('SIGINT', onInterrupt);
       data.removeListener('error', onOutputError);
@@ -159,7 +177,7 @@ function run(args, io) {
 module.exports = {
   name: 'scan',
   summary: "walk a folder tree and report its files (ostrel's main job)",
-  usage: 'ostrel scan [dir] [--json] [--ext jpg,png] [--ignore REGEX] [--fast]',
+  usage: 'ostrel scan [dir] [--json] [--ext jpg,png] [--ignore REGEX] [--fast] [--stats]',
   details: DETAILS,
   run,
   scanOptions,

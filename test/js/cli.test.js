@@ -24,7 +24,7 @@ function cli(args, { cwd = root, env = {} } = {}) {
 
 // The module's own log lines ("Ostrel Initializing ..."), which the command
 // line asks the module to write to standard error.
-const MODULE_LOG = /^(Ostrel |ScanData::)/;
+const MODULE_LOG = /^(Ostrel |ScanData::|RegisterTracer end$)/;
 const logSwitchWorks = !MODULE_LOG.test(cli(['version']).stdout);
 const LOG_TODO = logSwitchWorks ? false : 'the module does not see OSTREL_LOG_STDOUT set by the command line at run time here';
 const outputLines = (stdout) => stdout.split('\n').filter((l) => l && !MODULE_LOG.test(l));
@@ -216,6 +216,16 @@ test('--fast delivers the same files with the same sizes', () => {
   assert.equal(r.status, 0, r.stderr);
   const got = new Map(jsonFiles(r.stdout).map((f) => [f.relativePath, f.size]));
   assert.deepEqual(got, new Map(Object.entries(TREE).map(([k, v]) => [native(k), v])));
+});
+
+test('--stats lists the native calls of the scan, one query per file', () => {
+  const r = cli(['scan', tree, '--stats']);
+  assert.equal(r.status, 0, r.stderr);
+  const [, table] = r.stdout.split('native calls:\n');
+  assert.ok(table, r.stdout);
+  const perFile = table.split('\n').filter((l) => new RegExp(`^  \\S+ +${Object.keys(TREE).length} calls `).test(l));
+  assert.equal(perFile.length, 1, table);
+  assert.doesNotMatch(cli(['scan', tree]).stdout, /native calls/);
 });
 
 test('the progress line is throttled, padded over longer text and cleared', () => {
