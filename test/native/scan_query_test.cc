@@ -10,6 +10,7 @@
 
 #include "runtime/runtime.h"
 #include "runtime/sync_wait.h"
+#include "scan/api_compat.h"
 #include "scan/file_query.h"
 
 namespace ostrel::scan {
@@ -20,6 +21,8 @@ namespace fs = std::filesystem;
 class FillFileInfo : public ::testing::Test {
  protected:
   void SetUp() override {
+    api_compat::init();  // as the module's initialiser does; a second call does nothing
+    api_compat::init();
     runtime::create(2);
     pump_ = std::thread([] { runtime::io()->process_events(); });
     dir_ = fs::temp_directory_path() / ("ostrel-scan-query-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) +
