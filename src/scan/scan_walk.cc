@@ -194,6 +194,9 @@ class walker {
   // Builds the record of the entry at path_, fills its metadata and keeps it.
   void produce(dir_listing& dir, const dir_entry& e, std::size_t name_offset) {
     FileInfo info = FileInfo::from_walk(path_, rel_offset_, name_offset);
+    // What the listing said, so that an entry whose metadata may not be read
+    // still lands in the right list; a successful query overwrites it.
+    info.isFile = !e.is_dir;
     if (e.has_metadata) {
       apply_listing_metadata(info, e);
       scan_->keep_record(std::move(info), true);
