@@ -46,7 +46,7 @@ function makeTree({ files = {}, folders = [] } = {}) {
 }
 
 function removeTree(root) {
-  fs.rmSync(root, { recursive: true, force: true });
+  fs.rmSync(root, { recursive: true, force: true, maxRetries: 5 });
 }
 
 // Relative paths with "/" whatever the platform, sorted.

@@ -72,7 +72,10 @@ test('hidden files', async (t) => {
   await t.test('hidden+system files are dropped and counted; hidden-only and system-only are kept', async () => {
     const root = makeTree({ files: { 'both.txt': '', 'hidden.txt': '', 'system.txt': '', 'plain.txt': '' }, folders: ['hsdir'] });
     t.after(() => removeTree(root));
-    const attrib = (flags, name) => execFileSync('attrib', [...flags, path.join(root, name)]);
+    // Wine's attrib takes one attribute per call.
+    const attrib = (flags, name) => {
+      for (const f of flags) execFileSync('attrib', [f, path.join(root, name)]);
+    };
     attrib(['+h', '+s'], 'both.txt');
     attrib(['+h'], 'hidden.txt');
     attrib(['+s'], 'system.txt');
