@@ -2,10 +2,8 @@
 // Facts and fact sinks, through the probe's native producer.
 const test = require('node:test');
 const assert = require('node:assert/strict');
-const { loadProbe, runChild } = require('./helpers');
-const { probePath, waitFor } = require('./telemetry-helpers');
-
-const probe = loadProbe();
+const { runChild } = require('./helpers');
+const { probePath } = require('./telemetry-helpers');
 
 test('facts', async (t) => {
   // Fact sinks cannot be unregistered, so every case runs in its own child.
@@ -79,9 +77,3 @@ test('facts', async (t) => {
   });
 });
 
-test('in this process', async (t) => {
-  await t.test('the probe exposes the fact producer with argument checks', () => {
-    assert.throws(() => probe.postFact('x', {}), { message: 'Wrong number of arguments' });
-    assert.throws(() => probe.postFact(1, {}, false), { message: 'Wrong arguments' });
-  });
-});

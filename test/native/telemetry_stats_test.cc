@@ -68,16 +68,6 @@ TEST(TelemetryStats, FlushesAtMostEvery500MsAndOnlyWithATracer) {
   EXPECT_FALSE(stats.should_flush(true, true, t0 + 1000 * ms));
 }
 
-TEST(TelemetryStats, OneFlushAttemptAtATime) {
-  api_stats stats;
-  EXPECT_TRUE(stats.begin_flush_attempt());
-  EXPECT_FALSE(stats.begin_flush_attempt());
-  EXPECT_TRUE(stats.flush_attempt_pending());
-  stats.end_flush_attempt();
-  EXPECT_TRUE(stats.begin_flush_attempt());
-  stats.end_flush_attempt();
-}
-
 // Counts the attempts the hook is asked to start; each ends at once.
 std::atomic<int> g_started{0};
 void count_attempt() {
