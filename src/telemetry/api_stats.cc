@@ -6,12 +6,12 @@ namespace ostrel::telemetry {
 
 void api_stats::record(std::string_view name, std::uint64_t value_ms, std::int32_t code,
                        std::string_view message) {
-  const hashed_name key{name_hash{}(name), name};
+  const hashed_name key{std::hash<std::string_view>{}(name), name};
   std::lock_guard lock(lock_);
   auto it = entries_.find(key);
   if (it == entries_.end()) {
-    it = entries_.emplace(std::string(name), ApiStatEntry{}).first;
-    it->second.name = it->first;
+    it = entries_.emplace(stat_key{key.hash, std::string(name)}, ApiStatEntry{}).first;
+    it->second.name = it->first.name;
   }
   ApiStatEntry& e = it->second;
   e.count += 1;

@@ -53,28 +53,36 @@ class api_stats {
   bool flush_attempt_pending() const noexcept;
 
  private:
-  // The name's hash is computed before the lock is taken; under the lock
-  // the lookup only walks its bucket.
+  // Keys carry their name's hash: it is computed before the lock is taken,
+  // and under the lock a lookup compares stored hashes instead of hashing
+  // the names of the other entries in the bucket again.
+  struct stat_key {
+    std::size_t hash;
+    std::string name;
+  };
   struct hashed_name {
     std::size_t hash;
     std::string_view name;
   };
-  struct name_hash {
+  struct key_hash {
     using is_transparent = void;
-    std::size_t operator()(std::string_view s) const noexcept { return std::hash<std::string_view>{}(s); }
-    std::size_t operator()(const hashed_name& h) const noexcept { return h.hash; }
+    std::size_t operator()(const stat_key& k) const noexcept { return k.hash; }
+    std::size_t operator()(const hashed_name& k) const noexcept { return k.hash; }
   };
-  struct name_equal {
+  struct key_equal {
     using is_transparent = void;
-    bool operator()(std::string_view a, std::string_view b) const noexcept { return a == b; }
-    bool operator()(const hashed_name& a, std::string_view b) const noexcept { return a.name == b; }
-    bool operator()(std::string_view a, const hashed_name& b) const noexcept { return a == b.name; }
+    template <typename A, typename B>
+    bool operator()(const A& a, const B& b) const noexcept {
+      return a.hash == b.hash && std::string_view(a.name) == std::string_view(b.name);
+    }
   };
 
   mutable std::mutex lock_;
   std::int64_t last_flush_ns_ = 0;
-  std::unordered_map<std::string, ApiStatEntry, name_hash, name_equal> entries_;
-  std::atomic<bool> attempt_pending_{false};
+  std::unordered_map<stat_key, ApiStatEntry, key_hash, key_equal> entries_;
+  // On a line of its own: every record reads it, and the lock's line next
+  // to it is written by every record.
+  alignas(64) std::atomic<bool> attempt_pending_{false};
 };
 
 }  // namespace ostrel::telemetry
