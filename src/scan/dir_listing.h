@@ -43,7 +43,10 @@ class dir_listing {
   // false at the end. The entry's name is valid until the next call.
   bool next(dir_entry& entry);
   // One metadata attempt for an entry of this folder (the default mode).
-  query_outcome query(FileInfo& info, const dir_entry& entry) const;
+  query_outcome query(FileInfo& info, const dir_entry& entry) const { return query_name(info, entry.name); }
+  // The same by name; `name` must end where a NUL follows (the end of a
+  // std::string, or a name from next()). Safe from several threads.
+  query_outcome query_name(FileInfo& info, native_string_view name) const;
 
  private:
   void close() noexcept;

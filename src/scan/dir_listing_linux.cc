@@ -65,8 +65,8 @@ bool dir_listing::next(dir_entry& entry) {
   return true;
 }
 
-query_outcome dir_listing::query(FileInfo& info, const dir_entry& entry) const {
-  const char* name = entry.name.data();  // NUL-terminated, from readdir
+query_outcome dir_listing::query_name(FileInfo& info, native_string_view entry_name) const {
+  const char* name = entry_name.data();  // NUL-terminated
   if (!fast_) return query_file_info_at(fd_, name, info);
   // The fast mode: the entry's own metadata (a link is not followed), no
   // call statistic.

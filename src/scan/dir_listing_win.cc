@@ -162,7 +162,7 @@ bool dir_listing::next_fast(dir_entry& entry) {
   return true;
 }
 
-query_outcome dir_listing::query(FileInfo& info, const dir_entry&) const { return query_file_info(info); }
+query_outcome dir_listing::query_name(FileInfo& info, native_string_view) const { return query_file_info(info); }
 
 void apply_listing_metadata(FileInfo& info, const dir_entry& entry) {
   info.isFile = !entry.is_dir;

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <exception>
 #include <memory>
+#include <thread>
 
 #include "api_compat.h"
 #include "batch_encoding.h"
@@ -205,6 +206,9 @@ Napi::Value scan_all_sub_files(const Napi::CallbackInfo& info) {
   data->root_utf8 = info[0].As<Napi::String>().Utf8Value();
   data->root = walk_root(utf8_to_native(data->root_utf8));
   read_scan_options(env, info[3].As<Napi::Object>(), data->filters);
+  // With four or more cores one helper thread shares the metadata queries;
+  // on fewer, the second core is left to the main thread's file objects.
+  data->filters.metadata_helpers = std::thread::hardware_concurrency() >= 4 ? 1 : 0;
 
   auto session = std::make_shared<scan_session>(env, data);
   session->hold(info[1], info[2]);

@@ -49,6 +49,9 @@ struct ScanFilters {
   bool needDirs = false;
   // Metadata from the directory listing instead of a query per entry.
   bool fastMetadata = false;
+  // Threads that query metadata beside the walking one (not an option of
+  // script: chosen from the machine's cores).
+  unsigned metadata_helpers = 0;
   std::vector<ScanRule> rules;
 
   std::vector<name_regex> ignore_file_regs;

@@ -3,12 +3,12 @@
 #include <chrono>
 #include <coroutine>
 #include <exception>
-#include <unordered_set>
 
 #include "dir_listing.h"
 #include "leave_list.h"
 #include "runtime/log.h"
 #include "runtime/runtime.h"
+#include "stat_pipeline.h"
 
 namespace ostrel::scan {
 
@@ -24,6 +24,8 @@ struct detached_task {
     void unhandled_exception() noexcept { std::terminate(); }
   };
 };
+
+}  // namespace
 
 // Retries a record whose first query failed with a transient error: waits
 // 100 ms, then goes on with attempt 1. A record that vanished is dropped;
@@ -45,13 +47,19 @@ detached_task retry_metadata(std::shared_ptr<ScanData> scan, std::shared_ptr<Fil
   scan->end_work();
 }
 
+void retry_metadata_later(std::shared_ptr<ScanData> scan, std::shared_ptr<FileInfo> info) {
+  retry_metadata(std::move(scan), std::move(info));
+}
+
+namespace {
+
 bool is_dot_name(native_string_view name) {
   return name == OSTREL_NATIVE(".") || name == OSTREL_NATIVE("..");
 }
 
 // One open folder of the walk.
 struct frame {
-  std::unique_ptr<dir_listing> dir;
+  std::shared_ptr<dir_listing> dir;
   std::size_t path_size = 0;  // path length of this folder
   bool had_entries = false;
   // Reported after its walk when it turns out empty (returnEmptyFolder).
@@ -68,6 +76,14 @@ class walker {
         leave_files_(scan->filters.leaveFiles, scan->root) {
     path_ = scan->root;
     rel_offset_ = path_.size() + (ends_with_separator(path_) ? 0 : 1);
+    // Helper threads share the metadata queries when asked for and there is
+    // something to query (the fast listing has it all).
+    if (!f_.fastMetadata && f_.metadata_helpers > 0) {
+      pipeline_ = std::make_unique<stat_pipeline>(scan, f_.metadata_helpers);
+    }
+  }
+  ~walker() {
+    if (pipeline_) pipeline_->finish();
   }
 
   void run() {
@@ -90,8 +106,8 @@ class walker {
     return !p.empty() && (p.back() == native_separator || p.back() == '/');
   }
 
-  std::unique_ptr<dir_listing> open_root() {
-    auto dir = std::make_unique<dir_listing>();
+  std::shared_ptr<dir_listing> open_root() {
+    auto dir = std::make_shared<dir_listing>();
     path_.resize(scan_->root.size());
     if (!dir->open(path_, nullptr, {}, f_.fastMetadata)) return nullptr;
     return dir;
@@ -110,7 +126,7 @@ class walker {
   // The fine-grained descent: at `depth` the folder's sub-folders must fully
   // match the rule's expression for that depth; when the list is used up the
   // folder reached is walked whole. False when the scan stopped.
-  bool descend(dir_listing& dir, std::unique_ptr<dir_listing> owned, std::size_t depth, ScanRule& rule) {
+  bool descend(dir_listing& dir, std::shared_ptr<dir_listing> owned, std::size_t depth, ScanRule& rule) {
     if (depth == rule.dir_regs.size()) return walk_tree(std::move(owned), &rule);
     std::size_t saved = path_.size();
     dir_entry e;
@@ -121,7 +137,7 @@ class walker {
       push_name(e.name);
       bool go_on = true;
       if (!leave_dirs_.contains(relative())) {
-        auto child = std::make_unique<dir_listing>();
+        auto child = std::make_shared<dir_listing>();
         if (child->open(path_, &dir, e.name, f_.fastMetadata)) {
           dir_listing& ref = *child;
           go_on = descend(ref, std::move(child), depth + 1, rule);
@@ -135,7 +151,7 @@ class walker {
 
   // Walks the folder open in `root` (whose path is path_) and everything
   // beneath it, depth first, without recursion. False when the scan stopped.
-  bool walk_tree(std::unique_ptr<dir_listing> root, ScanRule* rule) {
+  bool walk_tree(std::shared_ptr<dir_listing> root, ScanRule* rule) {
     std::vector<frame> stack;
     stack.emplace_back();
     stack.back().dir = std::move(root);
@@ -150,7 +166,7 @@ class walker {
           path_.resize(stack.back().path_size);
           std::size_t at = push_name(done.name);
           done.entry.name = done.name;
-          produce(*stack.back().dir, done.entry, at);
+          produce(stack.back().dir, done.entry, at);
         }
         if (!stack.empty()) path_.resize(stack.back().path_size);
         continue;
@@ -161,12 +177,12 @@ class walker {
       path_.resize(top.path_size);
       std::size_t name_offset = push_name(e.name);
       if (!e.is_dir) {
-        file(*top.dir, e, name_offset, rule);
+        file(top.dir, e, name_offset, rule);
         continue;
       }
       if (ignoreDir(f_, e.name) || leave_dirs_.contains(relative())) continue;
-      if (f_.needDirs) produce(*top.dir, e, name_offset);
-      auto child = std::make_unique<dir_listing>();
+      if (f_.needDirs) produce(top.dir, e, name_offset);
+      auto child = std::make_shared<dir_listing>();
       if (!child->open(path_, top.dir.get(), e.name, f_.fastMetadata)) continue;
       frame next;
       next.dir = std::move(child);
@@ -181,7 +197,7 @@ class walker {
     return true;
   }
 
-  void file(dir_listing& dir, const dir_entry& e, std::size_t name_offset, ScanRule* rule) {
+  void file(const std::shared_ptr<dir_listing>& dir, const dir_entry& e, std::size_t name_offset, ScanRule* rule) {
     if (leave_files_.contains(relative())) return;
     scan_->totalFileCount.fetch_add(1, std::memory_order_relaxed);
     if (walkFileRejected(f_, e.name, rule)) {
@@ -192,11 +208,16 @@ class walker {
   }
 
   // Builds the record of the entry at path_, fills its metadata and keeps it.
-  void produce(dir_listing& dir, const dir_entry& e, std::size_t name_offset) {
+  void produce(const std::shared_ptr<dir_listing>& dir, const dir_entry& e, std::size_t name_offset) {
     FileInfo info = FileInfo::from_walk(path_, rel_offset_, name_offset);
     // What the listing said, so that an entry whose metadata may not be read
     // still lands in the right list; a successful query overwrites it.
     info.isFile = !e.is_dir;
+    if (pipeline_) {
+      if (e.has_metadata) apply_listing_metadata(info, e);
+      pipeline_->add(dir, std::move(info), name_offset, e.has_metadata);
+      return;
+    }
     if (e.has_metadata) {
       apply_listing_metadata(info, e);
       scan_->keep_record(std::move(info), true);
@@ -204,7 +225,7 @@ class walker {
     }
     int settled;
     try {
-      settled = settle_outcome(info, dir.query(info, e));
+      settled = settle_outcome(info, dir->query(info, e));
     } catch (const std::exception& ex) {
       log::out_value("Exception caught in FillFileInfoAsync: ", ex.what());
       return;
@@ -218,6 +239,7 @@ class walker {
   }
 
   std::shared_ptr<ScanData> scan_;
+  std::unique_ptr<stat_pipeline> pipeline_;
   ScanFilters& f_;
   leave_list leave_dirs_;
   leave_list leave_files_;
