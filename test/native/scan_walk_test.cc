@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "scan/api_compat.h"
 #include "scan/scan_walk.h"
 
 namespace ostrel::scan {
@@ -55,6 +56,7 @@ walked walk(const fs::path& root, unsigned helpers, bool stop_at_once = false) {
 }
 
 TEST(ScanWalk, HelperThreadsKeepTheWalksOrderAndRecords) {
+  api_compat::init();
   fs::path root = make_tree();
   walked alone = walk(root, 0);
   walked shared = walk(root, 1);
