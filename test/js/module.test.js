@@ -57,7 +57,7 @@ test('a second require of the same path does not initialise again', () => {
 test('the Windows build imports only system DLLs, binds node.exe lazily and exports one symbol', { skip: isWindows && 'objdump runs on the Linux side' }, () => {
   const file = path.join(root, 'build', 'win32', 'ostrel.node');
   if (!fs.existsSync(file)) return;
-  const dump = execFileSync('x86_64-w64-mingw32-objdump', ['-p', file], { encoding: 'utf8' });
+  const dump = execFileSync('x86_64-w64-mingw32-objdump', ['-p', file], { encoding: 'utf8', maxBuffer: 64 * 1024 * 1024 });
   const dlls = [...dump.matchAll(/DLL Name: (\S+)/g)].map((m) => m[1].toLowerCase());
   const system = new Set(['kernel32.dll', 'msvcrt.dll', 'ws2_32.dll', 'ntdll.dll', 'user32.dll', 'advapi32.dll',
     'ole32.dll', 'oleaut32.dll', 'shell32.dll', 'shlwapi.dll', 'version.dll', 'd3d11.dll', 'dxgi.dll',
