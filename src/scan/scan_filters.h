@@ -66,7 +66,7 @@ struct ScanFilters {
 // runs from the last '.', unless that dot is the name's first character
 // (".gitignore" has none); the stem is the rest.
 struct NameParts {
-  native_string_view stem;
+  native_string_view stem;  // a view into the name given to split_name
   native_string ext;  // lower-cased, without its dot; empty when there is none
 };
 NameParts split_name(native_string_view file_name);

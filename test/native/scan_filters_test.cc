@@ -3,6 +3,8 @@
 // name splits into stem and extension.
 #include <gtest/gtest.h>
 
+#include <memory>
+
 #include "scan/scan_filters.h"
 
 namespace ostrel::scan {
@@ -28,18 +30,24 @@ MatchEntry entry(const char* reg, std::vector<const char*> exts) {
 }
 
 TEST(ScanFilters, NamesSplitLikeTheFileSystemLibrary) {
-  NameParts a = split_name(N("archive.tar.gz"));
+  // The stem is a view into the name: keep the names alive.
+  auto parts = [](const char* name) {
+    static std::vector<std::unique_ptr<native_string>> names;
+    names.push_back(std::make_unique<native_string>(N(name)));
+    return split_name(*names.back());
+  };
+  NameParts a = parts("archive.tar.gz");
   EXPECT_EQ(a.stem, N("archive.tar"));
   EXPECT_EQ(a.ext, N("gz"));
-  NameParts g = split_name(N(".gitignore"));
+  NameParts g = parts(".gitignore");
   EXPECT_EQ(g.stem, N(".gitignore"));
   EXPECT_EQ(g.ext, N(""));
-  EXPECT_EQ(split_name(N("README")).ext, N(""));
-  EXPECT_EQ(split_name(N("b.JPG")).ext, N("jpg"));
-  EXPECT_EQ(split_name(N("..")).stem, N(".."));
-  EXPECT_EQ(split_name(N("trailing.")).stem, N("trailing"));
-  EXPECT_EQ(split_name(N("trailing.")).ext, N(""));
-  EXPECT_EQ(split_name(N("..hidden")).ext, N("hidden"));
+  EXPECT_EQ(parts("README").ext, N(""));
+  EXPECT_EQ(parts("b.JPG").ext, N("jpg"));
+  EXPECT_EQ(parts("..").stem, N(".."));
+  EXPECT_EQ(parts("trailing.").stem, N("trailing"));
+  EXPECT_EQ(parts("trailing.").ext, N(""));
+  EXPECT_EQ(parts("..hidden").ext, N("hidden"));
 }
 
 TEST(ScanFilters, ExtensionFilterPresenceAndLists) {
