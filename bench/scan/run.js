@@ -5,7 +5,7 @@
 // runner's rate relative to ostrel, and peak RSS.
 //
 //   node bench/scan/run.js [--files N | --1m] [--rounds N] [--only a,b] [--skip a,b]
-//                          [--seed N] [--generate-only] [--no-warmup] [--json out.json]
+//                          [--seed N] [--generate-only] [--no-warmup] [--json out.json] [--markdown]
 //   scripts/wine-node bench/scan/run.js        (Windows node.exe under Wine;
 //                                               generate the tree natively first)
 const fs = require('fs');
@@ -18,11 +18,21 @@ const { RUNNERS } = require('./runners');
 const root = path.resolve(__dirname, '..', '..');
 
 const USAGE = `usage: node bench/scan/run.js [--files N | --1m] [--rounds N] [--only a,b] [--skip a,b]
-                                [--seed N] [--generate-only] [--no-warmup] [--json out.json]
+                                [--seed N] [--generate-only] [--no-warmup] [--json out.json] [--markdown]
 runners: ${Object.keys(RUNNERS).join(', ')}`;
 
 function parseArgs(argv) {
-  const opts = { files: 100000, rounds: null, only: null, skip: [], seed: 1, generateOnly: false, warmup: true, json: null };
+  const opts = {
+    files: 100000,
+    rounds: null,
+    only: null,
+    skip: [],
+    seed: 1,
+    generateOnly: false,
+    warmup: true,
+    json: null,
+    markdown: false,
+  };
   for (let i = 0; i < argv.length; i++) {
     const a = argv[i];
     const value = () => {
@@ -43,6 +53,7 @@ function parseArgs(argv) {
     else if (a === '--generate-only') opts.generateOnly = true;
     else if (a === '--no-warmup') opts.warmup = false;
     else if (a === '--json') opts.json = value();
+    else if (a === '--markdown') opts.markdown = true;
     else if (a === '--help' || a === '-h') {
       console.log(USAGE);
       process.exit(0);
@@ -112,6 +123,20 @@ function printTable(rows, tree) {
   }
   console.log('vs ostrel: the runner\'s files/s divided by ostrel\'s (below 1.00x: slower than ostrel).');
   console.log('(!): the runner saw a different number of files than the tree holds.');
+}
+
+// The same table in Markdown, for bench/README.md.
+function printMarkdown(rows, tree) {
+  const ostrel = rows.find((r) => r.name === 'ostrel' && r.rate);
+  console.log('| runner | files/s | vs ostrel | median s | peak RSS MB | RSS growth MB |');
+  console.log('|---|---:|---:|---:|---:|---:|');
+  for (const r of rows.filter((x) => x.rate)) {
+    const ratio = ostrel ? `${(r.rate / ostrel.rate).toFixed(2)}x` : '-';
+    const files = r.files === tree.files ? '' : ` (${r.files} files)`;
+    console.log(
+      `| ${r.label}${files} | ${rate(r.rate)} | ${ratio} | ${r.seconds.toFixed(3)} | ${mb(r.peakRssKb)} | ${mb(r.growthKb)} |`,
+    );
+  }
 }
 
 function main() {
@@ -199,6 +224,10 @@ function main() {
       `ostrel: RSS growth during the scan ${mb(ostrelRow.growthKb)} MB over a baseline of ` +
         `${mb(runs.ostrel[0].baseRssKb)} MB; ${ostrelRow.extra ? ostrelRow.extra.updates : '?'} update calls`,
     );
+  }
+  if (opts.markdown) {
+    console.log('');
+    printMarkdown(rows, tree);
   }
   if (opts.json) {
     fs.writeFileSync(opts.json, JSON.stringify({ tree, rounds, node: process.version, platform: process.platform, rows, runs }, null, 2));
