@@ -76,7 +76,7 @@ __declspec(dllexport)
 #else
 __attribute__((visibility("default")))
 #endif
-void _register_ostrel_(void) {
+    void _register_ostrel_(void) {
   static napi_module module = {
       1, 0, __FILE__, ostrel::initialise, "ostrel", nullptr, {nullptr, nullptr, nullptr, nullptr},
   };

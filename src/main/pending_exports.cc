@@ -16,8 +16,12 @@ void attach_pending(Napi::Env env, Napi::Object exports, const char* name) {
 }
 }  // namespace
 
-void register_start_file_watch(Napi::Env env, Napi::Object exports) { attach_pending(env, exports, "StartFileWatch"); }
-void register_get_mtp_devices(Napi::Env env, Napi::Object exports) { attach_pending(env, exports, "GetMtpDevices"); }
+void register_start_file_watch(Napi::Env env, Napi::Object exports) {
+  attach_pending(env, exports, "StartFileWatch");
+}
+void register_get_mtp_devices(Napi::Env env, Napi::Object exports) {
+  attach_pending(env, exports, "GetMtpDevices");
+}
 void register_get_mtp_files_by_id(Napi::Env env, Napi::Object exports) {
   attach_pending(env, exports, "GetMtpFilesById");
 }
@@ -33,7 +37,9 @@ void register_get_hardware_disk(Napi::Env env, Napi::Object exports) {
 void register_texture_support(Napi::Env env, Napi::Object exports) {
   attach_pending(env, exports, "CheckExternalTextureSupport");
 }
-void register_get_drive_list(Napi::Env env, Napi::Object exports) { attach_pending(env, exports, "GetDriveList"); }
+void register_get_drive_list(Napi::Env env, Napi::Object exports) {
+  attach_pending(env, exports, "GetDriveList");
+}
 void register_media_player(Napi::Env env, Napi::Object exports) {
   attach_pending(env, exports, "CorvexMediaPlayer");
   attach_pending(env, exports, "CreateMediaPlayer");
@@ -41,6 +47,8 @@ void register_media_player(Napi::Env env, Napi::Object exports) {
 void register_read_media_duration(Napi::Env env, Napi::Object exports) {
   attach_pending(env, exports, "ReadMediaDuration");
 }
-void register_init_corvex(Napi::Env env, Napi::Object exports) { attach_pending(env, exports, "InitCorvexSync"); }
+void register_init_corvex(Napi::Env env, Napi::Object exports) {
+  attach_pending(env, exports, "InitCorvexSync");
+}
 
 }  // namespace ostrel::exports

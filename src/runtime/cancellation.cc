@@ -12,17 +12,17 @@ void cancellation_token::throw_if_cancellation_requested() const {
   if (is_cancellation_requested()) throw operation_cancelled();
 }
 
-cancellation_source::cancellation_source()
-    : state_(std::make_shared<detail::cancellation_state>()) {}
+cancellation_source::cancellation_source() : state_(std::make_shared<detail::cancellation_state>()) {}
 
-void cancellation_source::request_cancellation() { state_->request(); }
+void cancellation_source::request_cancellation() {
+  state_->request();
+}
 
 bool cancellation_source::is_cancellation_requested() const noexcept {
   return state_->requested();
 }
 
-cancellation_registration::cancellation_registration(const cancellation_token& token,
-                                                     std::function<void()> callback)
+cancellation_registration::cancellation_registration(const cancellation_token& token, std::function<void()> callback)
     : state_(token.state_), callback_(std::move(callback)) {
   if (!state_) return;
   if (!state_->add(this)) callback_();

@@ -28,8 +28,7 @@ class cancellation_token {
  private:
   friend class cancellation_source;
   friend class cancellation_registration;
-  explicit cancellation_token(std::shared_ptr<detail::cancellation_state> s) noexcept
-      : state_(std::move(s)) {}
+  explicit cancellation_token(std::shared_ptr<detail::cancellation_state> s) noexcept : state_(std::move(s)) {}
   std::shared_ptr<detail::cancellation_state> state_;
 };
 

@@ -17,7 +17,9 @@ auto_reset_event::auto_reset_event(bool initially_set) {
   if (!event_) throw_last_error("auto_reset_event: CreateEvent failed");
 }
 
-auto_reset_event::~auto_reset_event() { CloseHandle(event_); }
+auto_reset_event::~auto_reset_event() {
+  CloseHandle(event_);
+}
 
 void auto_reset_event::set() {
   if (!SetEvent(event_)) throw_last_error("auto_reset_event: SetEvent failed");

@@ -65,7 +65,9 @@ class io_service {
     timed_schedule_operation(io_service& s, std::int64_t deadline_ns, cancellation_token ct) noexcept
         : io_state(&on_complete), service_(s), deadline_ns_(deadline_ns), token_(std::move(ct)) {}
     timed_schedule_operation(timed_schedule_operation&& other) noexcept
-        : io_state(&on_complete), service_(other.service_), deadline_ns_(other.deadline_ns_),
+        : io_state(&on_complete),
+          service_(other.service_),
+          deadline_ns_(other.deadline_ns_),
           token_(std::move(other.token_)) {}
     bool await_ready() const noexcept { return token_.is_cancellation_requested(); }
     template <typename P>
@@ -102,8 +104,7 @@ class io_service {
   // throws operation_cancelled there once `ct` is cancelled.
   timed_schedule_operation schedule_after(std::chrono::milliseconds delay, cancellation_token ct = {}) noexcept {
     return timed_schedule_operation(
-        *this, monotonic_ns() + std::chrono::duration_cast<std::chrono::nanoseconds>(delay).count(),
-        std::move(ct));
+        *this, monotonic_ns() + std::chrono::duration_cast<std::chrono::nanoseconds>(delay).count(), std::move(ct));
   }
 
   // Delivers a completion for `state` on the service's thread.
@@ -182,8 +183,7 @@ class overlapped_operation : protected detail::io_state {
   }
 
  protected:
-  explicit overlapped_operation(cancellation_token ct = {}) noexcept
-      : io_state(&on_complete), token_(std::move(ct)) {}
+  explicit overlapped_operation(cancellation_token ct = {}) noexcept : io_state(&on_complete), token_(std::move(ct)) {}
 
   std::uint32_t error_ = 0;
   std::size_t bytes_ = 0;

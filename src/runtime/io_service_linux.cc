@@ -90,7 +90,9 @@ struct io_service::impl final : detail::io_timers {
   }
 };
 
-io_service::io_service() : impl_(std::make_unique<impl>()) { timers_ = impl_.get(); }
+io_service::io_service() : impl_(std::make_unique<impl>()) {
+  timers_ = impl_.get();
+}
 
 io_service::~io_service() {
   destroy_pending_timers();
@@ -103,7 +105,9 @@ io_service::~io_service() {
   for (auto& item : left) abandon_posted(item.state);
 }
 
-bool io_service::is_service_thread() const noexcept { return pumping_service == this; }
+bool io_service::is_service_thread() const noexcept {
+  return pumping_service == this;
+}
 
 void io_service::post(detail::io_state* state, std::uint32_t error, std::size_t bytes) {
   {

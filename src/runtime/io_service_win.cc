@@ -120,7 +120,9 @@ struct io_service::impl final : detail::io_timers {
   }
 };
 
-io_service::io_service() : impl_(std::make_unique<impl>(this)) { timers_ = impl_.get(); }
+io_service::io_service() : impl_(std::make_unique<impl>(this)) {
+  timers_ = impl_.get();
+}
 
 io_service::~io_service() {
   {
@@ -140,7 +142,9 @@ io_service::~io_service() {
   }
 }
 
-bool io_service::is_service_thread() const noexcept { return pumping_service == this; }
+bool io_service::is_service_thread() const noexcept {
+  return pumping_service == this;
+}
 
 void io_service::post(detail::io_state* state, std::uint32_t error, std::size_t bytes) {
   if (!PostQueuedCompletionStatus(impl_->port, static_cast<DWORD>(bytes), posted_key_base + error,

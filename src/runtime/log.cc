@@ -37,14 +37,26 @@ void write_line(std::FILE* stream, std::string_view a, std::string_view b = {}) 
 }
 }  // namespace
 
-void out(std::string_view text) { write_line(progress_stream(), text); }
-void err(std::string_view text) { write_line(stderr, text); }
+void out(std::string_view text) {
+  write_line(progress_stream(), text);
+}
+void err(std::string_view text) {
+  write_line(stderr, text);
+}
 // Wide text is written as UTF-8: switching the C stream to wide orientation
 // would silently drop every later narrow line on glibc.
-void wout(std::wstring_view text) { write_line(progress_stream(), to_utf8(text)); }
-void out_value(std::string_view text, std::string_view value) { write_line(progress_stream(), text, value); }
-void err_value(std::string_view text, std::string_view value) { write_line(stderr, text, value); }
-void err_code(std::string_view text, std::int64_t code) { write_line(stderr, text, std::to_string(code)); }
+void wout(std::wstring_view text) {
+  write_line(progress_stream(), to_utf8(text));
+}
+void out_value(std::string_view text, std::string_view value) {
+  write_line(progress_stream(), text, value);
+}
+void err_value(std::string_view text, std::string_view value) {
+  write_line(stderr, text, value);
+}
+void err_code(std::string_view text, std::int64_t code) {
+  write_line(stderr, text, std::to_string(code));
+}
 
 void err_hresult(std::string_view text, std::uint32_t hr) {
   char buf[16];

@@ -60,9 +60,8 @@ void install_cleanup_hook(napi_env env) {
   Napi::Env e(env);
   Napi::Object process = e.Global().Get("process").As<Napi::Object>();
   Napi::Function on = process.Get("on").As<Napi::Function>();
-  on.Call(process, {Napi::String::New(e, "exit"), Napi::Function::New(e, [](const Napi::CallbackInfo&) {
-                      cleanup(nullptr);
-                    })});
+  on.Call(process,
+          {Napi::String::New(e, "exit"), Napi::Function::New(e, [](const Napi::CallbackInfo&) { cleanup(nullptr); })});
 }
 
 }  // namespace ostrel::lifecycle

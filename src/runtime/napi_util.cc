@@ -33,7 +33,9 @@ void check_arg_types(const Napi::CallbackInfo& info, std::initializer_list<napi_
   }
 }
 
-promise::promise(napi_env env) : env_(env) { napi_check(env, napi_create_promise(env, &deferred_, &promise_)); }
+promise::promise(napi_env env) : env_(env) {
+  napi_check(env, napi_create_promise(env, &deferred_, &promise_));
+}
 
 promise::promise(promise&& other) noexcept
     : env_(other.env_), deferred_(std::exchange(other.deferred_, nullptr)), promise_(other.promise_) {}

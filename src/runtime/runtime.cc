@@ -38,8 +38,12 @@ std::shared_ptr<alive_token> g_alive;
 std::mutex g_alive_mutex;
 }  // namespace
 
-io_service* io() noexcept { return g_io.load(std::memory_order_acquire); }
-thread_pool* pool() noexcept { return g_pool.load(std::memory_order_acquire); }
+io_service* io() noexcept {
+  return g_io.load(std::memory_order_acquire);
+}
+thread_pool* pool() noexcept {
+  return g_pool.load(std::memory_order_acquire);
+}
 
 std::shared_ptr<alive_token> alive() noexcept {
   std::lock_guard lock(g_alive_mutex);

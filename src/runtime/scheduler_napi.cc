@@ -42,7 +42,9 @@ void scheduler::init(uv_loop_t* loop, napi_env env) {
   napi_check(env, napi_async_init(env, resource, name, &async_context_));
 }
 
-bool scheduler::is_main_thread() const noexcept { return main_thread_.load() == std::this_thread::get_id(); }
+bool scheduler::is_main_thread() const noexcept {
+  return main_thread_.load() == std::this_thread::get_id();
+}
 
 napi_env scheduler::env() const noexcept {
   std::lock_guard lock(lock_);
@@ -77,11 +79,12 @@ bool scheduler::enqueue(resumable op) {
   return true;
 }
 
-void scheduler::on_async(uv_async_t* handle) { static_cast<scheduler*>(handle->data)->dispatch(handle); }
+void scheduler::on_async(uv_async_t* handle) {
+  static_cast<scheduler*>(handle->data)->dispatch(handle);
+}
 
 void scheduler::close_handle(uv_async_t* handle) {
-  uv_close(reinterpret_cast<uv_handle_t*>(handle),
-           [](uv_handle_t* h) { delete reinterpret_cast<uv_async_t*>(h); });
+  uv_close(reinterpret_cast<uv_handle_t*>(handle), [](uv_handle_t* h) { delete reinterpret_cast<uv_async_t*>(h); });
 }
 
 void scheduler::dispatch(uv_async_t* h) {
@@ -101,8 +104,8 @@ void scheduler::dispatch(uv_async_t* h) {
   napi_value resource;
   napi_create_object(env, &resource);
   napi_callback_scope callback_scope;
-  check_scope(napi_open_callback_scope(env, resource, context, &callback_scope),
-              "CallbackScope::CallbackScope", "napi_open_callback_scope");
+  check_scope(napi_open_callback_scope(env, resource, context, &callback_scope), "CallbackScope::CallbackScope",
+              "napi_open_callback_scope");
 
   std::unique_lock lock(lock_);
   for (;;) {

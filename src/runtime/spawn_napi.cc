@@ -76,7 +76,9 @@ void log_task_failure() {
   }
 }
 
-void spawn(task<void> t, std::shared_ptr<alive_token> token) { run_detached(std::move(t), std::move(token)); }
+void spawn(task<void> t, std::shared_ptr<alive_token> token) {
+  run_detached(std::move(t), std::move(token));
+}
 
 void start_async(task<void> t) {
   auto token = runtime::alive();

@@ -94,8 +94,12 @@ std::basic_string<Char> utf8_to_utf16(std::string_view s) {
 }
 }  // namespace
 
-std::string to_utf8(std::u16string_view text) { return utf16_to_utf8(text); }
-std::u16string to_utf16(std::string_view text) { return utf8_to_utf16<char16_t>(text); }
+std::string to_utf8(std::u16string_view text) {
+  return utf16_to_utf8(text);
+}
+std::u16string to_utf16(std::string_view text) {
+  return utf8_to_utf16<char16_t>(text);
+}
 
 std::string to_utf8(std::wstring_view text) {
   if constexpr (sizeof(wchar_t) == 2) {

@@ -46,10 +46,8 @@ class task_promise : public task_promise_base {
   task<T> get_return_object() noexcept;
   void unhandled_exception() noexcept { result_.template emplace<2>(std::current_exception()); }
   template <typename U>
-    requires std::is_convertible_v<U&&, T>
-  void return_value(U&& value) {
-    result_.template emplace<1>(std::forward<U>(value));
-  }
+  requires std::is_convertible_v<U&&, T>
+  void return_value(U&& value) { result_.template emplace<1>(std::forward<U>(value)); }
   T& result() & {
     if (result_.index() == 2) std::rethrow_exception(std::get<2>(result_));
     if (result_.index() == 0) throw broken_promise();

@@ -3,5 +3,7 @@
 #include "thread_id.h"
 
 namespace ostrel {
-std::uint64_t current_thread_id() noexcept { return GetCurrentThreadId(); }
+std::uint64_t current_thread_id() noexcept {
+  return GetCurrentThreadId();
+}
 }  // namespace ostrel

@@ -17,7 +17,9 @@ thread_pool::thread_pool(std::size_t workers) {
   for (std::size_t i = 0; i < workers; ++i) threads_.emplace_back([this] { run(); });
 }
 
-thread_pool::~thread_pool() { shutdown(); }
+thread_pool::~thread_pool() {
+  shutdown();
+}
 
 void thread_pool::enqueue(resumable h) {
   {
@@ -56,8 +58,10 @@ void thread_pool::shutdown() {
     wake_.notify_all();
   }
   for (auto& t : threads_) {
-    if (t.joinable() && t.get_id() != std::this_thread::get_id()) t.join();
-    else if (t.joinable()) t.detach();
+    if (t.joinable() && t.get_id() != std::this_thread::get_id())
+      t.join();
+    else if (t.joinable())
+      t.detach();
   }
   threads_.clear();
   {
@@ -67,6 +71,8 @@ void thread_pool::shutdown() {
   for (auto h : abandoned) h.destroy();
 }
 
-bool thread_pool::is_worker_thread() const noexcept { return current_pool == this; }
+bool thread_pool::is_worker_thread() const noexcept {
+  return current_pool == this;
+}
 
 }  // namespace ostrel

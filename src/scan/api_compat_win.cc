@@ -41,8 +41,12 @@ void release() {
   }
 }
 
-bool is_bound() noexcept { return g_query.load() != nullptr; }
+bool is_bound() noexcept {
+  return g_query.load() != nullptr;
+}
 
-query_information_file_fn query_information_file() noexcept { return g_query.load(); }
+query_information_file_fn query_information_file() noexcept {
+  return g_query.load();
+}
 
 }  // namespace ostrel::scan::api_compat

@@ -15,8 +15,20 @@ namespace ostrel::scan {
 
 // Numbers per record, in this order.
 enum record_field : std::size_t {
-  f_abs_start, f_abs_len, f_name_start, f_name_len, f_dir_start, f_dir_len, f_rel_start, f_rel_len,
-  f_flags, f_size, f_ino, f_ctime, f_mtime, f_birthtime,
+  f_abs_start,
+  f_abs_len,
+  f_name_start,
+  f_name_len,
+  f_dir_start,
+  f_dir_len,
+  f_rel_start,
+  f_rel_len,
+  f_flags,
+  f_size,
+  f_ino,
+  f_ctime,
+  f_mtime,
+  f_birthtime,
   fields_per_record
 };
 // Bits of f_flags.

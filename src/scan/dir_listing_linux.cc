@@ -11,7 +11,9 @@
 
 namespace ostrel::scan {
 
-dir_listing::~dir_listing() { close(); }
+dir_listing::~dir_listing() {
+  close();
+}
 
 void dir_listing::close() noexcept {
   if (dir_) {

@@ -16,7 +16,9 @@ namespace ostrel::scan {
 namespace {
 constexpr std::size_t fast_buffer_bytes = 64 * 1024;
 
-std::int64_t quad(const LARGE_INTEGER& v) { return v.QuadPart; }
+std::int64_t quad(const LARGE_INTEGER& v) {
+  return v.QuadPart;
+}
 
 // Fills the metadata fields of a fast entry.
 void set_entry_metadata(dir_entry& e, DWORD attributes, const LARGE_INTEGER& size, std::uint64_t id,
@@ -33,7 +35,9 @@ void set_entry_metadata(dir_entry& e, DWORD attributes, const LARGE_INTEGER& siz
 }
 }  // namespace
 
-dir_listing::~dir_listing() { close(); }
+dir_listing::~dir_listing() {
+  close();
+}
 
 void dir_listing::close() noexcept {
   if (handle_) {
@@ -162,7 +166,9 @@ bool dir_listing::next_fast(dir_entry& entry) {
   return true;
 }
 
-query_outcome dir_listing::query_name(FileInfo& info, native_string_view) const { return query_file_info(info); }
+query_outcome dir_listing::query_name(FileInfo& info, native_string_view) const {
+  return query_file_info(info);
+}
 
 void apply_listing_metadata(FileInfo& info, const dir_entry& entry) {
   info.isFile = !entry.is_dir;

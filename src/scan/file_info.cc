@@ -10,7 +10,9 @@
 namespace ostrel::scan {
 
 namespace {
-std::string path_utf8(const std::filesystem::path& p) { return native_to_utf8(p.native()); }
+std::string path_utf8(const std::filesystem::path& p) {
+  return native_to_utf8(p.native());
+}
 }  // namespace
 
 void strip_relative_dir(std::string& dir) {
@@ -85,6 +87,8 @@ double unix_time_to_ms(std::int64_t seconds, std::uint32_t nanoseconds) noexcept
   return static_cast<double>(seconds) * 1000.0 + nanoseconds / 1e6;
 }
 
-double floor_to_second(double ms) noexcept { return std::floor(ms / 1000.0) * 1000.0; }
+double floor_to_second(double ms) noexcept {
+  return std::floor(ms / 1000.0) * 1000.0;
+}
 
 }  // namespace ostrel::scan

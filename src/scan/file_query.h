@@ -26,13 +26,16 @@ query_outcome query_file_info(FileInfo& info);
 // Returns the task's answer for a final outcome, or nothing for retry.
 inline int settle_outcome(FileInfo& info, query_outcome outcome) {
   switch (outcome) {
-    case query_outcome::filled: return 1;
+    case query_outcome::filled:
+      return 1;
     case query_outcome::denied:
       info.readable = false;
       info.clear_metadata();
       return 1;
-    case query_outcome::missing: return 0;
-    case query_outcome::retry: break;
+    case query_outcome::missing:
+      return 0;
+    case query_outcome::retry:
+      break;
   }
   return -1;
 }

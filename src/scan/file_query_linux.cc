@@ -15,9 +15,12 @@
 namespace ostrel::scan {
 
 namespace {
-constexpr unsigned statx_mask = STATX_TYPE | STATX_MODE | STATX_INO | STATX_SIZE | STATX_MTIME | STATX_CTIME | STATX_BTIME;
+constexpr unsigned statx_mask =
+    STATX_TYPE | STATX_MODE | STATX_INO | STATX_SIZE | STATX_MTIME | STATX_CTIME | STATX_BTIME;
 
-double to_ms(const struct statx_timestamp& t) { return unix_time_to_ms(t.tv_sec, t.tv_nsec); }
+double to_ms(const struct statx_timestamp& t) {
+  return unix_time_to_ms(t.tv_sec, t.tv_nsec);
+}
 }  // namespace
 
 void fill_from_statx(FileInfo& info, const struct statx& st, std::string_view name) {
@@ -60,12 +63,14 @@ query_outcome query_file_info_at(int dir_fd, const char* name, FileInfo& info) {
   }
   query_outcome outcome = classify_errno(error);
   if (outcome == query_outcome::retry) {
-    log::wout(L"FillFileInfoAsync: statx(" + native_to_wide(info.native_path) +
-              L")failed, error code: " + std::to_wstring(error));
+    log::wout(L"FillFileInfoAsync: statx(" + native_to_wide(info.native_path) + L")failed, error code: " +
+              std::to_wstring(error));
   }
   return outcome;
 }
 
-query_outcome query_file_info(FileInfo& info) { return query_file_info_at(AT_FDCWD, info.native_path.c_str(), info); }
+query_outcome query_file_info(FileInfo& info) {
+  return query_file_info_at(AT_FDCWD, info.native_path.c_str(), info);
+}
 
 }  // namespace ostrel::scan

@@ -32,16 +32,26 @@ bool is_valid_utf8(std::string_view text) {
 }  // namespace
 
 #ifdef _WIN32
-std::string native_to_utf8(native_string_view text) { return to_utf8(text); }
-native_string utf8_to_native(std::string_view text) { return to_wide(text); }
-std::wstring native_to_wide(native_string_view text) { return std::wstring(text); }
+std::string native_to_utf8(native_string_view text) {
+  return to_utf8(text);
+}
+native_string utf8_to_native(std::string_view text) {
+  return to_wide(text);
+}
+std::wstring native_to_wide(native_string_view text) {
+  return std::wstring(text);
+}
 #else
 std::string native_to_utf8(native_string_view text) {
   if (is_valid_utf8(text)) return std::string(text);
   return to_utf8(to_wide(text));
 }
-native_string utf8_to_native(std::string_view text) { return std::string(text); }
-std::wstring native_to_wide(native_string_view text) { return to_wide(text); }
+native_string utf8_to_native(std::string_view text) {
+  return std::string(text);
+}
+std::wstring native_to_wide(native_string_view text) {
+  return to_wide(text);
+}
 #endif
 
 }  // namespace ostrel::scan

@@ -231,7 +231,9 @@ Napi::Value scan_all_sub_files(const Napi::CallbackInfo& info) {
 
 namespace exports {
 
-void init_api_compat() { scan::api_compat::init(); }
+void init_api_compat() {
+  scan::api_compat::init();
+}
 
 void register_scan_all_sub_files(Napi::Env env, Napi::Object exports) {
   attach_export(env, exports, "ScanAllSubFiles", scan::scan_all_sub_files);

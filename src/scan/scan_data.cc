@@ -8,13 +8,13 @@ namespace ostrel::scan {
 
 ScanData::ScanData() = default;
 
-ScanData::~ScanData() { log::out("ScanData::~ScanData"); }
+ScanData::~ScanData() {
+  log::out("ScanData::~ScanData");
+}
 
 bool ScanData::request_stop() {
   bool was = stop_->exchange(true, std::memory_order_acq_rel);
-  {
-    std::lock_guard lock(backlog_mutex_);
-  }
+  { std::lock_guard lock(backlog_mutex_); }
   backlog_drained_.notify_all();
   return was;
 }

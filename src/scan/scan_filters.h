@@ -67,7 +67,7 @@ struct ScanFilters {
 // (".gitignore" has none); the stem is the rest.
 struct NameParts {
   native_string_view stem;  // a view into the name given to split_name
-  native_string ext;  // lower-cased, without its dot; empty when there is none
+  native_string ext;        // lower-cased, without its dot; empty when there is none
 };
 NameParts split_name(native_string_view file_name);
 

@@ -16,10 +16,18 @@ bool get_if(Napi::Object options, const char* key, Check check, Napi::Value& out
   return true;
 }
 
-bool is_array(const Napi::Value& v) { return v.IsArray(); }
-bool is_object(const Napi::Value& v) { return v.IsObject(); }
-bool is_boolean(const Napi::Value& v) { return v.IsBoolean(); }
-bool is_string(const Napi::Value& v) { return v.IsString(); }
+bool is_array(const Napi::Value& v) {
+  return v.IsArray();
+}
+bool is_object(const Napi::Value& v) {
+  return v.IsObject();
+}
+bool is_boolean(const Napi::Value& v) {
+  return v.IsBoolean();
+}
+bool is_string(const Napi::Value& v) {
+  return v.IsString();
+}
 
 // The string elements of an array, in order; others are skipped.
 std::vector<std::string> string_elements(Napi::Value value) {

@@ -72,7 +72,9 @@ struct frame {
 class walker {
  public:
   explicit walker(const std::shared_ptr<ScanData>& scan)
-      : scan_(scan), f_(scan->filters), leave_dirs_(scan->filters.leaveDirs, scan->root),
+      : scan_(scan),
+        f_(scan->filters),
+        leave_dirs_(scan->filters.leaveDirs, scan->root),
         leave_files_(scan->filters.leaveFiles, scan->root) {
     path_ = scan->root;
     rel_offset_ = path_.size() + (ends_with_separator(path_) ? 0 : 1);
@@ -249,6 +251,8 @@ class walker {
 
 }  // namespace
 
-void run_walk(const std::shared_ptr<ScanData>& scan) { walker(scan).run(); }
+void run_walk(const std::shared_ptr<ScanData>& scan) {
+  walker(scan).run();
+}
 
 }  // namespace ostrel::scan

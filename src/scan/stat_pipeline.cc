@@ -17,10 +17,11 @@ stat_pipeline::stat_pipeline(std::shared_ptr<ScanData> scan, unsigned helpers) :
   for (unsigned i = 0; i < helpers; ++i) helpers_.emplace_back([this] { helper_loop(); });
 }
 
-stat_pipeline::~stat_pipeline() { finish(); }
+stat_pipeline::~stat_pipeline() {
+  finish();
+}
 
-void stat_pipeline::add(const std::shared_ptr<dir_listing>& dir, FileInfo&& info, std::size_t name_offset,
-                        bool ready) {
+void stat_pipeline::add(const std::shared_ptr<dir_listing>& dir, FileInfo&& info, std::size_t name_offset, bool ready) {
   if (open_ && (open_->dir != dir || open_->records.size() >= segment_limit)) close_segment();
   if (!open_) {
     open_ = std::make_unique<segment>();

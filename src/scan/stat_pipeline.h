@@ -51,7 +51,7 @@ class stat_pipeline {
 
   void close_segment();  // queues the open segment
   void process(segment& s);
-  void hand_on_done();   // keeps the records of done segments at the head, in order
+  void hand_on_done();                               // keeps the records of done segments at the head, in order
   bool run_one(std::unique_lock<std::mutex>& lock);  // claims and processes one segment
   void helper_loop();
 

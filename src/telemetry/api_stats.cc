@@ -4,8 +4,7 @@
 
 namespace ostrel::telemetry {
 
-void api_stats::record(std::string_view name, std::uint64_t value_ms, std::int32_t code,
-                       std::string_view message) {
+void api_stats::record(std::string_view name, std::uint64_t value_ms, std::int32_t code, std::string_view message) {
   const hashed_name key{std::hash<std::string_view>{}(name), name};
   std::lock_guard lock(lock_);
   auto it = entries_.find(key);
@@ -60,8 +59,12 @@ bool api_stats::begin_flush_attempt() noexcept {
   return !attempt_pending_.exchange(true, std::memory_order_acq_rel);
 }
 
-void api_stats::end_flush_attempt() noexcept { attempt_pending_.store(false, std::memory_order_seq_cst); }
+void api_stats::end_flush_attempt() noexcept {
+  attempt_pending_.store(false, std::memory_order_seq_cst);
+}
 
-bool api_stats::flush_attempt_pending() const noexcept { return attempt_pending_.load(std::memory_order_acquire); }
+bool api_stats::flush_attempt_pending() const noexcept {
+  return attempt_pending_.load(std::memory_order_acquire);
+}
 
 }  // namespace ostrel::telemetry

@@ -50,7 +50,9 @@ class first_failure {
   std::exception_ptr error_;
 };
 
-bool on_main_thread() { return scheduler::instance().is_main_thread() && scheduler::instance().env() != nullptr; }
+bool on_main_thread() {
+  return scheduler::instance().is_main_thread() && scheduler::instance().env() != nullptr;
+}
 
 }  // namespace
 
@@ -123,8 +125,12 @@ task<void> deliver_facts() {
 }
 
 namespace {
-void start_event_delivery() { start_async(deliver_events()); }
-void start_fact_delivery() { start_async(deliver_facts()); }
+void start_event_delivery() {
+  start_async(deliver_events());
+}
+void start_fact_delivery() {
+  start_async(deliver_facts());
+}
 }  // namespace
 
 void install_delivery_hooks() {

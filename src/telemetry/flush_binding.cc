@@ -127,6 +127,8 @@ task<void> flush_attempt(flush_ticket ticket) {
 
 }  // namespace
 
-void start_flush_attempt() { start_async(flush_attempt(flush_ticket())); }
+void start_flush_attempt() {
+  start_async(flush_attempt(flush_ticket()));
+}
 
 }  // namespace ostrel::telemetry

@@ -69,7 +69,9 @@ void script_registry::on_env_teardown(void* self) {
 }
 
 namespace {
-void fact_sink_count(std::size_t n) { global().facts.set_sink_count(n); }
+void fact_sink_count(std::size_t n) {
+  global().facts.set_sink_count(n);
+}
 }  // namespace
 
 script_registry& reporters() {

@@ -17,7 +17,9 @@ state& global() {
   return *s;
 }
 
-void install_hooks(const delivery_hooks* hooks) noexcept { g_hooks.store(hooks, std::memory_order_release); }
+void install_hooks(const delivery_hooks* hooks) noexcept {
+  g_hooks.store(hooks, std::memory_order_release);
+}
 
 void report_event(std::int32_t category, std::string message, std::vector<std::pair<std::string, std::string>> fields) {
   global().events.push(make_tvk_record(category, std::move(message), fields));

@@ -45,7 +45,6 @@ void post_fact(std::string name, std::map<std::string, std::string> attributes);
 // code (0 for success) and a message kept with the first failure. Costs a
 // map update; tracers receive one aggregated span per name at most every
 // 500 ms.
-void record_stat(std::string_view name, std::uint64_t value_ms, std::int32_t code = 0,
-                 std::string_view message = {});
+void record_stat(std::string_view name, std::uint64_t value_ms, std::int32_t code = 0, std::string_view message = {});
 
 }  // namespace ostrel::telemetry

@@ -21,11 +21,11 @@ using event_fields = std::vector<std::pair<std::string, std::string>>;
 struct TvkRecord {
   std::int32_t category = 0;
   std::optional<std::string> msg;
-  std::array<std::optional<std::string>, 5> c;             // "c1".."c5"
-  std::array<std::optional<std::string>, 5> bl;            // "bl1".."bl5"
-  std::array<std::optional<std::int32_t>, 5> wl_avgv;      // "wl_avgv1".."wl_avgv5"
-  std::optional<double> w_succ;                            // "w_succ"
-  std::map<std::string, std::string> extra;                // any other key
+  std::array<std::optional<std::string>, 5> c;         // "c1".."c5"
+  std::array<std::optional<std::string>, 5> bl;        // "bl1".."bl5"
+  std::array<std::optional<std::int32_t>, 5> wl_avgv;  // "wl_avgv1".."wl_avgv5"
+  std::optional<double> w_succ;                        // "w_succ"
+  std::map<std::string, std::string> extra;            // any other key
 };
 
 // Builds a record: "c1".."c5", "bl1".."bl5", "wl_avgv1".."wl_avgv5" and

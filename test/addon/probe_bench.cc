@@ -22,7 +22,9 @@ Napi::Object summarise(Napi::Env env, std::vector<std::int64_t>& latencies, std:
   std::sort(latencies.begin(), latencies.end());
   auto pct = [&](double q) {
     if (latencies.empty()) return 0.0;
-    return static_cast<double>(latencies[std::min(latencies.size() - 1, static_cast<std::size_t>(q * latencies.size()))]) / 1e3;
+    return static_cast<double>(
+               latencies[std::min(latencies.size() - 1, static_cast<std::size_t>(q * latencies.size()))]) /
+           1e3;
   };
   Napi::Object out = Napi::Object::New(env);
   out.Set("hops", static_cast<double>(latencies.size()));
@@ -89,8 +91,8 @@ Napi::Value tsfn_hops(const Napi::CallbackInfo& info) {
   napi_check(env, napi_create_string_utf8(env, "hop", NAPI_AUTO_LENGTH, &name));
   napi_check(env, napi_create_threadsafe_function(
                       env, nullptr, nullptr, name, 0, 1, run,
-                      [](napi_env, void*, void* context) { delete static_cast<tsfn_run*>(context); }, run,
-                      tsfn_call, &run->fn));
+                      [](napi_env, void*, void* context) { delete static_cast<tsfn_run*>(context); }, run, tsfn_call,
+                      &run->fn));
   run->worker = std::thread([run, n] {
     run->latencies.reserve(n);
     const std::int64_t start = monotonic_ns();

@@ -32,5 +32,7 @@ Napi::Object init(Napi::Env env, Napi::Object exports) {
 }  // namespace
 }  // namespace ostrel::probe
 
-static Napi::Object init_probe(Napi::Env env, Napi::Object exports) { return ostrel::probe::init(env, exports); }
+static Napi::Object init_probe(Napi::Env env, Napi::Object exports) {
+  return ostrel::probe::init(env, exports);
+}
 NODE_API_MODULE(runtime_probe, init_probe)

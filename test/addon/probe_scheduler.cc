@@ -20,7 +20,9 @@
 namespace ostrel::probe {
 namespace {
 
-scheduler& sched() { return scheduler::instance(); }
+scheduler& sched() {
+  return scheduler::instance();
+}
 
 void busy_wait_ms(double ms) {
   const std::int64_t end = monotonic_ns() + static_cast<std::int64_t>(ms * 1e6);
@@ -129,7 +131,9 @@ Napi::Value release(const Napi::CallbackInfo& info) {
   return Napi::Number::New(info.Env(), sched().ref_count());
 }
 
-Napi::Value ref_count(const Napi::CallbackInfo& info) { return Napi::Number::New(info.Env(), sched().ref_count()); }
+Napi::Value ref_count(const Napi::CallbackInfo& info) {
+  return Napi::Number::New(info.Env(), sched().ref_count());
+}
 
 // add_ref or release from a plain thread; returns the count afterwards.
 Napi::Value off_main(const Napi::CallbackInfo& info, bool add) {
@@ -217,8 +221,7 @@ void register_scheduler_probes(Napi::Env env, Napi::Object exports) {
   exports.Set("addRef", Napi::Function::New(env, add_ref));
   exports.Set("release", Napi::Function::New(env, release));
   exports.Set("refCount", Napi::Function::New(env, ref_count));
-  exports.Set("addRefOffMain",
-              Napi::Function::New(env, [](const Napi::CallbackInfo& i) { return off_main(i, true); }));
+  exports.Set("addRefOffMain", Napi::Function::New(env, [](const Napi::CallbackInfo& i) { return off_main(i, true); }));
   exports.Set("releaseOffMain",
               Napi::Function::New(env, [](const Napi::CallbackInfo& i) { return off_main(i, false); }));
   exports.Set("dropQueuedOnRelease", Napi::Function::New(env, drop_queued_on_release));

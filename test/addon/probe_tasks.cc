@@ -18,7 +18,9 @@
 namespace ostrel::probe {
 namespace {
 
-scheduler& sched() { return scheduler::instance(); }
+scheduler& sched() {
+  return scheduler::instance();
+}
 
 struct not_an_exception {};
 

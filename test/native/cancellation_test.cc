@@ -36,7 +36,9 @@ TEST(Cancellation, CallbacksRunOnceOnRequestAndAtOnceWhenLate) {
 TEST(Cancellation, DeregisteredCallbackNeverRuns) {
   cancellation_source source;
   bool called = false;
-  { cancellation_registration r(source.token(), [&] { called = true; }); }
+  {
+    cancellation_registration r(source.token(), [&] { called = true; });
+  }
   source.request_cancellation();
   EXPECT_FALSE(called);
 }

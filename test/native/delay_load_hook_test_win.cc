@@ -27,7 +27,9 @@ TEST(DelayLoadHookWin, DefaultsToNodeExeUntilTheHostModuleIsLoaded) {
   EXPECT_EQ(GetModuleHandleW(L"varno.dll"), nullptr);
 }
 
-TEST(DelayLoadHookWin, IsInstalledAsTheNotifyHook) { EXPECT_NE(__pfnDliNotifyHook2, nullptr); }
+TEST(DelayLoadHookWin, IsInstalledAsTheNotifyHook) {
+  EXPECT_NE(__pfnDliNotifyHook2, nullptr);
+}
 
 }  // namespace
 }  // namespace ostrel

@@ -83,9 +83,7 @@ TEST(OverlappedOperation, CancellationRacingCompletionEndsOnce) {
   for (int i = 0; i < 300; ++i) {
     pipe_pair p;
     cancellation_source source;
-    std::thread writer([&] {
-      [[maybe_unused]] auto n = ::write(p.fds[1], "z", 1);
-    });
+    std::thread writer([&] { [[maybe_unused]] auto n = ::write(p.fds[1], "z", 1); });
     std::thread canceller([&] { source.request_cancellation(); });
     try {
       EXPECT_EQ(sync_wait([&]() -> task<char> { co_return co_await pipe_read(s.service, p.fds[0], source.token()); }()),

@@ -46,8 +46,8 @@ struct pipe_pair {
   HANDLE client = INVALID_HANDLE_VALUE;
   explicit pipe_pair(io_service& s) {
     static int counter = 0;
-    std::wstring name = L"\\\\.\\pipe\\ostrel-test-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
-                        std::to_wstring(++counter);
+    std::wstring name =
+        L"\\\\.\\pipe\\ostrel-test-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(++counter);
     server = CreateNamedPipeW(name.c_str(), PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED, PIPE_TYPE_BYTE, 1, 64, 64, 0,
                               nullptr);
     EXPECT_NE(server, INVALID_HANDLE_VALUE) << GetLastError();

@@ -10,7 +10,9 @@
 namespace ostrel::scan {
 namespace {
 
-native_string N(const char* utf8) { return utf8_to_native(utf8); }
+native_string N(const char* utf8) {
+  return utf8_to_native(utf8);
+}
 
 ExtFilter filter(std::vector<const char*> includes, std::vector<const char*> excludes, bool excludes_given,
                  bool scan_level) {
@@ -120,7 +122,7 @@ TEST(ScanFilters, IgnoreFileMatchesTheWholeName) {
   scan.ignoreFileRegs = {"~\\$.*"};
   EXPECT_TRUE(ignoreFile(scan, N("~$report.docx")));
   EXPECT_FALSE(ignoreFile(scan, N("a~$report.docx")));
-  scan.ignoreFileRegs.push_back("report");  // compiled again: the count changed
+  scan.ignoreFileRegs.push_back("report");           // compiled again: the count changed
   EXPECT_FALSE(ignoreFile(scan, N("report.docx")));  // the whole name, extension included
   scan.ignoreFileRegs.push_back("report\\.docx");
   EXPECT_TRUE(ignoreFile(scan, N("dir") + native_string(1, native_separator) + N("report.docx")));
@@ -142,8 +144,8 @@ TEST(ScanFilters, FileRejectedOnlyInFineGrainedModeAndInItsOrder) {
   EXPECT_TRUE(fileRejected(scan, N("skip.txt"), &rule));  // ignoreFileRegs first
   EXPECT_TRUE(fileRejected(scan, N("a.jpg"), &rule));     // scan-level filter
   EXPECT_FALSE(fileRejected(scan, N("a.txt"), &rule));
-  EXPECT_TRUE(fileRejected(scan, N("b.txt"), &rule));     // the cover does not take it
-  rule.extFilter = filter({"jpg"}, {}, false, false);     // replaces the scan-level one
+  EXPECT_TRUE(fileRejected(scan, N("b.txt"), &rule));  // the cover does not take it
+  rule.extFilter = filter({"jpg"}, {}, false, false);  // replaces the scan-level one
   EXPECT_FALSE(fileRejected(scan, N("a.jpg"), &rule));
   EXPECT_TRUE(fileRejected(scan, N("a.txt"), &rule));
 }

@@ -20,7 +20,9 @@ const native_string root = "/data/sync";
 #define SEP "/"
 #endif
 
-native_string under_root(const char* relative) { return root + native_separator + utf8_to_native(relative); }
+native_string under_root(const char* relative) {
+  return root + native_separator + utf8_to_native(relative);
+}
 
 TEST(FileInfoPaths, RootLevelFile) {
   FileInfo f(under_root("a.txt"), root);

@@ -25,8 +25,9 @@ class FillFileInfo : public ::testing::Test {
     api_compat::init();
     runtime::create(2);
     pump_ = std::thread([] { runtime::io()->process_events(); });
-    dir_ = fs::temp_directory_path() / ("ostrel-scan-query-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) +
-                                        std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
+    dir_ = fs::temp_directory_path() /
+           ("ostrel-scan-query-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) +
+            std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
     fs::create_directories(dir_);
   }
   void TearDown() override {
@@ -36,9 +37,7 @@ class FillFileInfo : public ::testing::Test {
     std::error_code ec;
     fs::remove_all(dir_, ec);
   }
-  std::shared_ptr<FileInfo> record(const fs::path& p) {
-    return std::make_shared<FileInfo>(p.native(), dir_.native());
-  }
+  std::shared_ptr<FileInfo> record(const fs::path& p) { return std::make_shared<FileInfo>(p.native(), dir_.native()); }
   fs::path dir_;
   std::thread pump_;
 };

@@ -12,13 +12,32 @@ namespace {
 
 TEST(NameRegex, DirectMatcherAgreesWithTheEngine) {
   const char* patterns[] = {
-      "node_modules", "~\\$.*", ".*\\.tmp", ".*", "^abc$", "a.*b.*c", ".*\\.tar\\.gz", "IMG.*?\\.jpg",
-      "\\.DS_Store", "x.*.*y", "^", "caf\xC3\xA9.*", ".*\\$", "a\\\\$",
+      "node_modules", "~\\$.*",      ".*\\.tmp", ".*", "^abc$",         "a.*b.*c", ".*\\.tar\\.gz",
+      "IMG.*?\\.jpg", "\\.DS_Store", "x.*.*y",   "^",  "caf\xC3\xA9.*", ".*\\$",   "a\\\\$",
   };
   const char* subjects[] = {
-      "node_modules", "node_modules2", "~$report.docx", "a~$b", "file.tmp", "file.tmp.bak", "", "abc",
-      "aXbYc", "acb", "archive.tar.gz", "IMG_1.jpg", "IMG.jpg", ".DS_Store", "xy", "x-y", "caf\xC3\xA9 au lait",
-      "price$", "a\\", "line\nbreak.tmp", "a\xE2\x80\xA8" "b.tmp",
+      "node_modules",
+      "node_modules2",
+      "~$report.docx",
+      "a~$b",
+      "file.tmp",
+      "file.tmp.bak",
+      "",
+      "abc",
+      "aXbYc",
+      "acb",
+      "archive.tar.gz",
+      "IMG_1.jpg",
+      "IMG.jpg",
+      ".DS_Store",
+      "xy",
+      "x-y",
+      "caf\xC3\xA9 au lait",
+      "price$",
+      "a\\",
+      "line\nbreak.tmp",
+      "a\xE2\x80\xA8"
+      "b.tmp",
   };
   for (const char* p : patterns) {
     name_regex r(p);

@@ -17,8 +17,8 @@ TEST(Strings, RoundTripsEveryPlane) {
 
 TEST(Strings, MalformedInputBecomesReplacementCharacters) {
   EXPECT_EQ(to_utf16("\xFF"), std::u16string(1, u'\xFFFD'));
-  EXPECT_EQ(to_utf16("\xE4\xB8"), u"\xFFFD\xFFFD");           // truncated sequence
-  EXPECT_EQ(to_utf16("\xC0\xAF"), u"\xFFFD\xFFFD");           // overlong '/'
+  EXPECT_EQ(to_utf16("\xE4\xB8"), u"\xFFFD\xFFFD");            // truncated sequence
+  EXPECT_EQ(to_utf16("\xC0\xAF"), u"\xFFFD\xFFFD");            // overlong '/'
   EXPECT_EQ(to_utf16("\xED\xA0\x80"), u"\xFFFD\xFFFD\xFFFD");  // encoded surrogate
   std::u16string lone_high = u"x";
   lone_high.push_back(static_cast<char16_t>(0xD800));

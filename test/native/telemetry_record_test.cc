@@ -20,9 +20,9 @@ TEST(TelemetryRecord, RoutesTypedKeysAndKeepsTheRestAsExtras) {
                                  {"bl3", "base"},
                                  {"wl_avgv2", "-42"},
                                  {"w_succ", "0.5"},
-                                 {"c6", "not typed"},        // only 1..5 are typed
-                                 {"C1", "case matters"},     // so is the case
-                                 {"wl_avgv", "no digit"},    // and the digit
+                                 {"c6", "not typed"},      // only 1..5 are typed
+                                 {"C1", "case matters"},   // so is the case
+                                 {"wl_avgv", "no digit"},  // and the digit
                                  {"zeta", "z"},
                                  {"alpha", "a"},
                                  {"c1", "later wins"}});

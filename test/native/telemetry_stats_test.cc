@@ -76,7 +76,9 @@ void count_attempt() {
   g_started.fetch_add(1);
   global().stats.end_flush_attempt();
 }
-void hold_attempt() { g_started.fetch_add(1); }  // stays pending until the test ends it
+void hold_attempt() {
+  g_started.fetch_add(1);
+}  // stays pending until the test ends it
 
 TEST(TelemetryStats, RecordStartsAnAttemptOnlyWhenNonePending) {
   delivery_hooks hooks;
