@@ -1,9 +1,9 @@
 #include "log.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <mutex>
 
+#include "env_flag.h"
 #include "strings.h"
 
 namespace ostrel::log {
@@ -21,8 +21,7 @@ std::mutex& stream_lock() {
 // standard error there. Everywhere else they go to standard output.
 std::FILE* progress_stream() {
   static std::FILE* const stream = [] {
-    const char* v = std::getenv("OSTREL_LOG_STDOUT");
-    return v && std::string_view(v) == "stderr" ? stderr : stdout;
+    return read_environment("OSTREL_LOG_STDOUT") == "stderr" ? stderr : stdout;
   }();
   return stream;
 }
