@@ -20,9 +20,7 @@ std::mutex& stream_lock() {
 // OSTREL_LOG_STDOUT=stderr so that the module's progress lines go to
 // standard error there. Everywhere else they go to standard output.
 std::FILE* progress_stream() {
-  static std::FILE* const stream = [] {
-    return read_environment("OSTREL_LOG_STDOUT") == "stderr" ? stderr : stdout;
-  }();
+  static std::FILE* const stream = [] { return read_environment("OSTREL_LOG_STDOUT") == "stderr" ? stderr : stdout; }();
   return stream;
 }
 
