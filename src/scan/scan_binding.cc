@@ -160,16 +160,19 @@ task<void> scan_task(std::shared_ptr<scan_session> session) {
   ScanData& data = session->data();
   data.begin_work();
   spawn(walk_task(session->shared_data()), runtime::alive());
+  bool more = false;  // records left from the last update: no waiting
   for (;;) {
-    co_await data.batch_ready;
-    io_service* io = runtime::io();
-    if (!io) co_return;  // the module is going away
-    if (!data.finished() && !data.stopped()) co_await io->schedule_after(std::chrono::milliseconds(100));
+    if (!more) {
+      co_await data.batch_ready;
+      io_service* io = runtime::io();
+      if (!io) co_return;  // the module is going away
+      if (!data.finished() && !data.stopped()) co_await io->schedule_after(std::chrono::milliseconds(100));
+    }
     // Read before taking: once finished, nothing can be collected any more.
     bool last = data.finished();
     encoded_batch batch;
     try {
-      scan_update update = data.take_update();
+      scan_update update = data.take_update(ScanData::update_record_limit, more);
       batch = encode_batch(update.files, update.folders);
     } catch (const std::exception& e) {
       log::out_value("Exception caught in Update Vectors move: ", e.what());
@@ -186,7 +189,7 @@ task<void> scan_task(std::shared_ptr<scan_session> session) {
       log::out("Unknown exception caught in dispatching scan file update");
     }
     data.release_backlog(batch.record_count);
-    if (last) break;
+    if (last && !more) break;
   }
   try {
     session->deliver_result();
@@ -206,9 +209,10 @@ Napi::Value scan_all_sub_files(const Napi::CallbackInfo& info) {
   data->root_utf8 = info[0].As<Napi::String>().Utf8Value();
   data->root = walk_root(utf8_to_native(data->root_utf8));
   read_scan_options(env, info[3].As<Napi::Object>(), data->filters);
-  // With four or more cores one helper thread shares the metadata queries;
-  // on fewer, the second core is left to the main thread's file objects.
-  data->filters.metadata_helpers = std::thread::hardware_concurrency() >= 4 ? 1 : 0;
+  // With two or more cores one helper thread shares the metadata queries
+  // (measured on two cores, 1,000,000 files: about 1.3x to 1.5x the rate
+  // without it, with updates capped so the script heap stays small).
+  data->filters.metadata_helpers = std::thread::hardware_concurrency() >= 2 ? 1 : 0;
 
   auto session = std::make_shared<scan_session>(env, data);
   session->hold(info[1], info[2]);

@@ -1,6 +1,7 @@
 #include "scan_data.h"
 
 #include <chrono>
+#include <iterator>
 
 #include "runtime/log.h"
 
@@ -57,14 +58,27 @@ void ScanData::collect(FileInfo&& info, bool may_wait) {
   if (first) batch_ready.set();
 }
 
-scan_update ScanData::take_update() {
+scan_update ScanData::take_update(std::size_t max_records, bool& more) {
   scan_update update;
   std::lock_guard lock(mutex_);
-  update.files.swap(files_);
-  update.folders.swap(folders_);
-  update.size = collected_size_;
-  collected_size_ = 0;
-  update_pending_.store(false, std::memory_order_release);
+  auto take = [&](std::vector<FileInfo>& from, std::vector<FileInfo>& to, std::size_t limit) {
+    if (from.size() <= limit) {
+      to.swap(from);
+      from.clear();
+      return;
+    }
+    to.reserve(limit);
+    std::move(from.begin(), from.begin() + static_cast<std::ptrdiff_t>(limit), std::back_inserter(to));
+    from.erase(from.begin(), from.begin() + static_cast<std::ptrdiff_t>(limit));
+  };
+  take(files_, update.files, max_records);
+  take(folders_, update.folders, max_records - update.files.size());
+  for (const FileInfo& f : update.files) update.size += f.size;
+  collected_size_ -= update.size;
+  more = !files_.empty() || !folders_.empty();
+  // Still pending while records are left: the next collect must not signal
+  // a new batch, the delivery loop takes the rest without waiting.
+  update_pending_.store(more, std::memory_order_release);
   return update;
 }
 

@@ -30,6 +30,11 @@ class ScanData {
   // Records collected but not yet turned into script objects beyond which
   // the walk waits for script to catch up.
   static constexpr std::size_t default_backlog_limit = 100'000;
+  // Records per update call. A fast walk collects far more than this in
+  // 100 ms; handing them to script in pieces keeps each piece's objects in
+  // the script engine's young generation, where they die cheaply, instead
+  // of promoting tens of thousands of them and growing the heap.
+  static constexpr std::size_t update_record_limit = 8'192;
 
   ScanData();
   ~ScanData();
@@ -63,8 +68,10 @@ class ScanData {
   // waits while too many records are undelivered; the I/O service's thread,
   // which runs the delivery timer, never waits.
   void collect(FileInfo&& info, bool may_wait);
-  // Moves the collected lists out, leaving them empty.
-  scan_update take_update();
+  // Moves at most `max_records` collected records out (files first, then
+  // folders, each in collection order). `more` tells whether records were
+  // left behind for the next update.
+  scan_update take_update(std::size_t max_records, bool& more);
   // `count` records have been turned into script objects (or dropped).
   void release_backlog(std::size_t count);
   void set_backlog_limit(std::size_t limit) noexcept { backlog_limit_ = limit; }

@@ -3,6 +3,8 @@
 // a helper thread; a stop ends it.
 #include <gtest/gtest.h>
 
+#include <cstdint>
+
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -44,7 +46,9 @@ walked walk(const fs::path& root, unsigned helpers, bool stop_at_once = false) {
   data->end_work();
   EXPECT_TRUE(data->finished());
   walked w;
-  scan_update u = data->take_update();
+  bool more = true;
+  scan_update u = data->take_update(SIZE_MAX, more);
+  EXPECT_FALSE(more);
   for (auto& f : u.files) {
     w.files.push_back(f.relativePath);
     w.bytes += f.size;
@@ -53,6 +57,45 @@ walked walk(const fs::path& root, unsigned helpers, bool stop_at_once = false) {
   for (auto& f : u.folders) w.folders.push_back(f.relativePath);
   w.total = data->totalFileCount;
   return w;
+}
+
+// A fast walk's records reach script in pieces of a bounded size, in
+// collection order, files before folders, with sizes summed per piece.
+TEST(ScanData, UpdatesAreTakenInBoundedPiecesInOrder) {
+  ScanData data;
+  data.set_backlog_limit(1u << 30);
+  for (int i = 0; i < 5; ++i) {
+    FileInfo f;
+    f.isFile = true;
+    f.size = static_cast<std::uint64_t>(i + 1);
+    f.name = "f" + std::to_string(i);
+    data.collect(std::move(f), false);
+  }
+  FileInfo dir;
+  dir.name = "d";
+  data.collect(std::move(dir), false);
+
+  bool more = false;
+  scan_update first = data.take_update(2, more);
+  EXPECT_TRUE(more);
+  ASSERT_EQ(first.files.size(), 2u);
+  EXPECT_EQ(first.files[0].name, "f0");
+  EXPECT_EQ(first.files[1].name, "f1");
+  EXPECT_TRUE(first.folders.empty());
+  EXPECT_EQ(first.size, 3u);
+
+  scan_update second = data.take_update(4, more);
+  EXPECT_FALSE(more);
+  ASSERT_EQ(second.files.size(), 3u);
+  EXPECT_EQ(second.files[0].name, "f2");
+  ASSERT_EQ(second.folders.size(), 1u);
+  EXPECT_EQ(second.folders[0].name, "d");
+  EXPECT_EQ(second.size, 3u + 4u + 5u);
+
+  scan_update empty = data.take_update(4, more);
+  EXPECT_FALSE(more);
+  EXPECT_TRUE(empty.files.empty() && empty.folders.empty());
+  EXPECT_EQ(empty.size, 0u);
 }
 
 TEST(ScanWalk, HelperThreadsKeepTheWalksOrderAndRecords) {
