@@ -9,6 +9,7 @@
 
 #include "runtime/clock.h"
 #include "runtime/sync_wait.h"
+#include "chain_fixture.h"
 #include "service_fixture.h"
 
 namespace ostrel {
@@ -127,26 +128,13 @@ TEST(IoService, StopReachesEveryPumpingThread) {
 }
 
 TEST(IoService, DestroyingTheServiceFreesTasksStillWaiting) {
-  struct tracker {
-    std::atomic<int>* alive;
-    explicit tracker(std::atomic<int>* a) : alive(a) { ++*alive; }
-    ~tracker() { --*alive; }
-  };
+  using testing::linked_root;
+  using testing::tracker;
   std::atomic<int> alive{0};
-  struct root {
-    struct promise_type : promise_link {
-      promise_type() { self = std::coroutine_handle<promise_type>::from_promise(*this); }
-      root get_return_object() { return {}; }
-      std::suspend_never initial_suspend() noexcept { return {}; }
-      std::suspend_never final_suspend() noexcept { return {}; }
-      void return_void() {}
-      void unhandled_exception() { std::terminate(); }
-    };
-  };
   {
     io_service service;
     for (int i = 0; i < 5; ++i) {
-      [](io_service& s, std::atomic<int>* alive) -> root {
+      [](io_service& s, std::atomic<int>* alive) -> linked_root {
         tracker t(alive);
         co_await s.schedule_after(1h);
       }(service, &alive);

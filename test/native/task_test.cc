@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "chain_fixture.h"
 #include "runtime/coroutine_chain.h"
 #include "runtime/events.h"
 #include "runtime/sync_wait.h"
@@ -66,38 +67,23 @@ TEST(Task, LongSynchronousChainsDoNotGrowTheStack) {
   EXPECT_EQ(sync_wait(loop()), 1000000);
 }
 
-// A detached root frame that takes part in chains, as spawned tasks do.
-struct linked_root {
-  struct promise_type : promise_link {
-    promise_type() { self = std::coroutine_handle<promise_type>::from_promise(*this); }
-    linked_root get_return_object() { return {}; }
-    std::suspend_never initial_suspend() noexcept { return {}; }
-    std::suspend_never final_suspend() noexcept { return {}; }
-    void return_void() {}
-    void unhandled_exception() { std::terminate(); }
-  };
-};
-
-struct tracker {
-  int* alive;
-  explicit tracker(int* a) : alive(a) { ++*alive; }
-  ~tracker() { --*alive; }
-};
+using testing::linked_root;
+using testing::tracker;
 
 // Destroying a parked chain from its innermost frame frees every frame once:
 // the event's destructor frees the tasks still waiting on it.
 TEST(CoroutineChain, DestroyFromInnermostFreesTheWholeChain) {
-  int alive = 0;
+  std::atomic<int> alive{0};
   auto event = std::make_unique<async_auto_reset_event>();
-  auto inner = [](int* alive, async_auto_reset_event* e) -> task<void> {
+  auto inner = [](std::atomic<int>* alive, async_auto_reset_event* e) -> task<void> {
     tracker t(alive);
     co_await *e;
   };
-  auto outer = [&](int* alive) -> task<void> {
+  auto outer = [&](std::atomic<int>* alive) -> task<void> {
     tracker t(alive);
     co_await inner(alive, event.get());
   };
-  [&](int* alive) -> linked_root {
+  [&](std::atomic<int>* alive) -> linked_root {
     tracker t(alive);
     co_await outer(alive);
   }(&alive);
@@ -107,10 +93,10 @@ TEST(CoroutineChain, DestroyFromInnermostFreesTheWholeChain) {
 }
 
 TEST(CoroutineChain, ResumingTheChainRunsItToTheEnd) {
-  int alive = 0;
+  std::atomic<int> alive{0};
   bool finished = false;
   async_auto_reset_event event;
-  [](int* alive, bool* finished, async_auto_reset_event* e) -> linked_root {
+  [](std::atomic<int>* alive, bool* finished, async_auto_reset_event* e) -> linked_root {
     tracker t(alive);
     co_await [](async_auto_reset_event* e) -> task<void> { co_await *e; }(e);
     *finished = true;
