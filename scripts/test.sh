@@ -77,10 +77,28 @@ for suite in $suites; do
       ;;
     wine-js)
       echo "== JS suites, Windows node.exe under Wine"
-      scripts/wine-node --test --test-reporter=tap "${js_files[@]}" >"$log" 2>&1
+      # As root, Wine's server opens any file; started without the DAC
+      # override capabilities it gets "access denied" like a Windows user
+      # would, so the suites can test unreadable files. The fixture is made
+      # here because node.exe cannot set Unix permissions.
+      denied="build/test-fixtures/denied"
+      [ -d "$denied" ] && chmod -R u+rwx "$denied"
+      rm -rf "$denied" && mkdir -p "$denied"
+      echo open >"$denied/open.txt" && echo secret >"$denied/secret.txt" && chmod 000 "$denied/secret.txt"
+      restricted=()
+      if [ "$(id -u)" -eq 0 ] && command -v setpriv >/dev/null; then
+        restricted=(setpriv --bounding-set=-dac_override,-dac_read_search)
+        WINEPREFIX="$root/build/wine-prefix" wineserver -k 2>/dev/null || true
+        export OSTREL_DENIED_FIXTURE="$denied"
+      fi
+      "${restricted[@]}" scripts/wine-node --test --test-reporter=tap "${js_files[@]}" >"$log" 2>&1
       rc=$?
       [ $rc -eq 0 ] || grep -B2 -A25 '^not ok' "$log" | head -150
       count_node "$log" $rc
+      if ((${#restricted[@]})); then
+        unset OSTREL_DENIED_FIXTURE
+        WINEPREFIX="$root/build/wine-prefix" wineserver -k 2>/dev/null || true
+      fi
       ;;
     wine-unit)
       echo "== native unit tests under Wine"
