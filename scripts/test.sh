@@ -21,29 +21,23 @@ passed=0
 failed=0
 add() { passed=$((passed + $1)); failed=$((failed + $2)); }
 
-# GoogleTest: counts from "[  PASSED  ] N tests" and "[  FAILED  ] N tests".
-count_gtest() {
-  local file=$1 rc=$2 p f
-  p=$(grep -oE '^\[  PASSED  \] [0-9]+' "$file" | grep -oE '[0-9]+$' | tail -1)
-  f=$(grep -oE '^\[  FAILED  \] [0-9]+ tests?' "$file" | grep -oE '[0-9]+' | tail -1)
-  p=${p:-0}
-  f=${f:-0}
-  if [ "$rc" -ne 0 ] && [ "$f" -eq 0 ]; then f=1; fi  # crashed before reporting
-  add "$p" "$f"
-  echo "  $p passed, $f failed"
-}
-
-# node's test runner: counts from its "# pass N" and "# fail N" lines.
-count_node() {
-  local file=$1 rc=$2 p f
-  p=$(grep -oE '^(# |ℹ )pass [0-9]+' "$file" | grep -oE '[0-9]+$' | tail -1)
-  f=$(grep -oE '^(# |ℹ )fail [0-9]+' "$file" | grep -oE '[0-9]+$' | tail -1)
+# Adds the counts a runner printed: the last number matched by each of two
+# patterns. A failing exit with no failure counted (a crash before the
+# runner could report) counts as one failure.
+count() {
+  local file=$1 rc=$2 pass_re=$3 fail_re=$4 p f
+  p=$(grep -oE "$pass_re" "$file" | grep -oE '[0-9]+' | tail -1)
+  f=$(grep -oE "$fail_re" "$file" | grep -oE '[0-9]+' | tail -1)
   p=${p:-0}
   f=${f:-0}
   if [ "$rc" -ne 0 ] && [ "$f" -eq 0 ]; then f=1; fi
   add "$p" "$f"
   echo "  $p passed, $f failed"
 }
+# GoogleTest: "[  PASSED  ] N tests" and "[  FAILED  ] N tests".
+count_gtest() { count "$1" "$2" '^\[  PASSED  \] [0-9]+' '^\[  FAILED  \] [0-9]+ tests?'; }
+# node's test runner: "# pass N" and "# fail N".
+count_node() { count "$1" "$2" '^(# |ℹ )pass [0-9]+' '^(# |ℹ )fail [0-9]+'; }
 
 js_files=(test/js/*.test.js)
 export OSTREL_TEST_PRESET="$preset"
