@@ -71,6 +71,15 @@ class dir_listing {
 };
 
 // Copies a fast listing's metadata into the record.
-void apply_listing_metadata(FileInfo& info, const dir_entry& entry);
+inline void apply_listing_metadata(FileInfo& info, const dir_entry& entry) {
+  info.isFile = !entry.is_dir;
+  info.hidden = entry.hidden;
+  info.isSystem = entry.system;
+  info.size = entry.size;
+  info.ino = entry.ino;
+  info.ctimeMs = entry.ctimeMs;
+  info.mtimeMs = entry.mtimeMs;
+  info.birthtimeMs = entry.birthtimeMs;
+}
 
 }  // namespace ostrel::scan

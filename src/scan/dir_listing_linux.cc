@@ -81,15 +81,4 @@ query_outcome dir_listing::query_name(FileInfo& info, native_string_view entry_n
   return classify_errno(errno) == query_outcome::denied ? query_outcome::denied : query_outcome::missing;
 }
 
-void apply_listing_metadata(FileInfo& info, const dir_entry& entry) {
-  info.hidden = entry.hidden;
-  info.isSystem = entry.system;
-  info.isFile = !entry.is_dir;
-  info.size = entry.size;
-  info.ino = entry.ino;
-  info.ctimeMs = entry.ctimeMs;
-  info.mtimeMs = entry.mtimeMs;
-  info.birthtimeMs = entry.birthtimeMs;
-}
-
 }  // namespace ostrel::scan

@@ -170,15 +170,4 @@ query_outcome dir_listing::query_name(FileInfo& info, native_string_view) const 
   return query_file_info(info);
 }
 
-void apply_listing_metadata(FileInfo& info, const dir_entry& entry) {
-  info.isFile = !entry.is_dir;
-  info.hidden = entry.hidden;
-  info.isSystem = entry.system;
-  info.size = entry.size;
-  info.ino = entry.ino;
-  info.ctimeMs = entry.ctimeMs;
-  info.mtimeMs = entry.mtimeMs;
-  info.birthtimeMs = entry.birthtimeMs;
-}
-
 }  // namespace ostrel::scan

@@ -7,6 +7,7 @@
 #include "dir_listing.h"
 #include "leave_list.h"
 #include "runtime/log.h"
+#include "runtime/coroutine_chain.h"
 #include "runtime/runtime.h"
 #include "stat_pipeline.h"
 
@@ -14,9 +15,12 @@ namespace ostrel::scan {
 
 namespace {
 
-// A coroutine that starts at once and frees itself at its end.
+// A coroutine that starts at once and frees itself at its end. It is the
+// outermost link of its chain, so a retry parked on the I/O service's timer
+// when the service goes away is freed whole, query task included.
 struct detached_task {
-  struct promise_type {
+  struct promise_type : promise_link {
+    promise_type() { self = std::coroutine_handle<promise_type>::from_promise(*this); }
     detached_task get_return_object() noexcept { return {}; }
     std::suspend_never initial_suspend() noexcept { return {}; }
     std::suspend_never final_suspend() noexcept { return {}; }
