@@ -27,7 +27,10 @@ target_include_directories(ostrel_node_api INTERFACE
   "${NODE_API_HEADERS_DIR}/include" "${NODE_ADDON_API_DIR}")
 target_include_directories(ostrel_node_api SYSTEM INTERFACE "${OSTREL_UV_INCLUDE}")
 target_compile_definitions(ostrel_node_api INTERFACE
-  NAPI_VERSION=8 NAPI_CPP_EXCEPTIONS NODE_ADDON_API_DISABLE_DEPRECATED)
+  NAPI_VERSION=8 NAPI_CPP_EXCEPTIONS NODE_ADDON_API_DISABLE_DEPRECATED
+  # A call into a terminating environment (a Worker being ended) must not
+  # abort the process while an error value is wrapped.
+  NODE_API_SWALLOW_UNTHROWABLE_EXCEPTIONS)
 
 if(WIN32)
   find_program(OSTREL_DLLTOOL NAMES ${CMAKE_DLLTOOL} x86_64-w64-mingw32-dlltool REQUIRED)

@@ -8,7 +8,7 @@
 
 #include "export_steps.h"
 #include "runtime/log.h"
-#include "runtime/napi_lifecycle.h"
+#include "runtime/environment.h"
 #include "runtime/napi_util.h"
 #include "runtime/thread_pool.h"
 #include "version.h"
@@ -27,10 +27,11 @@ napi_value initialise(napi_env raw_env, napi_value raw_exports) {
   Napi::Env env(raw_env);
   Napi::Object exports(raw_env, raw_exports);
   try {
-    lifecycle::bind_scheduler(env);
     log::wout(L"Ostrel Initializing ...");
-    lifecycle::start_runtime(thread_pool::default_size(std::thread::hardware_concurrency()));
-    lifecycle::install_cleanup_hook(env);
+    // Per environment (the main thread, each Worker): a scheduler, the
+    // session registry and the clean-up; the first one also starts the
+    // process-wide pool and I/O service.
+    environment::start(env, thread_pool::default_size(std::thread::hardware_concurrency()));
 
     try {
       exports::init_api_compat();
@@ -57,7 +58,7 @@ napi_value initialise(napi_env raw_env, napi_value raw_exports) {
     log::out("Ostrel Initialized.");
     return exports;
   } catch (const Napi::Error& e) {
-    e.ThrowAsJavaScriptException();
+    rethrow_into_script(env, e);
   } catch (const std::exception& e) {
     Napi::Error::New(env, e.what()).ThrowAsJavaScriptException();
   }

@@ -165,15 +165,28 @@ class overlapped_operation : protected detail::io_state {
       return false;
     }
     reset_overlapped();
-    if (!static_cast<Derived*>(this)->start()) return false;
+    // TRICKY: register before starting. Registered after, a cancellation
+    // arriving between the start and the registration would be lost and the
+    // task would wait for a completion that may never come. A cancellation
+    // that now arrives before the state says `started` only marks
+    // `cancel_early`; the code below sees the mark and cancels itself.
     if (token_.can_be_cancelled()) {
       registration_.emplace(token_, [this]() noexcept { request_cancel(); });
     }
-    // TRICKY: the completion may already have run on the service's thread.
-    // Whoever moves the state past `not_started` second decides who resumes:
-    // if the completion got there first, resume inline by returning false.
+    if (!static_cast<Derived*>(this)->start()) return false;
+    // The completion may already have run on the service's thread: whoever
+    // moves the state past `not_started` second decides who resumes.
     state expected = state::not_started;
-    return state_.compare_exchange_strong(expected, state::started, std::memory_order_acq_rel);
+    if (state_.compare_exchange_strong(expected, state::started, std::memory_order_acq_rel)) return true;
+    if (expected == state::completed) return false;  // resume inline
+    // expected == cancel_early: cancel now. While the state says
+    // `cancelling` a completion leaves the resumption to this thread, so the
+    // operation is not freed under cancel().
+    expected = state::cancel_early;
+    if (!state_.compare_exchange_strong(expected, state::cancelling, std::memory_order_acq_rel)) return false;
+    static_cast<Derived*>(this)->cancel();
+    expected = state::cancelling;
+    return state_.compare_exchange_strong(expected, state::cancel_requested, std::memory_order_acq_rel);
   }
 
   decltype(auto) await_resume() {
@@ -189,12 +202,28 @@ class overlapped_operation : protected detail::io_state {
   std::size_t bytes_ = 0;
 
  private:
-  enum class state { not_started, started, cancel_requested, completed };
+  // not_started --start--> started --cancel--> cancel_requested --> completed
+  // not_started --cancel before started--> cancel_early --> cancelling
+  //   --> cancel_requested (await_suspend cancels on the requester's behalf)
+  enum class state { not_started, cancel_early, cancelling, started, cancel_requested, completed };
 
+  // Any thread, at any moment, at most once per registration.
   void request_cancel() noexcept {
-    state expected = state::started;
-    if (state_.compare_exchange_strong(expected, state::cancel_requested, std::memory_order_acq_rel)) {
-      static_cast<Derived*>(this)->cancel();
+    state s = state_.load(std::memory_order_acquire);
+    for (;;) {
+      if (s == state::not_started) {
+        if (state_.compare_exchange_weak(s, state::cancel_early, std::memory_order_acq_rel)) return;
+      } else if (s == state::started) {
+        if (state_.compare_exchange_weak(s, state::cancel_requested, std::memory_order_acq_rel)) {
+          // The registration's destructor (in await_resume) waits for this
+          // callback, so the operation outlives cancel() even if the
+          // completion resumes the task meanwhile.
+          static_cast<Derived*>(this)->cancel();
+          return;
+        }
+      } else {
+        return;  // cancelled already, or completed
+      }
     }
   }
 
@@ -202,9 +231,10 @@ class overlapped_operation : protected detail::io_state {
     auto* self = static_cast<overlapped_operation*>(s);
     self->error_ = error;
     self->bytes_ = bytes;
-    if (self->state_.exchange(state::completed, std::memory_order_acq_rel) != state::not_started) {
-      self->waiter_.resume();
-    }
+    state old = self->state_.exchange(state::completed, std::memory_order_acq_rel);
+    // Before `started` (and while await_suspend cancels) the suspending
+    // thread sees `completed` and resumes the task itself.
+    if (old == state::started || old == state::cancel_requested) self->waiter_.resume();
   }
 
   cancellation_token token_;

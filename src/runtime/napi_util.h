@@ -10,19 +10,56 @@
 #include <memory>
 #include <string>
 
+#include "scheduler.h"
 #include "task.h"
 
 namespace ostrel {
 
-// Throws Napi::Error from the environment's pending exception (or from the
-// last error information) when `status` is not napi_ok.
+// Thrown when script can no longer be called: the environment is being
+// terminated (worker.terminate(), process.exit() inside a Worker) and every
+// call into it fails. Deliveries end quietly on it; the spawn wrapper does
+// not log it.
+class environment_terminating : public std::exception {
+ public:
+  const char* what() const noexcept override { return "the script environment is terminating"; }
+};
+
+// When `status` is not napi_ok: throws Napi::Error carrying the pending
+// exception when that is an object, a Napi::Error made from the last error
+// information when nothing is pending, and environment_terminating when the
+// environment cannot run script any more. Never wraps a value that is not
+// an object (wrapping needs script, which a terminating environment cannot
+// run).
 void napi_check(napi_env env, napi_status status);
+
+// The message of a script error, or a placeholder when reading it fails.
+std::string safe_message(const Napi::Error& e) noexcept;
+// Raises `e` into script as a pending exception, unless the environment is
+// terminating.
+void rethrow_into_script(napi_env env, const Napi::Error& e) noexcept;
 
 // After script ran outside a script call (a resumed task on the main
 // thread): an exception left pending is raised as an uncaught exception, so
 // that it reaches process 'uncaughtException' instead of poisoning the next
-// Node-API call.
+// Node-API call. Nothing is raised into an environment that is terminating.
 void raise_pending_exception(napi_env env);
+
+// Calls a script function from native code on the main thread. A callback
+// that throws is not a failure of the caller: the exception is taken and its
+// message returned in `thrown` (a value that is not an Error is described).
+// `terminating` means script can no longer run in this environment: stop
+// delivering to it.
+struct script_call_result {
+  bool ok = false;
+  bool terminating = false;
+  std::string thrown;
+};
+script_call_result call_script(napi_env env, napi_value fn, napi_value receiver, std::size_t argc,
+                               const napi_value* argv) noexcept;
+
+// The scheduler of the calling main thread's environment; throws
+// std::logic_error elsewhere (a task must be created on a main thread).
+std::shared_ptr<scheduler> current_scheduler();
 
 // "Wrong number of arguments" (a plain Error) unless exactly `count` were given.
 void check_arg_count(const Napi::CallbackInfo& info, std::size_t count);
@@ -85,8 +122,10 @@ class function_ref {
 
 // A task that hops to the main thread and passes an Error with `message`
 // to `callback`, logging a failure to do so as the module's error lines say.
+// Create it on the main thread of the environment it delivers to.
 task<void> deliver_error(std::shared_ptr<function_ref> callback, std::string message);
 // A task that hops to the main thread and rejects `p` with `message`.
+// Create it on the main thread of the environment it delivers to.
 task<void> reject_on_main(std::shared_ptr<promise> p, std::string message);
 
 }  // namespace ostrel

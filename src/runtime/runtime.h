@@ -1,9 +1,12 @@
-// The runtime singletons: the I/O service, the worker pool and the alive
-// token. The module's initialiser creates them and its clean-up hook frees
-// them; everything else only borrows them.
+// The process-wide runtime: the I/O service, the worker pool, the threads of
+// blocking jobs and the alive token. Every script environment that loads the
+// module holds the runtime; the first hold starts it, the last release stops
+// and frees it. Everything else only borrows it.
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
 
@@ -14,8 +17,8 @@
 namespace ostrel {
 
 // Shared between the module and its detached tasks: `running` is 1 while the
-// module is up; `pending` may hold one parked task, which the clean-up hook
-// frees without resuming.
+// runtime is up; `pending` may hold one parked task, which the final
+// clean-up frees without resuming.
 struct alive_token {
   std::atomic<int> running{1};
   std::mutex mutex;
@@ -23,7 +26,7 @@ struct alive_token {
 
   bool is_running() const noexcept { return running.load(std::memory_order_acquire) != 0; }
   // Parks a task; false (and nothing parked) when the slot is taken or the
-  // module is shutting down.
+  // runtime is shutting down.
   bool park(resumable task);
   // Takes the parked task back to resume it; empty when there is none.
   resumable unpark();
@@ -33,17 +36,29 @@ struct alive_token {
 
 namespace runtime {
 
-// Null before start and after clean-up.
+// Null before the first hold and after the last release.
 io_service* io() noexcept;
 thread_pool* pool() noexcept;
 std::shared_ptr<alive_token> alive() noexcept;
+// Environments holding the runtime.
+std::size_t holders() noexcept;
 
-// Replaces the singletons (freeing earlier ones), as the initialiser does.
-void create(std::size_t pool_size);
-// Stops the service and joins the pool's workers (the first half of clean-up).
-void stop_threads() noexcept;
-// Frees the pool, then the service, then the alive token's parked task.
-void destroy() noexcept;
+// Takes a hold. The first creates the alive token, the I/O service and a
+// pool of `pool_size` workers, and starts the service's loop on one worker.
+void acquire(std::size_t pool_size);
+// Drops a hold. The last stops the service, ends the pool's workers and the
+// blocking jobs' threads, waiting at most `grace` for each kind (a thread
+// still blocked then is left running and its objects are never freed), and
+// frees everything; `after_join` runs between the joins and the frees.
+// Callers first stop every session that could keep a worker waiting.
+// Returns true when this was the last hold.
+bool release(std::chrono::milliseconds grace, const std::function<void()>& after_join = {}) noexcept;
+
+// Runs `body` on a new thread of its own, tracked so that the last release
+// ends it. False (and `body` not run) when the runtime is not up.
+bool start_job_thread(std::function<void()> body);
+// Job threads not yet ended (for tests).
+std::size_t job_threads() noexcept;
 
 }  // namespace runtime
 }  // namespace ostrel

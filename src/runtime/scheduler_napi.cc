@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "clock.h"
+#include "environment.h"
 #include "log.h"
 #include "napi_util.h"
 #include "runtime.h"
@@ -20,30 +21,24 @@ void check_scope(napi_status status, const char* cls, const char* fn) {
 }
 }  // namespace
 
-scheduler& scheduler::instance() {
-  // Never destroyed: worker threads may still schedule while the process's
-  // static objects are being torn down.
-  static scheduler* s = new scheduler();
-  return *s;
-}
-
-void scheduler::init(uv_loop_t* loop, napi_env env) {
-  std::lock_guard lock(lock_);
-  loop_ = loop;
-  env_ = env;
-  main_thread_.store(std::this_thread::get_id());
-  if (async_context_) {
-    napi_async_destroy(env, async_context_);
-    async_context_ = nullptr;
-  }
+std::shared_ptr<scheduler> scheduler::create(uv_loop_t* loop, napi_env env) {
+  std::shared_ptr<scheduler> s(new scheduler());
+  s->loop_ = loop;
+  s->env_ = env;
+  s->main_thread_ = std::this_thread::get_id();
   napi_value resource, name;
   napi_check(env, napi_create_object(env, &resource));
   napi_check(env, napi_create_string_utf8(env, "Ostrel Scheduled Callbacks", NAPI_AUTO_LENGTH, &name));
-  napi_check(env, napi_async_init(env, resource, name, &async_context_));
+  napi_check(env, napi_async_init(env, resource, name, &s->async_context_));
+  return s;
 }
 
+// Tasks hold the scheduler by shared ownership, so the last owner may be a
+// worker after stop(); by then the context and the handle are gone.
+scheduler::~scheduler() = default;
+
 bool scheduler::is_main_thread() const noexcept {
-  return main_thread_.load() == std::this_thread::get_id();
+  return main_thread_ == std::this_thread::get_id();
 }
 
 napi_env scheduler::env() const noexcept {
@@ -62,21 +57,21 @@ std::size_t scheduler::queued() const {
 }
 
 bool scheduler::enqueue(resumable op) {
-  uv_async_t* handle;
   {
-    std::unique_lock lock(lock_);
-    if (stopped_) {
-      lock.unlock();
-      // The task goes on at once on this thread; it must cope with not being
-      // on the main thread.
-      log::out("schedule_impl stop, destroy the waiting operation");
-      return false;
+    std::lock_guard lock(lock_);
+    if (!stopped_) {
+      queue_.push_back(op);
+      // TRICKY: send while holding the lock. The main thread closes (and
+      // later frees) the handle only under this lock, so a send made here
+      // cannot reach a handle that release() or stop() has already handed
+      // to uv_close. uv_async_send does not block.
+      if (async_handle_ && !resend_pending_.load(std::memory_order_acquire)) uv_async_send(async_handle_);
+      return true;
     }
-    queue_.push_back(op);
-    handle = async_handle_;
   }
-  if (!resend_pending_.load(std::memory_order_acquire) && handle) uv_async_send(handle);
-  return true;
+  // The task goes on at once on this thread, where it may not touch script.
+  log::out("schedule_impl stop, destroy the waiting operation");
+  return false;
 }
 
 void scheduler::on_async(uv_async_t* handle) {
@@ -88,6 +83,9 @@ void scheduler::close_handle(uv_async_t* handle) {
 }
 
 void scheduler::dispatch(uv_async_t* h) {
+  // A resumed task may end the environment (process.exit() in a callback
+  // runs the clean-up right there); keep this object alive until the end.
+  std::shared_ptr<scheduler> self = shared_from_this();
   dispatch_runs_.fetch_add(1, std::memory_order_relaxed);
   const std::int64_t start = monotonic_ns();
   napi_env env;
@@ -98,6 +96,7 @@ void scheduler::dispatch(uv_async_t* h) {
     context = async_context_;
   }
   if (!env) return;
+  ++dispatch_depth_;
 
   napi_handle_scope handle_scope;
   check_scope(napi_open_handle_scope(env, &handle_scope), "HandleScope::HandleScope", "napi_open_handle_scope");
@@ -123,6 +122,11 @@ void scheduler::dispatch(uv_async_t* h) {
   check_scope(napi_close_callback_scope(env, callback_scope), "CallbackScope::~CallbackScope",
               "napi_close_callback_scope");
   check_scope(napi_close_handle_scope(env, handle_scope), "HandleScope::~HandleScope", "napi_close_handle_scope");
+  if (--dispatch_depth_ == 0 && retired_context_) {
+    // stop() ran inside this run (the environment ended from a callback);
+    // the context outlived the callback scope opened with it.
+    napi_async_destroy(env, std::exchange(retired_context_, nullptr));
+  }
 
   bool is_active = uv_is_active(reinterpret_cast<uv_handle_t*>(h)) != 0;
   std::size_t remaining;
@@ -147,20 +151,22 @@ void scheduler::dispatch(uv_async_t* h) {
 void scheduler::spawn_delayed_wake(uv_async_t* captured) {
   auto token = runtime::alive();
   spawn(
-      [](scheduler& self, uv_async_t* h) -> task<void> {
+      [](std::shared_ptr<scheduler> self, uv_async_t* h) -> task<void> {
         io_service* io = runtime::io();
         if (!io) throw std::runtime_error("io_service is not running");
         co_await io->schedule_after(rewake_delay);
-        self.resend_pending_.store(false, std::memory_order_release);
-        std::unique_lock lock(self.lock_);
-        if (!self.stopped_ && self.async_handle_ == h) {
-          lock.unlock();
-          uv_async_send(h);
-        } else {
-          lock.unlock();
-          log::err("UV Scheduler unexpected stop");
+        self->resend_pending_.store(false, std::memory_order_release);
+        bool sent = false;
+        {
+          // Under the lock for the same reason as in enqueue().
+          std::lock_guard lock(self->lock_);
+          if (!self->stopped_ && self->async_handle_ == h) {
+            uv_async_send(h);
+            sent = true;
+          }
         }
-      }(*this, captured),
+        if (!sent) log::err("UV Scheduler unexpected stop");
+      }(shared_from_this(), captured),
       token);
 }
 
@@ -209,7 +215,13 @@ void scheduler::stop() {
     std::lock_guard lock(lock_);
     stopped_ = true;
     ref_count_.store(0);
-    if (async_context_ && env_) napi_async_destroy(env_, async_context_);
+    if (async_context_ && env_) {
+      if (dispatch_depth_ > 0) {
+        retired_context_ = async_context_;  // still in use by the open callback scope
+      } else {
+        napi_async_destroy(env_, async_context_);
+      }
+    }
     async_context_ = nullptr;
     env_ = nullptr;
     abandoned.swap(queue_);
@@ -222,7 +234,7 @@ void scheduler::stop() {
 }
 
 napi_value to_script_object(napi_env env, const std::map<std::string, std::string>& values) {
-  if (!scheduler::instance().is_main_thread()) throw std::runtime_error("not main thread");
+  if (!environment::current()) throw std::runtime_error("not main thread");
   napi_value object;
   napi_check(env, napi_create_object(env, &object));
   for (const auto& [key, value] : values) {

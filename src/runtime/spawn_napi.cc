@@ -5,7 +5,10 @@
 #include <exception>
 #include <string>
 
+#include "blocking.h"
+#include "environment.h"
 #include "log.h"
+#include "napi_util.h"
 #include "scheduler.h"
 #include "thread_id.h"
 
@@ -35,22 +38,25 @@ detached run_detached(task<void> t, std::shared_ptr<alive_token> token) {
   }
 }
 
-detached run_tracked(task<void> t, std::shared_ptr<alive_token> token) {
+detached run_tracked(task<void> t, std::shared_ptr<alive_token> token, std::shared_ptr<scheduler> s) {
   try {
-    co_await runtime::pool()->schedule();
+    co_await on_pool();
     co_await t;
   } catch (...) {
     if (!token || token->is_running()) log_task_failure();
   }
-  if (!token || !token->is_running()) co_return;  // the module is gone
-  auto& s = scheduler::instance();
-  if (!s.is_main_thread()) co_await s.schedule();
-  if (s.is_main_thread()) s.release();
+  if (!token || !token->is_running()) co_return;  // the runtime is gone
+  try {
+    if (!s->is_main_thread()) co_await s->schedule();
+    s->release();
+  } catch (const scheduler_stopped&) {
+    // The environment is going away; its references went with it.
+  }
 }
 
 detached run_on_pool(task<void> t, std::shared_ptr<alive_token> token) {
   try {
-    co_await runtime::pool()->schedule();
+    co_await on_pool();
     co_await t;
   } catch (...) {
     if (!token || token->is_running()) log_task_failure();
@@ -62,12 +68,18 @@ detached run_on_pool(task<void> t, std::shared_ptr<alive_token> token) {
 void log_task_failure() {
   try {
     throw;
+  } catch (const scheduler_stopped&) {
+    // Not a failure: the environment ended before the task could deliver.
+  } catch (const environment_terminating&) {
+    // Not a failure either: script can no longer be called.
   } catch (const Napi::Error& e) {
-    log::out_value("Ostrel Spawn Napi::Error ", e.Message());
-    if (!scheduler::instance().is_main_thread()) {
-      log::err_value("Ostrel Spawn Napi::Error in thread #" + std::to_string(current_thread_id()), e.Message());
+    std::string message = safe_message(e);
+    log::out_value("Ostrel Spawn Napi::Error ", message);
+    auto env = environment::current();
+    if (!env) {
+      log::err_value("Ostrel Spawn Napi::Error in thread #" + std::to_string(current_thread_id()), message);
     } else {
-      e.ThrowAsJavaScriptException();
+      rethrow_into_script(env->env(), e);
     }
   } catch (const std::exception& e) {
     log::out_value("Ostrel Spawn Exception ", e.what());
@@ -86,10 +98,10 @@ void start_async(task<void> t) {
     log::err("start_async: the runtime is not running");
     return;
   }
-  auto& s = scheduler::instance();
-  if (s.is_main_thread()) {
-    s.add_ref();
-    run_tracked(std::move(t), std::move(token));
+  if (auto env = environment::current()) {
+    std::shared_ptr<scheduler> s = env->shared_scheduler();
+    s->add_ref();
+    run_tracked(std::move(t), std::move(token), std::move(s));
   } else {
     run_on_pool(std::move(t), std::move(token));
   }

@@ -12,9 +12,16 @@ std::size_t thread_pool::default_size(unsigned hardware_threads) {
   return std::max<std::size_t>(4, hardware_threads);
 }
 
-thread_pool::thread_pool(std::size_t workers) {
+thread_pool::thread_pool(std::size_t workers) : running_(workers, 1) {
   threads_.reserve(workers);
-  for (std::size_t i = 0; i < workers; ++i) threads_.emplace_back([this] { run(); });
+  for (std::size_t i = 0; i < workers; ++i) {
+    threads_.emplace_back([this, i] {
+      run();
+      std::lock_guard lock(mutex_);
+      running_[i] = 0;
+      exited_.notify_all();
+    });
+  }
 }
 
 thread_pool::~thread_pool() {
@@ -49,26 +56,46 @@ void thread_pool::run() {
   }
 }
 
-void thread_pool::shutdown() {
+bool thread_pool::shutdown(std::chrono::milliseconds grace) {
   std::deque<resumable> abandoned;
+  bool all_joined = true;
   {
-    std::lock_guard lock(mutex_);
-    if (stopping_ && threads_.empty()) return;
+    std::unique_lock lock(mutex_);
+    if (stopping_ && threads_.empty()) return true;
     stopping_ = true;
     wake_.notify_all();
-  }
-  for (auto& t : threads_) {
-    if (t.joinable() && t.get_id() != std::this_thread::get_id())
-      t.join();
-    else if (t.joinable())
-      t.detach();
-  }
-  threads_.clear();
-  {
-    std::lock_guard lock(mutex_);
+    const auto self = std::this_thread::get_id();
+    auto done = [&] {
+      for (std::size_t i = 0; i < threads_.size(); ++i) {
+        if (running_[i] && threads_[i].get_id() != self) return false;
+      }
+      return true;
+    };
+    if (grace == std::chrono::milliseconds::max()) {
+      exited_.wait(lock, done);
+    } else {
+      exited_.wait_for(lock, grace, done);
+    }
+    std::vector<std::thread> threads;
+    threads.swap(threads_);
+    std::vector<char> running = running_;
+    lock.unlock();
+    for (std::size_t i = 0; i < threads.size(); ++i) {
+      if (!threads[i].joinable()) continue;
+      if (threads[i].get_id() == self) {
+        threads[i].detach();  // shut down from one of its own workers
+      } else if (!running[i]) {
+        threads[i].join();  // returned from run(): the join is immediate
+      } else {
+        threads[i].detach();
+        all_joined = false;
+      }
+    }
+    lock.lock();
     abandoned.swap(queue_);
   }
   for (auto h : abandoned) h.destroy();
+  return all_joined;
 }
 
 bool thread_pool::is_worker_thread() const noexcept {

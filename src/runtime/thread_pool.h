@@ -1,6 +1,7 @@
 // A fixed pool of worker threads that resume awaiting coroutines.
 #pragma once
 
+#include <chrono>
 #include <coroutine>
 #include <cstddef>
 #include <deque>
@@ -44,9 +45,19 @@ class thread_pool {
 
   // Ends the workers once they return to the queue; queued coroutines that
   // were never resumed are destroyed. Idempotent; joins the threads.
-  void shutdown();
+  void shutdown() { shutdown(std::chrono::milliseconds::max()); }
+  // The same, waiting at most `grace` for the workers to return; a worker
+  // still busy then (a blocking call that nothing can wake) is detached, and
+  // false is returned: the pool must then never be freed, since that worker
+  // comes back to it. Used on the way out of the process, which must not
+  // hang on one slow system call.
+  bool shutdown(std::chrono::milliseconds grace);
 
   bool is_worker_thread() const noexcept;
+
+  // Resumes `h` on a worker; once the pool is shut down, frees it instead
+  // (it can never run there).
+  void post(resumable h) { enqueue(h); }
 
  private:
   void enqueue(resumable h);
@@ -56,7 +67,9 @@ class thread_pool {
   std::condition_variable wake_;
   std::deque<resumable> queue_;
   bool stopping_ = false;
+  std::condition_variable exited_;
   std::vector<std::thread> threads_;
+  std::vector<char> running_;  // per thread: still inside run(); under mutex_
 };
 
 }  // namespace ostrel

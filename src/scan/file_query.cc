@@ -3,6 +3,7 @@
 #include <chrono>
 #include <exception>
 
+#include "runtime/blocking.h"
 #include "runtime/log.h"
 #include "runtime/runtime.h"
 #include "runtime/strings.h"
@@ -24,6 +25,8 @@ task<bool> FillFileInfoAsync(std::shared_ptr<FileInfo> info, int attempt,
       io_service* io = runtime::io();
       if (!io || (stop && stop->load())) co_return false;
       co_await io->schedule_after(std::chrono::milliseconds(100));
+      // The query blocks: never on the I/O service's thread.
+      co_await on_pool();
       if (stop && stop->load()) co_return false;
     }
   } catch (const std::exception& e) {

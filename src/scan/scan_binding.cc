@@ -13,6 +13,8 @@
 #include "batch_encoding.h"
 #include "file_object_binding.h"
 #include "main/export_steps.h"
+#include "runtime/blocking.h"
+#include "runtime/environment.h"
 #include "runtime/log.h"
 #include "runtime/napi_util.h"
 #include "runtime/runtime.h"
@@ -32,10 +34,13 @@ namespace {
 // environment is being torn down) they are left to the environment.
 class scan_session {
  public:
-  scan_session(napi_env env, std::shared_ptr<ScanData> data) : env_(env), data_(std::move(data)) {}
+  scan_session(std::shared_ptr<environment> env, std::shared_ptr<ScanData> data)
+      : env_(env->env()), sched_(env->shared_scheduler()), data_(std::move(data)) {}
   ~scan_session() {
-    if (scheduler::instance().is_main_thread()) release_script();
+    if (sched_->is_main_thread() && !sched_->is_stopped()) release_script();
   }
+
+  scheduler& sched() { return *sched_; }
 
   ScanData& data() { return *data_; }
   const std::shared_ptr<ScanData>& shared_data() { return data_; }
@@ -46,26 +51,20 @@ class scan_session {
     factory_ = std::make_unique<file_object_factory>(env_);
   }
 
-  // Registers the clean-up hook that stops the scan when the environment
-  // ends; the hook owns a reference to the session.
-  void install_cleanup(const std::shared_ptr<scan_session>& self) {
-    hook_box_ = new std::shared_ptr<scan_session>(self);
-    napi_status status = napi_add_env_cleanup_hook(env_, &on_cleanup, hook_box_);
-    if (status != napi_ok) {
-      delete hook_box_;
-      hook_box_ = nullptr;
-      napi_check(env_, status);
-    }
+  // Registers the scan with its environment, whose clean-up stops it (and
+  // so wakes a walk waiting for script to catch up) before any thread is
+  // joined.
+  void register_with(environment& env) {
+    std::weak_ptr<ScanData> weak = data_;
+    ticket_ = session_registry::add(env.sessions(), [weak] {
+      if (auto d = weak.lock()) d->request_stop();
+    });
   }
 
-  // Main thread: the scan is over; drop the hook and the script references.
+  // Main thread: the scan is over; leave the registry and drop the script
+  // references.
   void end() {
-    if (hook_box_) {
-      auto* box = hook_box_;
-      hook_box_ = nullptr;
-      napi_remove_env_cleanup_hook(env_, &on_cleanup, box);
-      delete box;  // may free this session's last other owner, never this one
-    }
+    ticket_.reset();
     release_script();
   }
 
@@ -82,39 +81,30 @@ class scan_session {
   void deliver_result();
 
  private:
-  static void on_cleanup(void* arg) {
-    auto* box = static_cast<std::shared_ptr<scan_session>*>(arg);
-    std::shared_ptr<scan_session> self = *box;
-    delete box;
-    self->hook_box_ = nullptr;
-    self->data_->request_stop();
-    self->release_script();
-  }
-
   void call(napi_ref callback, napi_value argument, const char* what);
 
   napi_env env_;
+  std::shared_ptr<scheduler> sched_;
   std::shared_ptr<ScanData> data_;
   napi_ref update_ = nullptr;
   napi_ref result_ = nullptr;
   std::unique_ptr<file_object_factory> factory_;
-  std::shared_ptr<scan_session>* hook_box_ = nullptr;
+  session_registry::ticket ticket_;
 };
 
 void scan_session::call(napi_ref callback, napi_value argument, const char* what) {
-  napi_value fn, undefined, ignored;
+  napi_value fn;
   napi_check(env_, napi_get_reference_value(env_, callback, &fn));
-  napi_check(env_, napi_get_undefined(env_, &undefined));
-  napi_status status = napi_call_function(env_, undefined, fn, 1, &argument, &ignored);
-  if (status == napi_ok) return;
+  script_call_result r = call_script(env_, fn, nullptr, 1, &argument);
+  if (r.ok) return;
+  if (r.terminating) {
+    // The environment is being terminated (a Worker ended inside this
+    // callback): nothing more can be delivered.
+    data_->request_stop();
+    throw environment_terminating();
+  }
   // A throwing callback is logged and does not end the scan.
-  bool pending = false;
-  napi_is_exception_pending(env_, &pending);
-  if (!pending) napi_check(env_, status);
-  napi_value error;
-  napi_get_and_clear_last_exception(env_, &error);
-  Napi::Error e(env_, error);
-  log::out_value(what, e.Message());
+  log::out_value(what, r.thrown);
 }
 
 void scan_session::deliver_update(const encoded_batch& batch) {
@@ -141,21 +131,33 @@ void scan_session::deliver_result() {
   call(result_, result, "Caught Napi::Error in ScanFileResult: ");
 }
 
+// The walk blocks for as long as the tree is big: it runs on a thread of its
+// own, never holding a pool worker that deliveries need.
 task<void> walk_task(std::shared_ptr<ScanData> data) {
-  co_await runtime::pool()->schedule();
+  // A named awaiter: GCC 12 destroys the captures of a lambda written
+  // inside a co_await expression twice.
+  auto walk = on_own_thread([data] {
+    try {
+      run_walk(data);
+    } catch (const std::exception& e) {
+      log::err_value("ScanAllSubFiles: the walk stopped: ", e.what());
+    } catch (...) {
+      log::err("ScanAllSubFiles: the walk stopped: unknown error");
+    }
+    data->end_work();
+  });
   try {
-    run_walk(data);
-  } catch (const std::exception& e) {
-    log::err_value("ScanAllSubFiles: the walk stopped: ", e.what());
-  } catch (...) {
-    log::err("ScanAllSubFiles: the walk stopped: unknown error");
+    co_await walk;
+  } catch (const runtime_stopped&) {
+    data->end_work();  // the walk never started
   }
-  data->end_work();
 }
 
 // The delivery loop: waits for collected records, lets more gather for
-// 100 ms, encodes them on the I/O service's thread and hops to the main
-// thread once to hand them to script. After the last records, the counts.
+// 100 ms, encodes them on a pool worker (never on the I/O service's thread,
+// which every timer needs) and hops to the main thread once to hand them to
+// script. After the last records, the counts. A stopped scheduler (the
+// environment is going away) ends it at the hop.
 task<void> scan_task(std::shared_ptr<scan_session> session) {
   ScanData& data = session->data();
   data.begin_work();
@@ -167,6 +169,7 @@ task<void> scan_task(std::shared_ptr<scan_session> session) {
       io_service* io = runtime::io();
       if (!io) co_return;  // the module is going away
       if (!data.finished() && !data.stopped()) co_await io->schedule_after(std::chrono::milliseconds(100));
+      co_await on_pool();
     }
     // Read before taking: once finished, nothing can be collected any more.
     bool last = data.finished();
@@ -179,10 +182,11 @@ task<void> scan_task(std::shared_ptr<scan_session> session) {
     } catch (...) {
       log::out("Unknown exception caught in Update Vectors move");
     }
-    co_await scheduler::instance().schedule();
-    if (!scheduler::instance().is_main_thread()) co_return;  // stopped: no script any more
+    co_await session->sched().schedule();
     try {
       if (batch.record_count) session->deliver_update(batch);
+    } catch (const environment_terminating&) {
+      throw;
     } catch (const std::exception& e) {
       log::out_value("Exception caught in dispatching scan file update: ", e.what());
     } catch (...) {
@@ -193,6 +197,8 @@ task<void> scan_task(std::shared_ptr<scan_session> session) {
   }
   try {
     session->deliver_result();
+  } catch (const environment_terminating&) {
+    throw;
   } catch (const std::exception& e) {
     log::out_value("Exception caught in dispatching scan file update: ", e.what());
   }
@@ -214,9 +220,11 @@ Napi::Value scan_all_sub_files(const Napi::CallbackInfo& info) {
   // without it, with updates capped so the script heap stays small).
   data->filters.metadata_helpers = std::thread::hardware_concurrency() >= 2 ? 1 : 0;
 
-  auto session = std::make_shared<scan_session>(env, data);
+  auto owner = environment::current();
+  if (!owner) throw Napi::Error::New(env, "ScanAllSubFiles must be called on the thread that loaded ostrel");
+  auto session = std::make_shared<scan_session>(owner, data);
   session->hold(info[1], info[2]);
-  session->install_cleanup(session);
+  session->register_with(*owner);
   start_async(scan_task(session));
 
   auto close = Napi::Function::New(

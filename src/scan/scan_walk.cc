@@ -6,6 +6,7 @@
 
 #include "dir_listing.h"
 #include "leave_list.h"
+#include "runtime/blocking.h"
 #include "runtime/log.h"
 #include "runtime/coroutine_chain.h"
 #include "runtime/runtime.h"
@@ -40,6 +41,7 @@ detached_task retry_metadata(std::shared_ptr<ScanData> scan, std::shared_ptr<Fil
     bool ok = false;
     if (io && !scan->stopped()) {
       co_await io->schedule_after(std::chrono::milliseconds(100));
+      co_await on_pool();  // the query blocks: off the I/O service's thread
       ok = co_await FillFileInfoAsync(info, 1, scan->stop_flag());
     }
     if (!scan->stopped() && (ok || !info->readable)) scan->keep_record(std::move(*info), false);

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "runtime/environment.h"
 #include "runtime/runtime.h"
 #include "runtime/scheduler.h"
 #include "runtime/spawn.h"
@@ -50,14 +51,47 @@ class first_failure {
   std::exception_ptr error_;
 };
 
-bool on_main_thread() {
-  return scheduler::instance().is_main_thread() && scheduler::instance().env() != nullptr;
+template <typename Records, typename Deliver>
+task<void> deliver_to(std::shared_ptr<env_targets> t, script_registry env_targets::*which, Records batch,
+                      Deliver deliver) {
+  co_await t->sched->schedule();
+  Napi::Env env(t->sched->env());
+  Napi::HandleScope scope(env);
+  first_failure failure;
+  for (Napi::Object target : ((*t).*which).snapshot()) {
+    failure.guard([&] {
+      for (const auto& record : batch) {
+        Napi::HandleScope per_call(env);
+        deliver(env, target, record);
+      }
+    });
+  }
+  failure.rethrow();
+}
+
+// Environments with a target in `which`.
+std::vector<std::shared_ptr<env_targets>> with_targets(script_registry env_targets::*which) {
+  std::vector<std::shared_ptr<env_targets>> out;
+  for (auto& t : all_targets()) {
+    if (!((*t).*which).empty() && !t->sched->is_stopped()) out.push_back(t);
+  }
+  return out;
+}
+
+void deliver_event(Napi::Env env, Napi::Object reporter, const TvkRecord& record) {
+  Napi::Object value = to_script_object(env, record);
+  method_of(reporter, "report").Call(reporter, {value});
+}
+
+void deliver_fact(Napi::Env env, Napi::Object sink, const fact& f) {
+  Napi::Value attributes(env, ostrel::to_script_object(env, f.attributes));
+  method_of(sink, "corvex").Call(sink, {Napi::String::New(env, f.name), attributes});
 }
 
 }  // namespace
 
 Napi::Object to_script_object(Napi::Env env, const TvkRecord& record) {
-  if (!scheduler::instance().is_main_thread()) throw std::runtime_error("Must be called from main thread");
+  if (!environment::current()) throw std::runtime_error("Must be called from main thread");
   Napi::Object object = Napi::Object::New(env);
   object.Set("category", Napi::Number::New(env, record.category));
   if (record.msg) object.Set("msg", Napi::String::New(env, *record.msg));
@@ -76,52 +110,31 @@ Napi::Object to_script_object(Napi::Env env, const TvkRecord& record) {
 }
 
 task<void> deliver_events() {
-  // Without a reporter the records stay queued for the delivery that the
-  // first registration starts.
-  if (reporters().empty()) co_return;
+  // Without a reporter anywhere the records stay queued for the delivery
+  // that the first registration starts.
+  auto targets = with_targets(&env_targets::reporters);
+  if (targets.empty()) co_return;
   auto batch = global().events.take_all();
   if (batch.empty()) co_return;
-  co_await scheduler::instance().schedule();
-  if (!on_main_thread() || reporters().empty()) {
-    // The scheduler stopped (no reference held, or clean-up) or the
-    // reporters went away meanwhile: keep the records for a later delivery.
-    global().events.requeue_front(std::move(batch));
+  if (targets.size() == 1) {
+    try {
+      co_await deliver_to(targets.front(), &env_targets::reporters, batch, &deliver_event);
+    } catch (const scheduler_stopped&) {
+      // The environment went away meanwhile: keep the records for a later
+      // delivery.
+      global().events.requeue_front(std::move(batch));
+    }
     co_return;
   }
-  Napi::Env env(scheduler::instance().env());
-  Napi::HandleScope scope(env);
-  first_failure failure;
-  for (Napi::Object reporter : reporters().snapshot()) {
-    failure.guard([&] {
-      for (const TvkRecord& record : batch) {
-        Napi::HandleScope per_call(env);
-        Napi::Object value = to_script_object(env, record);
-        method_of(reporter, "report").Call(reporter, {value});
-      }
-    });
-  }
-  failure.rethrow();
+  for (auto& t : targets) spawn(deliver_to(t, &env_targets::reporters, batch, &deliver_event), runtime::alive());
 }
 
 task<void> deliver_facts() {
-  co_await scheduler::instance().schedule();
-  // Off the main thread the scheduler has stopped: leave the facts queued.
-  if (!on_main_thread() || fact_sinks().empty()) co_return;
+  auto targets = with_targets(&env_targets::fact_sinks);
+  if (targets.empty()) co_return;  // no sink: the facts are dropped as they come
   auto batch = global().facts.take_all();
   if (batch.empty()) co_return;
-  Napi::Env env(scheduler::instance().env());
-  Napi::HandleScope scope(env);
-  first_failure failure;
-  for (Napi::Object sink : fact_sinks().snapshot()) {
-    failure.guard([&] {
-      for (const fact& f : batch) {
-        Napi::HandleScope per_call(env);
-        Napi::Value attributes(env, ostrel::to_script_object(env, f.attributes));
-        method_of(sink, "corvex").Call(sink, {Napi::String::New(env, f.name), attributes});
-      }
-    });
-  }
-  failure.rethrow();
+  for (auto& t : targets) spawn(deliver_to(t, &env_targets::fact_sinks, batch, &deliver_fact), runtime::alive());
 }
 
 namespace {

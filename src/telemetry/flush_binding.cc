@@ -48,8 +48,15 @@ class flush_ticket {
   bool active_ = true;
 };
 
+// Environments with a tracer, and whether one of them can still take spans.
 bool should_flush_now() {
-  return global().stats.should_flush(!tracers().empty(), !scheduler::instance().is_stopped(), monotonic_ns());
+  bool has_tracer = false, running = false;
+  for (auto& t : all_targets()) {
+    if (t->tracers.empty()) continue;
+    has_tracer = true;
+    running = running || !t->sched->is_stopped();
+  }
+  return global().stats.should_flush(has_tracer, running, monotonic_ns());
 }
 
 void set_attribute(Napi::Function set, Napi::Object span, const char* key, napi_value value) {
@@ -92,13 +99,14 @@ void send_span(Napi::Env env, Napi::Object tracer, const ApiStatEntry& e) {
   }
 }
 
-task<void> send_spans(std::vector<ApiStatEntry> entries) {
-  auto& s = scheduler::instance();
-  co_await s.schedule();
-  if (!s.is_main_thread() || !s.env()) co_return;  // stopped meanwhile: nobody to tell
-  Napi::Env env(s.env());
+// The spans of one environment's tracers. A stopped scheduler ends it
+// quietly (through the spawn wrapper): nobody is left to tell.
+task<void> send_spans(std::shared_ptr<env_targets> t, std::shared_ptr<const std::vector<ApiStatEntry>> shared) {
+  co_await t->sched->schedule();
+  const std::vector<ApiStatEntry>& entries = *shared;
+  Napi::Env env(t->sched->env());
   Napi::HandleScope scope(env);
-  std::vector<Napi::Object> targets = tracers().snapshot();
+  std::vector<Napi::Object> targets = t->tracers.snapshot();
   for (const ApiStatEntry& entry : entries) {
     for (Napi::Object tracer : targets) {
       Napi::HandleScope per_span(env);
@@ -122,7 +130,10 @@ task<void> flush_attempt(flush_ticket ticket) {
   ticket.end();
   std::vector<ApiStatEntry> entries = global().stats.take_entries(monotonic_ns());
   if (entries.empty()) co_return;
-  co_await send_spans(std::move(entries));
+  auto shared = std::make_shared<const std::vector<ApiStatEntry>>(std::move(entries));
+  for (auto& t : all_targets()) {
+    if (!t->tracers.empty()) spawn(send_spans(t, shared), runtime::alive());
+  }
 }
 
 }  // namespace

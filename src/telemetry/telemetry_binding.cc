@@ -31,7 +31,8 @@ std::uint64_t elapsed_ms_since(std::int64_t start_ns) {
 
 Napi::Value register_tvk_reporter(const Napi::CallbackInfo& info) {
   Napi::Object reporter = registrant(info);
-  reporters().add(info.Env(), reporter);
+  env_targets& t = current_targets();
+  t.reporters.add(*t.sched, reporter);
   // Events reported before this registration are delivered now.
   start_async(deliver_events());
   log::out("RegisterTvkReporter end");
@@ -58,26 +59,30 @@ Napi::Value report_test(const Napi::CallbackInfo& info) {
 
 Napi::Value unregister_reporters(const Napi::CallbackInfo& info) {
   check_arg_count_type_error(info, 0);
-  reporters().clear();
+  env_targets& t = current_targets();
+  t.reporters.clear(*t.sched);
   return info.Env().Undefined();
 }
 
 Napi::Value register_tracer(const Napi::CallbackInfo& info) {
   Napi::Object tracer = registrant(info);
-  tracers().add(info.Env(), tracer);
+  env_targets& t = current_targets();
+  t.tracers.add(*t.sched, tracer);
   log::out("RegisterTracer end");
   return info[0];
 }
 
 Napi::Value unregister_tracers(const Napi::CallbackInfo& info) {
   check_arg_count_type_error(info, 0);
-  tracers().clear();
+  env_targets& t = current_targets();
+  t.tracers.clear(*t.sched);
   return info.Env().Undefined();
 }
 
 Napi::Value register_fact(const Napi::CallbackInfo& info) {
   Napi::Object sink = registrant(info);
-  fact_sinks().add(info.Env(), sink);
+  env_targets& t = current_targets();
+  t.fact_sinks.add(*t.sched, sink);
   start_async(deliver_facts());
   log::out("RegisterFact end");
   return info[0];

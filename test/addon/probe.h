@@ -9,7 +9,14 @@
 
 #include <vector>
 
+#include "runtime/scheduler.h"
+
 namespace ostrel::probe {
+
+// The scheduler of the environment that loaded the probe last. The probe's
+// tasks reach it from worker threads; the suites load the probe on one
+// thread at a time.
+scheduler& sched();
 
 using register_fn = void (*)(Napi::Env env, Napi::Object exports);
 

@@ -42,7 +42,7 @@ Napi::Value scheduler_hops(const Napi::CallbackInfo& info) {
   start_async([](std::shared_ptr<promise> p, int n) -> task<void> {
     std::vector<std::int64_t> latencies;
     latencies.reserve(n);
-    auto& s = scheduler::instance();
+    auto& s = sched();
     co_await runtime::pool()->schedule();
     const std::int64_t start = monotonic_ns();
     for (int i = 0; i < n; ++i) {

@@ -4,11 +4,20 @@
 #include <thread>
 
 #include "probe.h"
-#include "runtime/napi_lifecycle.h"
+#include "runtime/environment.h"
 #include "runtime/runtime.h"
 #include "runtime/thread_pool.h"
 
 namespace ostrel::probe {
+
+namespace {
+std::shared_ptr<scheduler> g_sched;
+}  // namespace
+
+scheduler& sched() {
+  return *g_sched;
+}
+
 namespace {
 
 // OSTREL_PROBE_HARDWARE_THREADS pretends the machine has that many hardware
@@ -19,9 +28,7 @@ unsigned hardware_threads() {
 }
 
 Napi::Object init(Napi::Env env, Napi::Object exports) {
-  lifecycle::bind_scheduler(env);
-  lifecycle::start_runtime(thread_pool::default_size(hardware_threads()));
-  lifecycle::install_cleanup_hook(env);
+  g_sched = environment::start(env, thread_pool::default_size(hardware_threads()))->shared_scheduler();
   exports.Set("poolSize", Napi::Function::New(env, [](const Napi::CallbackInfo& info) {
                 return Napi::Number::New(info.Env(), static_cast<double>(runtime::pool()->size()));
               }));

@@ -20,10 +20,6 @@
 namespace ostrel::probe {
 namespace {
 
-scheduler& sched() {
-  return scheduler::instance();
-}
-
 void busy_wait_ms(double ms) {
   const std::int64_t end = monotonic_ns() + static_cast<std::int64_t>(ms * 1e6);
   while (monotonic_ns() < end) {
@@ -179,7 +175,11 @@ Napi::Value schedule_from_thread(const Napi::CallbackInfo& info) {
   std::thread t([&] {
     sync_wait([](std::uint64_t& before, std::uint64_t& after) -> task<void> {
       before = current_thread_id();
-      co_await sched().schedule();
+      try {
+        co_await sched().schedule();
+      } catch (const scheduler_stopped&) {
+        // Stopped: the task goes on here, told so by the exception.
+      }
       after = current_thread_id();
     }(before, after));
   });

@@ -18,10 +18,6 @@
 namespace ostrel::probe {
 namespace {
 
-scheduler& sched() {
-  return scheduler::instance();
-}
-
 struct not_an_exception {};
 
 // Throws the failure of `kind` from a spawned task, on the main thread or on

@@ -144,9 +144,8 @@ Napi::Value record_from_threads(const Napi::CallbackInfo& info) {
     go.store(true);
     for (auto& w : workers) w.join();
     const double ns = static_cast<double>(monotonic_ns() - start);
-    co_await scheduler::instance().schedule();
-    if (!scheduler::instance().is_main_thread()) co_return;
-    Napi::Object out = Napi::Object::New(scheduler::instance().env());
+    co_await sched().schedule();
+    Napi::Object out = Napi::Object::New(sched().env());
     out.Set("ns", ns);
     p->resolve(out);
   }(p, threads, per_thread, std::move(names), bare));

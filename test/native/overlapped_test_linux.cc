@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <functional>
 #include <future>
 #include <thread>
 
@@ -26,8 +27,11 @@ class pipe_read : public overlapped_operation<pipe_read> {
       error_ = e;
       return false;
     }
+    if (after_start) after_start();
     return true;
   }
+  // Runs inside start(), once the wait is registered.
+  std::function<void()> after_start;
   void cancel() noexcept { s_.cancel_fd_wait(this); }
   char result() {
     if (error_ != 0) throw std::system_error(static_cast<int>(error_), std::system_category(), "wait");
@@ -92,6 +96,48 @@ TEST(OverlappedOperation, CancellationRacingCompletionEndsOnce) {
     }
     writer.join();
     canceller.join();
+  }
+}
+
+// A cancellation that arrives while the operation is being started, before
+// it is marked started, is honoured: the task ends with operation_cancelled
+// instead of waiting for a completion that never comes.
+TEST(OverlappedOperation, CancellationDuringStartIsNotLost) {
+  testing::pumped_service s;
+  pipe_pair p;
+  cancellation_source source;
+  auto result = std::async(std::launch::async, [&] {
+    return sync_wait([&]() -> task<char> {
+      auto op = pipe_read(s.service, p.fds[0], source.token());
+      op.after_start = [&] { source.request_cancellation(); };
+      co_return co_await op;
+    }());
+  });
+  if (result.wait_for(5s) != std::future_status::ready) {
+    [[maybe_unused]] auto n =
+        ::write(p.fds[1], "u", 1);  // ends the wait, so the failure is reported instead of hanging
+    FAIL() << "the cancellation was lost";
+  }
+  EXPECT_THROW(result.get(), operation_cancelled);
+}
+
+// Nothing is ever written: every await must end by cancellation, whenever
+// the other thread requests it (before, during or after the start).
+TEST(OverlappedOperation, CancellationRacingTheStartEndsEveryWait) {
+  testing::pumped_service s;
+  pipe_pair p;
+  for (int i = 0; i < 2000; ++i) {
+    cancellation_source source;
+    auto result = std::async(std::launch::async, [&] {
+      return sync_wait([&]() -> task<char> { co_return co_await pipe_read(s.service, p.fds[0], source.token()); }());
+    });
+    std::thread canceller([&] { source.request_cancellation(); });
+    canceller.join();
+    if (result.wait_for(5s) != std::future_status::ready) {
+      [[maybe_unused]] auto n = ::write(p.fds[1], "u", 1);
+      FAIL() << "round " << i << ": the cancellation was lost";
+    }
+    EXPECT_THROW(result.get(), operation_cancelled);
   }
 }
 

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <future>
 #include <string>
 #include <thread>
@@ -26,10 +27,15 @@ class pipe_read : public overlapped_operation<pipe_read> {
       return true;  // completed at once; the port still delivers it
     }
     DWORD e = GetLastError();
-    if (e == ERROR_IO_PENDING) return true;
-    error_ = e;
-    return false;
+    if (e != ERROR_IO_PENDING) {
+      error_ = e;
+      return false;
+    }
+    if (after_start) after_start();
+    return true;
   }
+  // Runs inside start(), once the read is pending.
+  std::function<void()> after_start;
   void cancel() noexcept { CancelIoEx(h_, reinterpret_cast<OVERLAPPED*>(static_cast<detail::io_state*>(this))); }
   char result() {
     if (error_ != 0) throw std::system_error(static_cast<int>(error_), std::system_category(), "ReadFile");
@@ -107,6 +113,47 @@ TEST(OverlappedOperation, CancellationRacingCompletionEndsOnce) {
       // The byte is still in the pipe: read it so the next round starts empty.
       EXPECT_EQ(sync_wait([&]() -> task<char> { co_return co_await pipe_read(p.server, {}); }()), 'z');
     }
+  }
+}
+
+// A cancellation that arrives while the operation is being started, before
+// it is marked started, is honoured: the task ends with operation_cancelled
+// instead of waiting for a completion that never comes.
+TEST(OverlappedOperation, CancellationDuringStartIsNotLost) {
+  testing::pumped_service s;
+  pipe_pair p(s.service);
+  cancellation_source source;
+  auto result = std::async(std::launch::async, [&] {
+    return sync_wait([&]() -> task<char> {
+      auto op = pipe_read(p.server, source.token());
+      op.after_start = [&] { source.request_cancellation(); };
+      co_return co_await op;
+    }());
+  });
+  if (result.wait_for(5s) != std::future_status::ready) {
+    p.write('u');  // ends the wait, so the failure is reported instead of hanging
+    FAIL() << "the cancellation was lost";
+  }
+  EXPECT_THROW(result.get(), operation_cancelled);
+}
+
+// Nothing is ever written: every await must end by cancellation, whenever
+// the other thread requests it (before, during or after the start).
+TEST(OverlappedOperation, CancellationRacingTheStartEndsEveryWait) {
+  testing::pumped_service s;
+  pipe_pair p(s.service);
+  for (int i = 0; i < 300; ++i) {
+    cancellation_source source;
+    auto result = std::async(std::launch::async, [&] {
+      return sync_wait([&]() -> task<char> { co_return co_await pipe_read(p.server, source.token()); }());
+    });
+    std::thread canceller([&] { source.request_cancellation(); });
+    canceller.join();
+    if (result.wait_for(5s) != std::future_status::ready) {
+      p.write('u');
+      FAIL() << "round " << i << ": the cancellation was lost";
+    }
+    EXPECT_THROW(result.get(), operation_cancelled);
   }
 }
 

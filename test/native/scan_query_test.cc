@@ -23,23 +23,19 @@ class FillFileInfo : public ::testing::Test {
   void SetUp() override {
     api_compat::init();  // as the module's initialiser does; a second call does nothing
     api_compat::init();
-    runtime::create(2);
-    pump_ = std::thread([] { runtime::io()->process_events(); });
+    runtime::acquire(2);  // the service is pumped on one of the two workers
     dir_ = fs::temp_directory_path() /
            ("ostrel-scan-query-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) +
             std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
     fs::create_directories(dir_);
   }
   void TearDown() override {
-    runtime::stop_threads();
-    pump_.join();
-    runtime::destroy();
+    runtime::release(std::chrono::seconds(5));
     std::error_code ec;
     fs::remove_all(dir_, ec);
   }
   std::shared_ptr<FileInfo> record(const fs::path& p) { return std::make_shared<FileInfo>(p.native(), dir_.native()); }
   fs::path dir_;
-  std::thread pump_;
 };
 
 TEST_F(FillFileInfo, FillsFilesAndFolders) {

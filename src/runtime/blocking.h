@@ -1,0 +1,118 @@
+// Where blocking work runs. The I/O service's thread serves every watcher's
+// reads and every timer, so a task must never block there; after a timed
+// wait or an I/O completion it hops to the pool first:
+//
+//   co_await io->schedule_after(100ms);
+//   co_await on_pool();               // now a blocking query is fine
+//
+// A long job that blocks (a folder walk, a WMI query, a COM call) runs start
+// to finish on a thread of its own, so that it never holds a pool worker
+// that other tasks wait for, and so that the COM apartment it initialises is
+// the one it uses (nothing inside can move it to another thread):
+//
+//   auto job = on_own_thread([&] { com_guard com; return query(); });
+//   Result r = co_await job;
+//
+// The awaiting task then continues on a pool worker. Name the awaiter as
+// above: GCC 12 destroys the captures of a lambda written inside a co_await
+// expression twice (seen as a use-after-free under AddressSanitizer).
+#pragma once
+
+#include <coroutine>
+#include <exception>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <type_traits>
+#include <utility>
+
+#include "runtime.h"
+
+namespace ostrel {
+
+// Thrown into a task that tries to hop onto a runtime that has stopped.
+class runtime_stopped : public std::runtime_error {
+ public:
+  runtime_stopped() : std::runtime_error("the ostrel runtime is not running") {}
+};
+
+class pool_hop {
+ public:
+  bool await_ready() const noexcept { return false; }
+  template <typename P>
+  bool await_suspend(std::coroutine_handle<P> h) {
+    thread_pool* p = runtime::pool();
+    if (!p) return false;  // resume here; await_resume throws
+    pool_ = true;
+    p->post(resumable(h));
+    return true;
+  }
+  void await_resume() const {
+    if (!pool_) throw runtime_stopped();
+  }
+
+ private:
+  bool pool_ = false;
+};
+
+// co_await on_pool() continues the task on a pool worker.
+inline pool_hop on_pool() noexcept {
+  return {};
+}
+
+template <typename R>
+class own_thread_job {
+ public:
+  explicit own_thread_job(std::function<R()> job) : job_(std::move(job)) {}
+  own_thread_job(own_thread_job&&) = delete;
+
+  bool await_ready() const noexcept { return false; }
+  template <typename P>
+  bool await_suspend(std::coroutine_handle<P> h) {
+    waiter_ = resumable(h);
+    // TRICKY: once the thread is started it may finish and resume the task
+    // (freeing this awaiter) before start_job_thread returns; nothing here
+    // touches `this` after a successful start.
+    if (runtime::start_job_thread([this] { run(); })) return true;
+    error_ = std::make_exception_ptr(runtime_stopped());
+    return false;
+  }
+  R await_resume() {
+    if (error_) std::rethrow_exception(error_);
+    if constexpr (!std::is_void_v<R>) return std::move(*value_);
+  }
+
+ private:
+  void run() noexcept {
+    try {
+      if constexpr (std::is_void_v<R>) {
+        job_();
+      } else {
+        value_.emplace(job_());
+      }
+    } catch (...) {
+      error_ = std::current_exception();
+    }
+    job_ = nullptr;
+    resumable w = waiter_;
+    if (thread_pool* p = runtime::pool()) {
+      p->post(w);  // frees the task if the pool is shutting down
+    } else {
+      w.destroy();  // the runtime is gone: the task can never go on
+    }
+  }
+
+  std::function<R()> job_;
+  resumable waiter_;
+  std::exception_ptr error_;
+  std::conditional_t<std::is_void_v<R>, char, std::optional<std::conditional_t<std::is_void_v<R>, char, R>>> value_{};
+};
+
+// co_await on_own_thread(job) runs job() on a thread of its own and gives
+// its result (or rethrows its exception) on a pool worker.
+template <typename Fn>
+own_thread_job<std::invoke_result_t<Fn&>> on_own_thread(Fn job) {
+  return own_thread_job<std::invoke_result_t<Fn&>>(std::function<std::invoke_result_t<Fn&>()>(std::move(job)));
+}
+
+}  // namespace ostrel
