@@ -214,7 +214,40 @@ Napi::Value to_object(const Napi::CallbackInfo& info) {
   return Napi::Value(info.Env(), to_script_object(info.Env(), values));
 }
 
+// Schedules from a plain thread for `ms`, as fast as it can while a
+// reference is held, so that script can take and drop the last reference
+// (which closes and later frees the async handle) in between. Returns a
+// function that joins the thread and gives the number of schedules.
+Napi::Value schedule_storm(const Napi::CallbackInfo& info) {
+  check_arg_types(info, {napi_number});
+  const auto ms = static_cast<std::int64_t>(info[0].As<Napi::Number>().DoubleValue());
+  auto count = std::make_shared<std::atomic<std::uint64_t>>(0);
+  auto thread = std::make_shared<std::thread>([count, ms] {
+    const std::int64_t end = monotonic_ns() + ms * 1'000'000;
+    while (monotonic_ns() < end) {
+      if (sched().ref_count() == 0) {
+        std::this_thread::yield();
+        continue;
+      }
+      spawn(
+          []() -> task<void> {
+            try {
+              co_await sched().schedule();
+            } catch (const scheduler_stopped&) {
+            }
+          }(),
+          runtime::alive());
+      count->fetch_add(1);
+    }
+  });
+  return Napi::Function::New(info.Env(), [thread, count](const Napi::CallbackInfo& i) {
+    if (thread->joinable()) thread->join();
+    return Napi::Number::New(i.Env(), static_cast<double>(count->load()));
+  });
+}
+
 void register_scheduler_probes(Napi::Env env, Napi::Object exports) {
+  exports.Set("scheduleStorm", Napi::Function::New(env, schedule_storm));
   exports.Set("queueBusyWork", Napi::Function::New(env, queue_busy_work));
   exports.Set("rescheduleInsideCallback", Napi::Function::New(env, reschedule_inside_callback));
   exports.Set("coalesce", Napi::Function::New(env, coalesce));

@@ -123,7 +123,6 @@ Napi::Value churn(const Napi::CallbackInfo& info) {
         co_await runtime::io()->schedule_after(std::chrono::milliseconds(1 + i % 5));
         co_await runtime::pool()->schedule();
         co_await sched().schedule();
-        if (!sched().is_main_thread()) co_return;  // stopped: the environment is gone
         fn->value().Call({Napi::Number::New(sched().env(), i)});
       }
     }(fn, i));

@@ -1,0 +1,180 @@
+'use strict';
+// The module in several environments and on every way out of a process:
+// exit and uncaught exceptions during a big scan, the main thread and
+// Workers scanning at once, Workers terminated or exiting inside a
+// callback, many Workers in turn, and wake-ups racing the last release.
+// Each case runs in a child process, so a hang or a crash fails one test.
+const test = require('node:test');
+const assert = require('node:assert/strict');
+const fs = require('fs');
+const path = require('path');
+const { root, isWindows, buildDir, runChild } = require('./helpers');
+const { makeTree, removeTree } = require('./scan-fixture');
+
+const index = JSON.stringify(path.join(root, 'index.js'));
+const probePath = JSON.stringify(path.join(buildDir(), 'test', 'runtime_probe.node'));
+
+// 200,000 files in 200 folders, made once per build folder (test.sh makes
+// it before the Wine run, where node.exe would take minutes).
+function bigTree() {
+  const dir = process.env.OSTREL_BIG_TREE || path.join(root, 'build', 'test-fixtures', 'big-200k');
+  if (fs.existsSync(path.join(dir, '.complete'))) return dir;
+  fs.rmSync(dir, { recursive: true, force: true });
+  for (let d = 0; d < 200; d++) {
+    const sub = path.join(dir, `d${d}`);
+    fs.mkdirSync(sub, { recursive: true });
+    for (let f = 0; f < 1000; f++) fs.writeFileSync(path.join(sub, `f${f}.txt`), '');
+  }
+  fs.writeFileSync(path.join(dir, '.complete'), '');
+  return dir;
+}
+
+const ended = (r) => `status ${r.status} signal ${r.signal}\n${r.stderr.slice(-2000)}`;
+
+test('leaving the process while a 200,000-file scan runs', async (t) => {
+  const big = JSON.stringify(bigTree());
+  await t.test('process.exit() inside an update callback ends the process at once', () => {
+    const start = Date.now();
+    const r = runChild(`const o = require(${index});
+      o.ScanAllSubFiles(${big}, (u) => { console.log('UPDATE ' + u.nodes.length); process.exit(7); }, () => {}, {});`,
+    { timeout: 60000 });
+    assert.equal(r.status, 7, ended(r));
+    assert.ok(Date.now() - start < 20000, `took ${Date.now() - start} ms`);
+    assert.equal(r.stdout.split('Ostrel Cleaning ...').length - 1, 1);
+  });
+  await t.test('process.exit() while script does not keep up with the updates', () => {
+    // The walk fills its backlog and waits for script; the exit must wake it.
+    const r = runChild(`const o = require(${index});
+      let n = 0;
+      o.ScanAllSubFiles(${big}, (u) => { n += u.nodes.length; const end = Date.now() + 200; while (Date.now() < end); }, () => {}, {});
+      setTimeout(() => { console.log('EXIT AFTER ' + n); process.exit(0); }, 1500);`, { timeout: 60000 });
+    assert.equal(r.status, 0, ended(r));
+    assert.match(r.stdout, /^EXIT AFTER \d+$/m);
+  });
+  await t.test('an uncaught exception from a timer is printed and exits with code 1', () => {
+    const r = runChild(`const o = require(${index});
+      o.ScanAllSubFiles(${big}, () => {}, () => {}, {});
+      setTimeout(() => { throw new Error('boom from a timer'); }, 200);`, { timeout: 60000 });
+    assert.equal(r.status, 1, ended(r));
+    assert.match(r.stderr, /boom from a timer/);
+  });
+});
+
+test('the main thread and two Workers scan at once, each getting the whole tree', () => {
+  const files = {};
+  for (let i = 0; i < 300; i++) files[`a/b${i % 7}/f${i}.txt`] = 'x';
+  const tree = makeTree({ files });
+  try {
+    const r = runChild(`const { Worker } = require('worker_threads');
+      const code = \`const o = require(${index.replace(/\\/g, '\\\\')});
+        const { parentPort, workerData } = require('worker_threads');
+        let n = 0;
+        o.ScanAllSubFiles(workerData, (u) => { n += u.nodes.length; }, (res) => parentPort.postMessage(n + '/' + res.totalFileCount), {});\`;
+      const o = require(${index});
+      const results = [];
+      const done = () => { if (results.length === 3) console.log('RESULTS ' + results.sort().join(' ')); };
+      for (let i = 0; i < 2; i++) {
+        new Worker(code, { eval: true, workerData: ${JSON.stringify(tree)} }).on('message', (m) => { results.push('W' + m); done(); });
+      }
+      let n = 0;
+      o.ScanAllSubFiles(${JSON.stringify(tree)}, (u) => { n += u.nodes.length; }, (res) => { results.push('M' + n + '/' + res.totalFileCount); done(); }, {});`);
+    assert.equal(r.status, 0, ended(r));
+    assert.match(r.stdout, /^RESULTS M300\/300 W300\/300 W300\/300$/m);
+    assert.equal(r.stdout.split('Ostrel Initialized.').length - 1, 3);
+    assert.equal(r.stdout.split('Ostrel Cleaning ...').length - 1, 3);
+  } finally {
+    removeTree(tree);
+  }
+});
+
+test('a Worker that ends inside a callback leaves the main thread running', async (t) => {
+  const files = {};
+  for (let i = 0; i < 50; i++) files[`f${i}.txt`] = 'x';
+  const tree = JSON.stringify(makeTree({ files }));
+  const worker = (inCallback) => `const o = require(${index.replace(/\\/g, '\\\\')});
+    const { parentPort } = require('worker_threads');
+    o.ScanAllSubFiles(${tree.replace(/\\/g, '\\\\')}, () => { parentPort.postMessage('inside'); ${inCallback} }, () => {}, {});`;
+  const main = (inCallback, onMessage) => `const { Worker } = require('worker_threads');
+    const o = require(${index});
+    const w = new Worker(${JSON.stringify(worker(inCallback))}, { eval: true });
+    w.on('message', () => { ${onMessage} });
+    w.on('exit', (code) => {
+      console.log('WORKER EXIT ' + code);
+      o.ScanAllSubFiles(${tree}, () => {}, (r) => console.log('MAIN SCAN ' + r.totalFileCount), {});
+    });`;
+  try {
+    for (const [name, source] of [
+      ['terminate() while the callback spins', main('for (;;) {}', 'w.terminate();')],
+      ['process.exit() inside the callback', main('process.exit(3);', '')],
+      ['an exception thrown inside the callback', main('throw new Error("worker callback failed");', '')],
+    ]) {
+      await t.test(name, () => {
+        const r = runChild(source, { timeout: 60000 });
+        assert.equal(r.status, 0, ended(r));
+        assert.doesNotMatch(r.stderr, /FATAL ERROR/);
+        assert.match(r.stdout, /^WORKER EXIT \d+$/m);
+        assert.match(r.stdout, /^MAIN SCAN 50$/m);
+      });
+    }
+  } finally {
+    removeTree(JSON.parse(tree));
+  }
+});
+
+test('100 Workers in turn: memory and threads stay flat', (t) => {
+  const tree = makeTree({ files: { 'a.txt': 'a', 'b/c.txt': 'c' } });
+  try {
+    const r = runChild(`const { Worker } = require('worker_threads');
+      const fs = require('fs');
+      require(${index});
+      const code = \`const o = require(${index.replace(/\\/g, '\\\\')});
+        o.ScanAllSubFiles(${JSON.stringify(tree).replace(/\\/g, '\\\\')}, () => {}, (r) => require('worker_threads').parentPort.postMessage(r.totalFileCount), {});\`;
+      const threads = () => (fs.existsSync('/proc/self/task') ? fs.readdirSync('/proc/self/task').length : 0);
+      const one = () => new Promise((resolve, reject) => {
+        const w = new Worker(code, { eval: true });
+        let files = -1;
+        w.on('message', (n) => { files = n; });
+        w.on('error', reject);
+        w.on('exit', () => (files === 2 ? resolve() : reject(new Error('files ' + files))));
+      });
+      (async () => {
+        for (let i = 0; i < 10; i++) await one();
+        global.gc && global.gc();
+        const rss10 = process.memoryUsage().rss, threads10 = threads();
+        for (let i = 10; i < 100; i++) await one();
+        global.gc && global.gc();
+        await new Promise((r) => setTimeout(r, 200));
+        console.log('RSS GROWTH MB ' + Math.round((process.memoryUsage().rss - rss10) / 1048576));
+        console.log('THREADS ' + threads10 + ' ' + threads());
+      })();`, { timeout: 300000 });
+    assert.equal(r.status, 0, ended(r));
+    t.diagnostic(r.stdout.match(/^(RSS|THREADS).*$/gm).join(', '));
+    const growth = Number(/^RSS GROWTH MB (-?\d+)$/m.exec(r.stdout)[1]);
+    assert.ok(growth < 40, `resident memory grew by ${growth} MB over 90 Workers`);
+    const [before, after] = /^THREADS (\d+) (\d+)$/m.exec(r.stdout).slice(1).map(Number);
+    assert.ok(after <= before + 2, `threads ${before} -> ${after}`);
+    assert.equal(r.stdout.split('Ostrel Cleaning ...').length - 1, 101);
+  } finally {
+    removeTree(tree);
+  }
+});
+
+test('wake-ups racing the last release never touch a freed handle', () => {
+  const r = runChild(`const p = require(${probePath});
+    const join = p.scheduleStorm(1500);
+    const end = Date.now() + 1500;
+    (function cycle() {
+      p.addRef();
+      setImmediate(() => {
+        p.release();
+        if (Date.now() < end) setImmediate(cycle);
+        else console.log('SCHEDULES ' + join());
+      });
+    })();`, { timeout: 60000 });
+  assert.equal(r.status, 0, ended(r));
+  assert.match(r.stdout, /^SCHEDULES [1-9]\d*$/m);
+});
+
+if (isWindows) {
+  // Nothing Windows-only here: the same cases run under Wine with node.exe.
+}
