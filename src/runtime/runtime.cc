@@ -205,9 +205,10 @@ bool release(std::chrono::milliseconds grace, const std::function<void()>& after
   if (after_join) after_join();
   g_pool.store(nullptr, std::memory_order_release);
   g_io.store(nullptr, std::memory_order_release);
-  // A thread left running may still use the pool or the service: free them
-  // only when every thread has ended.
-  if (workers_ended && jobs_ended) {
+  // A worker left running comes back to the pool and may hold the service:
+  // free them only when every worker has ended. A job thread left running
+  // reads the globals afresh (and finds them empty), so it holds neither.
+  if (workers_ended) {
     delete workers;
     delete service;
   }

@@ -20,11 +20,12 @@ function loadProbe() {
 // Runs `source` in a child node (the same executable as this one) and
 // returns { status, stdout, stderr }. Lifecycle cases (clean-up, exit with
 // work in flight) run this way so that a crash fails one test, not the run.
-function runChild(source, { timeout = 60000, env = {} } = {}) {
+function runChild(source, { timeout = 60000, env = {}, maxBuffer = 1024 * 1024 } = {}) {
   const r = spawnSync(process.execPath, ['-e', source], {
     cwd: root,
     encoding: 'utf8',
     timeout,
+    maxBuffer,
     env: { ...process.env, ...env },
   });
   return { status: r.status, signal: r.signal, stdout: r.stdout || '', stderr: r.stderr || '' };

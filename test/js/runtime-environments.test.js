@@ -150,7 +150,10 @@ test('100 Workers in turn: memory and threads stay flat', (t) => {
     assert.equal(r.status, 0, ended(r));
     t.diagnostic(r.stdout.match(/^(RSS|THREADS).*$/gm).join(', '));
     const growth = Number(/^RSS GROWTH MB (-?\d+)$/m.exec(r.stdout)[1]);
-    assert.ok(growth < 40, `resident memory grew by ${growth} MB over 90 Workers`);
+    // AddressSanitizer keeps freed memory in quarantine: only threads count there.
+    if (!/asan/.test(process.env.LD_PRELOAD || '')) {
+      assert.ok(growth < 40, `resident memory grew by ${growth} MB over 90 Workers`);
+    }
     const [before, after] = /^THREADS (\d+) (\d+)$/m.exec(r.stdout).slice(1).map(Number);
     assert.ok(after <= before + 2, `threads ${before} -> ${after}`);
     assert.equal(r.stdout.split('Ostrel Cleaning ...').length - 1, 101);
@@ -170,7 +173,7 @@ test('wake-ups racing the last release never touch a freed handle', () => {
         if (Date.now() < end) setImmediate(cycle);
         else console.log('SCHEDULES ' + join());
       });
-    })();`, { timeout: 60000 });
+    })();`, { timeout: 60000, maxBuffer: 256 * 1024 * 1024 });
   assert.equal(r.status, 0, ended(r));
   assert.match(r.stdout, /^SCHEDULES [1-9]\d*$/m);
 });

@@ -21,7 +21,9 @@ TEST(SessionRegistry, StopAllStopsLiveSessionsOnceAndLaterOnesAtOnce) {
   auto registry = std::make_shared<session_registry>();
   int live = 0, ended = 0, late = 0;
   auto kept = session_registry::add(registry, [&] { ++live; });
-  { auto gone = session_registry::add(registry, [&] { ++ended; }); }  // the session ended first
+  {
+    auto gone = session_registry::add(registry, [&] { ++ended; });
+  }  // the session ended first
   EXPECT_EQ(registry->size(), 1u);
   registry->stop_all();
   registry->stop_all();
