@@ -6,6 +6,7 @@
 #   OSTREL_SUITES="native-js wine-js" scripts/test.sh   a subset
 #   OSTREL_PRESET=linux-asan scripts/test.sh            native suites on another build
 #   OSTREL_JS_FILES="test/js/a.test.js" scripts/test.sh  some JS files only
+#   OSTREL_JS_PATTERN="wake-ups" scripts/test.sh         JS tests whose name matches
 set -uo pipefail
 cd "$(dirname "$0")/.."
 root="$PWD"
@@ -42,6 +43,8 @@ count_node() { count "$1" "$2" '^(# |ℹ )pass [0-9]+' '^(# |ℹ )fail [0-9]+'; 
 
 # OSTREL_JS_FILES narrows the JS suites to some files (space-separated).
 read -r -a js_files <<<"${OSTREL_JS_FILES:-$(echo test/js/*.test.js)}"
+js_pattern=()
+[ -n "${OSTREL_JS_PATTERN:-}" ] && js_pattern=(--test-name-pattern="$OSTREL_JS_PATTERN")
 export OSTREL_TEST_PRESET="$preset"
 
 for suite in $suites; do
@@ -64,9 +67,10 @@ for suite in $suites; do
           sanitizer_env=(LD_PRELOAD="$(gcc -print-file-name=libasan.so)" ASAN_OPTIONS=detect_leaks=0
             UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1) ;;
         *tsan*)
-          sanitizer_env=(LD_PRELOAD="$(gcc -print-file-name=libtsan.so)" TSAN_OPTIONS=halt_on_error=1) ;;
+          sanitizer_env=(LD_PRELOAD="$(gcc -print-file-name=libtsan.so)"
+            TSAN_OPTIONS="halt_on_error=1 suppressions=$root/scripts/tsan-node.supp") ;;
       esac
-      env "${sanitizer_env[@]}" OSTREL_BUILD_DIR="build/$preset" node --test --test-reporter=tap "${js_files[@]}" >"$log" 2>&1
+      env "${sanitizer_env[@]}" OSTREL_BUILD_DIR="build/$preset" node --test --test-reporter=tap "${js_pattern[@]}" "${js_files[@]}" >"$log" 2>&1
       rc=$?
       [ $rc -eq 0 ] || grep -B2 -A25 '^not ok' "$log" | head -150
       count_node "$log" $rc
@@ -95,7 +99,7 @@ for suite in $suites; do
         WINEPREFIX="$root/build/wine-prefix" wineserver -k 2>/dev/null || true
         export OSTREL_DENIED_FIXTURE="$denied"
       fi
-      "${restricted[@]}" scripts/wine-node --test --test-reporter=tap "${js_files[@]}" >"$log" 2>&1
+      "${restricted[@]}" scripts/wine-node --test --test-reporter=tap "${js_pattern[@]}" "${js_files[@]}" >"$log" 2>&1
       rc=$?
       [ $rc -eq 0 ] || grep -B2 -A25 '^not ok' "$log" | head -150
       count_node "$log" $rc

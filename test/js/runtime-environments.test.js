@@ -162,6 +162,32 @@ test('100 Workers in turn: memory and threads stay flat', (t) => {
   }
 });
 
+test('telemetry registrations belong to their environment; records reach every one', () => {
+  const r = runChild(`const { Worker } = require('worker_threads');
+    const o = require(${index});
+    const tracer = (tell) => ({ startSpan: () => ({ setAttribute() {}, end: tell }) });
+    let mainSpans = 0;
+    o.RegisterTracer(tracer(() => { mainSpans++; }));
+    const w = new Worker(\`const o = require(${index.replace(/\\/g, '\\\\')});
+      const { parentPort } = require('worker_threads');
+      let told = false;
+      o.RegisterTracer({ startSpan: () => ({ setAttribute() {}, end() {
+        if (told) return;
+        told = true;
+        parentPort.postMessage('span');
+        o.UnRegisterTracers();  // the Worker's only; lets it end
+      } }) });
+      o.ReportTest({});\`, { eval: true });
+    let workerSpans = 0;
+    w.on('message', () => { workerSpans++; });
+    w.on('exit', () => setTimeout(() => {
+      console.log('SPANS main ' + (mainSpans > 0) + ' worker ' + workerSpans);
+      o.UnRegisterTracers();
+    }, 700));`, { timeout: 60000 });
+  assert.equal(r.status, 0, ended(r));
+  assert.match(r.stdout, /^SPANS main true worker 1$/m);
+});
+
 test('wake-ups racing the last release never touch a freed handle', () => {
   const r = runChild(`const p = require(${probePath});
     const join = p.scheduleStorm(1500);
