@@ -144,6 +144,14 @@ std::shared_ptr<scheduler> current_scheduler() {
   return env->shared_scheduler();
 }
 
+std::string path_argument(const Napi::Value& value, const char* what) {
+  std::string text = value.As<Napi::String>().Utf8Value();
+  if (text.find('\0') != std::string::npos) {
+    throw Napi::Error::New(value.Env(), std::string(what) + ": the path must not contain a NUL character");
+  }
+  return text;
+}
+
 void check_arg_count(const Napi::CallbackInfo& info, std::size_t count) {
   if (info.Length() != count) throw Napi::Error::New(info.Env(), "Wrong number of arguments");
 }

@@ -68,6 +68,14 @@ void check_arg_count_type_error(const Napi::CallbackInfo& info, std::size_t coun
 // "Wrong arguments" unless each argument has the listed type, in order.
 void check_arg_types(const Napi::CallbackInfo& info, std::initializer_list<napi_valuetype> types);
 
+// The UTF-8 text of a path argument already checked to be a string. A NUL
+// character would silently cut the path short at the system call (a scan
+// of "/x/small\0/evil" would walk "/x/small"): it throws
+// Error("<what>: the path must not contain a NUL character") instead, as
+// Node's own fs refuses such strings. Every export that takes a path reads
+// it through here.
+std::string path_argument(const Napi::Value& value, const char* what);
+
 // Creates a native function without a name of its own and attaches it to
 // `exports` under `name`. Native exceptions never cross into script: a
 // std::exception becomes an Error with its message, anything else an Error

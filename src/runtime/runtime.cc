@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "log.h"
+#include "memory.h"
 
 namespace ostrel {
 
@@ -177,6 +178,8 @@ std::size_t holders() noexcept {
 void acquire(std::size_t pool_size) {
   std::lock_guard lock(g_mutex);
   if (g_holders++ > 0) return;
+  static const bool tuned = (tune_allocator(), true);
+  (void)tuned;
   {
     std::lock_guard alive_lock(g_alive_mutex);
     g_alive = std::make_shared<alive_token>();

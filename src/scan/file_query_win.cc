@@ -61,6 +61,12 @@ std::uint64_t elapsed_ms(std::chrono::steady_clock::time_point start) {
 }  // namespace
 
 std::wstring long_path_form(const std::wstring& path) {
+  // Already in the \\?\ (or device \\.\) form, as script may give a root:
+  // prefixing again would make an invalid name.
+  if (path.size() >= 4 && path[0] == L'\\' && path[1] == L'\\' && (path[2] == L'?' || path[2] == L'.') &&
+      path[3] == L'\\') {
+    return path;
+  }
   // A UNC path takes the \\?\UNC\ form; every other path gets the prefix as it is.
   if (path.size() > 2 && path[0] == L'\\' && path[1] == L'\\' && path[2] != L'?') {
     return L"\\\\?\\UNC\\" + path.substr(2);

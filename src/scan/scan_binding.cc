@@ -16,6 +16,7 @@
 #include "runtime/blocking.h"
 #include "runtime/environment.h"
 #include "runtime/log.h"
+#include "runtime/memory.h"
 #include "runtime/napi_util.h"
 #include "runtime/runtime.h"
 #include "runtime/scheduler.h"
@@ -203,6 +204,10 @@ task<void> scan_task(std::shared_ptr<scan_session> session) {
     log::out_value("Exception caught in dispatching scan file update: ", e.what());
   }
   session->end();
+  // The walk's threads freed what they allocated; give it back now rather
+  // than keep it in their allocator arenas for the life of the process.
+  co_await on_pool();
+  release_free_memory();
 }
 
 Napi::Value scan_all_sub_files(const Napi::CallbackInfo& info) {
@@ -212,7 +217,7 @@ Napi::Value scan_all_sub_files(const Napi::CallbackInfo& info) {
     throw Napi::Error::New(env, "Wrong arguments");
   }
   auto data = std::make_shared<ScanData>();
-  data->root_utf8 = info[0].As<Napi::String>().Utf8Value();
+  data->root_utf8 = path_argument(info[0], "ScanAllSubFiles");
   data->root = walk_root(utf8_to_native(data->root_utf8));
   read_scan_options(env, info[3].As<Napi::Object>(), data->filters);
   // With two or more cores one helper thread shares the metadata queries

@@ -20,9 +20,17 @@ native_string walk_root(native_string_view root) {
   for (auto& c : out) {
     if (c == L'/') c = L'\\';
   }
+  // A root in the \\?\ form ("\\?\C:\dir", "\\?\UNC\server\share\dir") is
+  // kept in that form; the rules below apply to what follows the prefix.
+  std::size_t prefix = 0;
+  if (out.rfind(L"\\\\?\\UNC\\", 0) == 0) {
+    prefix = 8;
+  } else if (out.rfind(L"\\\\?\\", 0) == 0 || out.rfind(L"\\\\.\\", 0) == 0) {
+    prefix = 4;
+  }
   // Keep "C:\" whole; drop any other trailing separator.
-  while (out.size() > 3 && out.back() == L'\\') out.pop_back();
-  if (out.size() == 2 && out[1] == L':') out.push_back(L'\\');
+  while (out.size() > prefix + 3 && out.back() == L'\\') out.pop_back();
+  if (out.size() == prefix + 2 && out[prefix + 1] == L':') out.push_back(L'\\');
   return out;
 }
 

@@ -12,6 +12,7 @@
 // 500 ms, one span per name per flush, instead of one task and one parked
 // timer per record.
 #include <chrono>
+#include <exception>
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -19,6 +20,7 @@
 
 #include "runtime/clock.h"
 #include "runtime/log.h"
+#include "runtime/napi_util.h"
 #include "runtime/runtime.h"
 #include "runtime/scheduler.h"
 #include "runtime/spawn.h"
@@ -107,12 +109,27 @@ task<void> send_spans(std::shared_ptr<env_targets> t, std::shared_ptr<const std:
   Napi::Env env(t->sched->env());
   Napi::HandleScope scope(env);
   std::vector<Napi::Object> targets = t->tracers.snapshot();
+  // Tracers are isolated from one another: one that throws (its startSpan,
+  // a property read, its span's methods) gets nothing more in this flush,
+  // the others still get every span. The first failure is rethrown at the
+  // end, so the spawn wrapper logs it as if the flush had ended there.
+  std::vector<char> failed(targets.size(), 0);
+  std::exception_ptr first_failure;
   for (const ApiStatEntry& entry : entries) {
-    for (Napi::Object tracer : targets) {
-      Napi::HandleScope per_span(env);
-      send_span(env, tracer, entry);
+    for (std::size_t i = 0; i < targets.size(); ++i) {
+      if (failed[i]) continue;
+      try {
+        Napi::HandleScope per_span(env);
+        send_span(env, targets[i], entry);
+      } catch (const environment_terminating&) {
+        throw;  // nobody can be called any more
+      } catch (...) {
+        failed[i] = 1;
+        if (!first_failure) first_failure = std::current_exception();
+      }
     }
   }
+  if (first_failure) std::rethrow_exception(first_failure);
 }
 
 task<void> flush_attempt(flush_ticket ticket) {

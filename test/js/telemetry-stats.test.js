@@ -150,4 +150,29 @@ test('no tracer, broken tracers', async (t) => {
       assert.equal(r.stderr.split(/\r?\n/).filter((l) => l === line).length, 2, `${line}\n${r.stderr}`);
     }
   });
+
+  await t.test('a tracer that throws does not starve the ones after it; the failure is logged', () => {
+    // Thrown from startSpan, from a property read, and from a span method:
+    // the good tracer after them gets both spans ("ReportTest" and
+    // "ReportTest1000"), the failure reaches the log and uncaughtException.
+    for (const bad of [
+      '{ startSpan() { throw new Error("tracer broke"); } }',
+      '{ get startSpan() { throw new Error("tracer broke"); } }',
+      '{ startSpan() { return { setAttribute() { throw new Error("tracer broke"); }, end() {} }; } }',
+    ]) {
+      const r = runChild(`
+        const o = require(${JSON.stringify(modulePath)});
+        process.on('uncaughtException', (e) => console.log('UNCAUGHT ' + e.message));
+        let good = 0;
+        o.RegisterTracer(${bad});
+        o.RegisterTracer({ startSpan() { good++; return { setAttribute() {}, end() {} }; } });
+        o.ReportTest(0);
+        setTimeout(() => { console.log('GOOD ' + good); o.UnRegisterTracers(); }, 300);
+      `);
+      assert.equal(r.status, 0, r.stderr);
+      assert.match(r.stdout, /^GOOD 2$/m, bad);
+      assert.match(r.stdout, /^Ostrel Spawn Napi::Error tracer broke$/m, bad);
+      assert.match(r.stdout, /^UNCAUGHT tracer broke$/m, bad);
+    }
+  });
 });
