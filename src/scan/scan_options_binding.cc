@@ -57,11 +57,14 @@ bool read_bool(Napi::Object options, const char* key) {
 }
 
 // Compiles one expression, naming where it came from when it fails.
+// The export whose options are being read, for the error messages.
+thread_local const char* reading_for = "ScanAllSubFiles";
+
 name_regex compile_named(Napi::Env env, const std::string& source, const std::string& where) {
   try {
     return name_regex(source);
   } catch (const invalid_pattern& e) {
-    throw Napi::Error::New(env, "ScanAllSubFiles: " + std::string(e.what()) + " in " + where);
+    throw Napi::Error::New(env, std::string(reading_for) + ": " + std::string(e.what()) + " in " + where);
   }
 }
 
@@ -135,6 +138,7 @@ void read_rules(Napi::Env env, Napi::Value value, std::vector<ScanRule>& rules) 
 }  // namespace
 
 void read_scan_options(Napi::Env env, Napi::Object options, ScanFilters& filters) {
+  reading_for = "ScanAllSubFiles";
   Napi::Value v;
   if (get_if(options, "fineGrainedDirs", is_array, v)) read_rules(env, v, filters.rules);
   if (get_if(options, "leaveDirs", is_array, v)) filters.leaveDirs = native_elements(v, false);
@@ -152,6 +156,22 @@ void read_scan_options(Napi::Env env, Napi::Object options, ScanFilters& filters
   filters.formatMsToSecond = read_bool(options, "formatMsToSecond");
   filters.needDirs = read_bool(options, "needDirs");
   filters.fastMetadata = read_bool(options, "fastMetadata");
+}
+
+void read_watch_options(Napi::Env env, Napi::Object options, ScanFilters& filters,
+                        std::vector<native_string>& watch_targets) {
+  reading_for = "StartFileWatch";
+  Napi::Value v;
+  if (get_if(options, "fineGrainedDirs", is_array, v)) read_rules(env, v, filters.rules);
+  if (get_if(options, "extFilter", is_object, v)) filters.extFilter = read_ext_filter(v, true);
+  if (get_if(options, "ignoreDirRegs", is_array, v)) {
+    filters.ignoreDirRegs = string_elements(v);
+    filters.ignore_dir_regs = compile_all(env, filters.ignoreDirRegs, "ignoreDirRegs");
+  }
+  if (get_if(options, "watchTargets", is_array, v)) watch_targets = native_elements(v, false);
+  // extFilter is read a second time, as the options have always been read.
+  if (get_if(options, "extFilter", is_object, v)) filters.extFilter = read_ext_filter(v, true);
+  reading_for = "ScanAllSubFiles";
 }
 
 }  // namespace ostrel::scan
