@@ -17,12 +17,86 @@
 /** The add-on's version, "1.5.14". Takes no arguments (extra ones are ignored). */
 export function getVersion(): string;
 
+// ---------------------------------------------------------------- watch --
+// See docs/watch.md.
+
+/** What a changed item is, as the scan's file objects (without dirPath). */
+export interface WatchFileStat {
+  absolutePath: string;
+  name: string;
+  relativePath: string;
+  relativeDir: string;
+  isFile: boolean;
+  hidden: boolean;
+  isSystem: boolean;
+  size: number;
+  ino: number;
+  ctimeMs: number;
+  mtimeMs: number;
+  birthtimeMs: number;
+  readable: boolean;
+}
+
+export type WatchEventName =
+  | 'add' | 'addDir' | 'unlink' | 'unlinkDir' | 'change' | 'changeDir'
+  | 'renameOld' | 'renameOldDir' | 'rename' | 'renameDir' | 'unknown';
+
+/** One change. Properties in this order. */
+export interface WatchEvent {
+  /** The name relative to the watched root, with the platform's separator. */
+  fileName: string;
+  watchEvent: WatchEventName;
+  /** 1 added, 2 removed, 3 modified, 4 renamed (old name), 5 renamed (new name). */
+  action: number;
+  fileStat: WatchFileStat;
+}
+
+/**
+ * A watch failure. errorCode 17 / "Directory deleted" / "REMOVED" when the
+ * root went away (watching resumes when it comes back); the system's error
+ * code and message with code "" when the root cannot be watched; 1022 /
+ * ... / "OVERFLOW" when changes were lost and reportOverflow is set.
+ */
+export interface WatchError {
+  errorCode: number;
+  errorReason: string;
+  code: string;
+}
+
+export interface WatchOptions {
+  /** Folder rules as ScanAllSubFiles takes them: only items inside a selected folder are reported. */
+  fineGrainedDirs?: ScanOptions['fineGrainedDirs'];
+  /** Extension filter for files, as ScanAllSubFiles takes it. */
+  extFilter?: ScanOptions['extFilter'];
+  /** A change whose path has any component fully matching one of these is not reported, however deep. */
+  ignoreDirRegs?: string[];
+  /** Kept by the session; they do not narrow the events. */
+  watchTargets?: string[];
+  /** Deliver a lost interval of changes as a WatchError with code "OVERFLOW" (default false: silent). */
+  reportOverflow?: boolean;
+}
+
+/**
+ * Watches the folder tree at `root`. `onEvent` receives arrays of events
+ * (in the order of the changes, per kind: files, folders) and WatchError
+ * objects; `onReady` is called with no arguments once the watch is armed
+ * (again after the root came back). Returns "CloseFileWatch", which stops
+ * the session; calling it again does nothing. Throws "Wrong number of
+ * arguments" for other than 3 or 4 arguments, "Wrong arguments" for wrong
+ * types, and an Error naming the option for a pattern that does not compile.
+ */
+export function StartFileWatch(
+  root: string,
+  onEvent: (eventsOrError: WatchEvent[] | WatchError) => void,
+  onReady: () => void,
+  options?: WatchOptions,
+): () => void;
+
 // ------------------------------------------------------ not yet available --
 // These exports exist (the table's order is fixed) but throw
 // Error("<name> is not available in this build of ostrel yet") until their
 // subsystems land.
 
-export function StartFileWatch(...args: unknown[]): never;
 export function GetMtpDevices(...args: unknown[]): never;
 export function GetMtpFilesById(...args: unknown[]): never;
 export function GetMtpFileById(...args: unknown[]): never;

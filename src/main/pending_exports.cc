@@ -16,9 +16,6 @@ void attach_pending(Napi::Env env, Napi::Object exports, const char* name) {
 }
 }  // namespace
 
-void register_start_file_watch(Napi::Env env, Napi::Object exports) {
-  attach_pending(env, exports, "StartFileWatch");
-}
 void register_get_mtp_devices(Napi::Env env, Napi::Object exports) {
   attach_pending(env, exports, "GetMtpDevices");
 }

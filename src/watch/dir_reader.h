@@ -1,0 +1,63 @@
+// The platform half of a watch loop: the session's root opened for one mode
+// and read batch by batch. Windows: a directory handle on the I/O service's
+// completion port and overlapped ReadDirectoryChangesW calls. Linux: an
+// inotify descriptor with a watch on every folder of the tree, read through
+// the I/O service's readiness waits. Both hand back portable change_records
+// named relative to the root.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "change_records.h"
+#include "runtime/cancellation.h"
+#include "runtime/task.h"
+
+namespace ostrel::watch {
+
+class WatchData;
+
+struct read_outcome {
+  enum class kind {
+    records,    // `records` holds at least one change
+    overflow,   // changes were lost (the system's buffer overflowed)
+    failed,     // the read failed with `error`
+    cancelled,  // the session cancelled the read
+  };
+  kind what = kind::failed;
+  std::uint32_t error = 0;
+  std::vector<change_record> records;
+};
+
+class dir_reader {
+ public:
+  virtual ~dir_reader() = default;
+  // One read. Blocking work inside (reading, adding watches) runs on a pool
+  // worker; the task may resume anywhere.
+  virtual task<read_outcome> read(cancellation_token token) = 0;
+};
+
+struct open_result {
+  std::unique_ptr<dir_reader> reader;
+  std::uint32_t error = 0;  // the system's error when `reader` is empty
+};
+
+// The error code of a root that does not exist (ERROR_FILE_NOT_FOUND on
+// Windows, ENOENT on Linux: both 2).
+inline constexpr std::uint32_t error_root_not_found = 2;
+// The system's error code reported for an overflow (ERROR_NOTIFY_ENUM_DIR
+// on Windows; the same number on Linux, where inotify has none).
+inline constexpr std::uint32_t error_overflow = 1022;
+
+// Opens `w`'s root for one mode. Blocks (a network share, a big tree to put
+// watches on): call it on a pool worker. Records the call statistic
+// "CreateFileW(WatchLoop)".
+open_result open_dir_reader(const WatchData& w, bool dir_mode);
+
+// The system's text for an error code (FormatMessageW on Windows, strerror
+// on Linux), without a trailing line break.
+std::string system_message(std::uint32_t code);
+
+}  // namespace ostrel::watch

@@ -1,0 +1,102 @@
+// WatchData: the state of one StartFileWatch session, shared by its two
+// watch loops (file mode and directory mode), every classification task,
+// the close function and the environment's clean-up. Portable: the script
+// side plugs in through watch_sink, the platform through dir_reader.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "change_records.h"
+#include "runtime/cancellation.h"
+#include "runtime/events.h"
+#include "scan/file_info.h"
+#include "scan/scan_filters.h"
+
+namespace ostrel::watch {
+
+// One reported change, from classification to the flush that delivers it.
+struct watch_event {
+  std::uint32_t action = 0;
+  native_string file_name;  // the record's name, relative to the root
+  scan::FileInfo info;
+};
+
+// Where a session's results go; implemented by the script side, which moves
+// each call to the main thread. Any thread may call.
+class watch_sink {
+ public:
+  virtual ~watch_sink() = default;
+  virtual void events(std::vector<watch_event> events) = 0;
+  virtual void error(std::int64_t error_code, std::string reason, std::string code) = 0;
+  virtual void ready() = 0;
+};
+
+// Options beyond the filters.
+struct watch_settings {
+  // A lost interval of changes (the system's buffer overflowed) is
+  // delivered as an error event with code "OVERFLOW" instead of silently.
+  bool report_overflow = false;
+};
+
+class WatchData {
+ public:
+  WatchData(native_string root, scan::ScanFilters filters, std::vector<native_string> watch_targets,
+            watch_settings settings, std::shared_ptr<watch_sink> sink);
+  ~WatchData();
+  WatchData(const WatchData&) = delete;
+  WatchData& operator=(const WatchData&) = delete;
+
+  const native_string rootPath;
+  scan::ScanFilters filters;
+  // Kept as given; they do not narrow the events (see docs/watch.md).
+  const std::vector<native_string> watchTargets;
+  const watch_settings settings;
+  const std::shared_ptr<watch_sink> sink;
+
+  std::atomic<bool> running{true};
+  std::atomic<bool> rootRemoved{false};
+  std::atomic<std::int32_t> openLoops{0};
+  // Index 0 wakes the file-mode loop, 1 the directory-mode loop.
+  async_auto_reset_event dirDeletedChangeEvents[2];
+
+  // A cancellation source for one pending read, registered until the read
+  // ends; CancelPendingReads cancels every registered one.
+  std::shared_ptr<cancellation_source> new_read_source();
+  void forget_read_source(const std::shared_ptr<cancellation_source>& source);
+  void CancelPendingReads();
+
+  // Stops the session: clears `running`, cancels the pending reads and
+  // wakes loops waiting for a deleted root. True for the first call only.
+  bool stop();
+
+  // Event ordering. Each loop numbers the records it reads; classification
+  // runs in parallel, and the flush hands on only the longest run of
+  // finished records from the oldest, so the events of one loop reach
+  // script in the order of its records.
+  std::uint64_t next_sequence(bool dir_mode);
+  // Classification of record `seq` of a loop produced `events` (maybe none).
+  // True when this let the deliverable run grow (a flush is worth it).
+  bool finish_record(bool dir_mode, std::uint64_t seq, std::vector<watch_event> events);
+  // Takes every event whose records and all earlier ones are classified.
+  std::vector<watch_event> take_deliverable();
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::shared_ptr<cancellation_source>> cancelSources_;
+  struct ordered {
+    std::uint64_t next_assigned = 0;
+    std::uint64_t next_delivered = 0;
+    std::map<std::uint64_t, std::vector<watch_event>> finished;
+  };
+  ordered loops_[2];
+  std::vector<watch_event> deliverable_;
+};
+
+}  // namespace ostrel::watch
