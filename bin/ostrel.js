@@ -8,7 +8,9 @@ const { UsageError, CommandError, HelpRequest } = require('../lib/cli/usage');
 const { makeHelp, overview, commandHelp } = require('../lib/cli/help');
 
 const commands = {};
-for (const c of [require('../lib/cli/scan'), require('../lib/cli/version')]) commands[c.name] = c;
+for (const c of [require('../lib/cli/scan'), require('../lib/cli/watch'), require('../lib/cli/version')]) {
+  commands[c.name] = c;
+}
 commands.help = makeHelp(commands);
 const aliases = { '--help': 'help', '-h': 'help', '--version': 'version', '-v': 'version' };
 
