@@ -81,7 +81,9 @@ function run(args, io) {
     } catch (err) {
       throw new UsageError(err.message, 'watch');
     }
-    process.once('SIGINT', () => {
+    // Every Ctrl-C is taken here (a second one while closing must not kill
+    // the process half-way).
+    process.on('SIGINT', () => {
       close();
       resolve(130);
     });

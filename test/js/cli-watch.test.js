@@ -19,13 +19,17 @@ function watchCli(args, act, until) {
     let stdout = '';
     let stderr = '';
     let acted = false;
+    let interrupted = false;
     const timer = setTimeout(() => {
       child.kill('SIGKILL');
       reject(new Error(`timed out\nstdout: ${stdout}\nstderr: ${stderr}`));
     }, 20000);
     child.stdout.on('data', (d) => {
       stdout += d;
-      if (until(stdout)) child.kill('SIGINT');
+      if (!interrupted && until(stdout)) {
+        interrupted = true;
+        child.kill('SIGINT');
+      }
     });
     child.stderr.on('data', (d) => {
       stderr += d;
