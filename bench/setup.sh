@@ -6,9 +6,9 @@
 # package on Linux, and --omit=optional keeps the other platforms' packages out.
 set -euo pipefail
 cd "$(dirname "$0")"
-if [ -f node_modules/fdir/package.json ] && [ -f node_modules/@parcel/watcher-win32-x64/watcher.node ] &&
+if [ -f node_modules/fdir/package.json ] && [ -f node_modules/chokidar/package.json ] && [ -f node_modules/@parcel/watcher-win32-x64/watcher.node ] &&
   [ -f node_modules/@parcel/watcher-linux-x64-glibc/watcher.node ]; then
   exit 0
 fi
-echo "[bench] installing the benchmark peers (fdir, @parcel/watcher)"
+echo "[bench] installing the benchmark peers (fdir, @parcel/watcher, chokidar)"
 npm install --no-audit --no-fund --force --omit=optional --loglevel=error
