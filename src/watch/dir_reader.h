@@ -28,6 +28,9 @@ struct read_outcome {
   };
   kind what = kind::failed;
   std::uint32_t error = 0;
+  // failed: retrying cannot help (a share that does not support change
+  // notification at all); the loop reports it once and ends.
+  bool permanent = false;
   std::vector<change_record> records;
 };
 

@@ -86,6 +86,8 @@ class directory_reader final : public dir_reader {
         // stays delete-pending while this handle lives: tell it apart from a
         // real permission failure by asking the handle.
         if (out.error == ERROR_ACCESS_DENIED && delete_pending()) out.error = error_root_not_found;
+        // A remote folder whose server has no change notification.
+        out.permanent = out.error == ERROR_INVALID_FUNCTION;
       } else if (n == 0) {
         // The system's buffer overflowed: the changes of this interval are lost.
         out.what = read_outcome::kind::overflow;

@@ -57,6 +57,7 @@ class async_message_event {
   // How the reader ended, and its error (set before close()).
   read_outcome::kind ended = read_outcome::kind::cancelled;
   std::uint32_t error = 0;
+  bool permanent = false;
 
  private:
   std::mutex mutex_;
@@ -71,6 +72,7 @@ task<void> ReadChangesTask(std::shared_ptr<WatchData> w, std::shared_ptr<dir_rea
                            std::shared_ptr<async_message_event> queue) {
   read_outcome::kind end = read_outcome::kind::cancelled;
   std::uint32_t error = 0;
+  bool permanent = false;
   for (;;) {
     auto source = w->new_read_source();
     std::shared_ptr<read_outcome> batch;
@@ -89,12 +91,14 @@ task<void> ReadChangesTask(std::shared_ptr<WatchData> w, std::shared_ptr<dir_rea
     if (batch->what != read_outcome::kind::records) {
       end = batch->what;
       error = batch->error;
+      permanent = batch->permanent;
       break;
     }
     queue->push(std::move(batch));
   }
   queue->ended = end;
   queue->error = error;
+  queue->permanent = permanent;
   queue->close();
 }
 
@@ -342,9 +346,10 @@ task<void> WatchLoop(std::shared_ptr<WatchData> w, bool dir_mode) {
         if (queue->error == error_root_not_found) {
           if (!w->rootRemoved.exchange(true)) w->CancelPendingReads();
         } else {
-          // A root that opens but cannot be read (not a folder, a remote
-          // without change notification) says so on every attempt.
+          // A root that opens but cannot be read (not a folder) says so on
+          // every attempt; one that can never be read, once.
           HandleLastError(*w, queue->error);
+          if (queue->permanent) break;
         }
       }
       reopen = true;
