@@ -230,6 +230,24 @@ export interface ScanUpdate {
   dirs: FileObject[];
 }
 
+/** A folder the scan could not (wholly) list: its files, or some of them, are not in the updates. */
+export interface SkippedFolder {
+  /** The root exactly as it was passed, the platform's separator, the folder's path relative to the root (the root alone when the root could not be listed). */
+  path: string;
+  /** The platform's error number: errno on Linux (24 EMFILE, 2 ENOENT for a root), the Win32 error on Windows (3, 31, 206, ...); 0 when the walk itself failed. */
+  code: number;
+  /** The system's short text for `code` ("Too many open files"), prefixed for a listing that broke off part-way ("the listing stopped part-way: ...") or a failure of the walk itself ("the walk stopped: ..."). */
+  reason: string;
+}
+
+/** A folder not walked because it is one of its own ancestors (same volume and file id), reached through a link, junction or mount. No loss: its files are delivered under the ancestor. */
+export interface LoopedFolder {
+  /** Its path, formed as SkippedFolder.path. */
+  path: string;
+  /** The ancestor it leads back to, in the same form. */
+  sameAs: string;
+}
+
 /** The argument of the result callback, in this property order. */
 export interface ScanResult {
   /** totalFileCount reached 10,000,000 (the walk still goes on). */
@@ -240,6 +258,25 @@ export interface ScanResult {
   filteredFileCount: number;
   /** Files with both the hidden and the system attribute (Windows). */
   hiddenSystemFileCount: number;
+  /**
+   * True when `skippedFolders` is empty: every folder the walk reached was
+   * listed to its end, apart from folders that vanished during the scan or
+   * may not be listed (access denied), which are left out silently below
+   * the root. False means files may exist that the updates did not report:
+   * a caller that acts on missing files (deleting copies) must not.
+   */
+  complete: boolean;
+  /**
+   * Folders the walk could not list, or stopped listing part-way, each
+   * once, in the order met. The root is named whatever kept it from being
+   * listed (missing, not a folder, access denied, ...); a folder below it
+   * only for another reason than having vanished or being denied (a path
+   * past the system's limit, too many open files, an I/O error). The walk
+   * goes on after each.
+   */
+  skippedFolders: SkippedFolder[];
+  /** Folders not walked again because they lead back to an ancestor. Informational: they do not make the scan incomplete. */
+  loopedFolders: LoopedFolder[];
 }
 
 /** An extension filter: extensions without the dot; "" means "no extension". */
@@ -304,12 +341,15 @@ export type CloseScanFiles = () => void;
 
 /**
  * Walks `root` depth first. `update` receives batches (at most one per
- * ~100 ms of walking); `result` receives the counts once the walk is done.
- * After the returned function is called nothing more is delivered, not even
- * the result. Throws Error("Wrong arguments") for wrong argument types and
- * an Error naming the option and the expression for a regular expression
- * that does not compile; nothing is started then. A missing or unlistable
- * root gives no update and zero counts.
+ * ~100 ms of walking); `result` receives the counts once the walk is done,
+ * with what the walk could not cover. After the returned function is called
+ * nothing more is delivered, not even the result. Throws
+ * Error("Wrong arguments") for a wrong argument count as well as for wrong
+ * argument types (this export has no "Wrong number of arguments"), and an
+ * Error naming the option and the expression for a regular expression that
+ * does not compile; nothing is started then. A missing or unlistable root
+ * gives no update, zero counts, `complete: false` and the root in
+ * `skippedFolders`.
  */
 export function ScanAllSubFiles(
   root: string,

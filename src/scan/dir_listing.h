@@ -27,6 +27,29 @@ struct dir_entry {
   double birthtimeMs = 0;
 };
 
+// How opening a folder, or listing it to its end, went.
+enum class listing_status {
+  listed,   // opened; or, at the end of a listing, every entry was listed
+  missing,  // the folder is gone, or is no folder (any more)
+  denied,   // it may not be listed
+  busy,     // held by someone else for a moment (Windows: a sharing or lock violation): worth another try
+  failed,   // anything else: error() tells what
+};
+
+// Which folder a listing lists, whatever path led to it: the volume and the
+// file id (Linux: st_dev and st_ino; Windows: the volume serial number and
+// the 128-bit file id, or the 64-bit file index where that is all there is).
+// Two folders are the same when both ids are known and equal.
+struct folder_id {
+  std::uint64_t volume = 0;
+  std::uint64_t high = 0;
+  std::uint64_t low = 0;
+  bool known = false;
+  bool same_as(const folder_id& other) const noexcept {
+    return known && other.known && volume == other.volume && high == other.high && low == other.low;
+  }
+};
+
 class dir_listing {
  public:
   dir_listing() = default;
@@ -35,21 +58,44 @@ class dir_listing {
   dir_listing& operator=(const dir_listing&) = delete;
 
   // Opens the folder at `path`; `parent` (may be null) and `name` let Linux
-  // open it relative to its parent. False when the folder cannot be listed
-  // because it is missing or access is denied: it then ends silently. Any
-  // other failure throws std::system_error.
-  bool open(const native_string& path, const dir_listing* parent, native_string_view name, bool fast_metadata);
+  // open it relative to its parent. Anything but `listed` leaves nothing to
+  // list; error() then holds the platform's code.
+  listing_status open(const native_string& path, const dir_listing* parent, native_string_view name,
+                      bool fast_metadata);
   // The next entry, "." and ".." included where the system lists them;
-  // false at the end. The entry's name is valid until the next call.
+  // false at the end, or when the listing failed part-way (end_status()
+  // tells which). The entry's name is valid until the next call. Windows
+  // closes the folder then (its entries are queried by path); Linux keeps
+  // it open for the queries relative to it.
   bool next(dir_entry& entry);
+  // After next() returned false: `listed` when the listing reached its end,
+  // else why it stopped early (error() holds the code).
+  listing_status end_status() const noexcept { return end_; }
+  // The platform's error code (errno, or the Win32 error) of the last
+  // failure to open or to list; 0 when there was none.
+  int error() const noexcept { return error_; }
+  // The folder's identity, read from the open folder; unknown when the
+  // system would not say.
+  const folder_id& id() const noexcept { return id_; }
   // One metadata attempt for an entry of this folder (the default mode).
   query_outcome query(FileInfo& info, const dir_entry& entry) const { return query_name(info, entry.name); }
   // The same by name; `name` must end where a NUL follows (the end of a
   // std::string, or a name from next()). Safe from several threads.
   query_outcome query_name(FileInfo& info, native_string_view name) const;
 
+  // How the platform's error `code` counts for a folder being opened or
+  // listed.
+  static listing_status classify(int code) noexcept;
+  // The platform's short description of an error code.
+  static std::string describe(int code);
+
  private:
   void close() noexcept;
+  // Records a failure to list part-way; ends the listing.
+  void fail_listing(int code) noexcept;
+  listing_status end_ = listing_status::listed;
+  int error_ = 0;
+  folder_id id_;
 #ifdef _WIN32
   bool next_find(dir_entry& entry);
   bool next_fast(dir_entry& entry);

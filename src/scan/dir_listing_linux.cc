@@ -25,10 +25,40 @@ void dir_listing::close() noexcept {
   fd_ = -1;
 }
 
-bool dir_listing::open(const native_string& path, const dir_listing* parent, native_string_view name,
-                       bool fast_metadata) {
+listing_status dir_listing::classify(int code) noexcept {
+  switch (code) {
+    case ENOENT:
+    case ENOTDIR:
+    case ELOOP:  // a folder replaced by a link since it was listed (links are never opened below the root)
+      return listing_status::missing;
+    case EACCES:
+    case EPERM:
+      return listing_status::denied;
+    default:
+      return listing_status::failed;
+  }
+}
+
+std::string dir_listing::describe(int code) {
+  std::string text = std::generic_category().message(code);
+  while (!text.empty() && (text.back() == '.' || text.back() == '\n' || text.back() == '\r' || text.back() == ' ')) {
+    text.pop_back();
+  }
+  return text;
+}
+
+void dir_listing::fail_listing(int code) noexcept {
+  error_ = code;
+  end_ = classify(code);
+}
+
+listing_status dir_listing::open(const native_string& path, const dir_listing* parent, native_string_view name,
+                                 bool fast_metadata) {
   close();
   fast_ = fast_metadata;
+  end_ = listing_status::listed;
+  error_ = 0;
+  id_ = folder_id{};
   constexpr int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW;
   if (parent && parent->fd_ >= 0) {
     // Names come straight from readdir and are NUL-terminated.
@@ -38,24 +68,34 @@ bool dir_listing::open(const native_string& path, const dir_listing* parent, nat
     fd_ = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   }
   if (fd_ < 0) {
-    int error = errno;
-    if (error == ENOENT || error == ENOTDIR || error == EACCES || error == EPERM || error == ELOOP) return false;
-    throw std::system_error(error, std::generic_category(), "openat");
+    error_ = errno;
+    return classify(error_);
+  }
+  struct stat st;
+  if (::fstat(fd_, &st) == 0) {
+    id_.volume = static_cast<std::uint64_t>(st.st_dev);
+    id_.low = static_cast<std::uint64_t>(st.st_ino);
+    id_.known = true;
   }
   dir_ = fdopendir(fd_);
   if (!dir_) {
-    int error = errno;
+    error_ = errno;
     close();
-    throw std::system_error(error, std::generic_category(), "fdopendir");
+    return classify(error_);
   }
-  return true;
+  return listing_status::listed;
 }
 
 bool dir_listing::next(dir_entry& entry) {
   if (!dir_) return false;
   errno = 0;
   struct dirent64* d = readdir64(static_cast<DIR*>(dir_));
-  if (!d) return false;  // the end, or a failing read: either ends the folder
+  if (!d) {
+    // The end, or a failing read, which ends the folder's listing early.
+    // The folder stays open: queries of its entries still use it.
+    if (errno != 0) fail_listing(errno);
+    return false;
+  }
   entry = dir_entry{};
   entry.name = d->d_name;
   if (d->d_type == DT_UNKNOWN) {

@@ -50,41 +50,123 @@ void dir_listing::close() noexcept {
   handle_ = nullptr;
 }
 
-bool dir_listing::open(const native_string& path, const dir_listing* parent, native_string_view, bool fast_metadata) {
+listing_status dir_listing::classify(int code) noexcept {
+  switch (static_cast<DWORD>(code)) {
+    case ERROR_FILE_NOT_FOUND:
+    case ERROR_PATH_NOT_FOUND:
+    case ERROR_DIRECTORY:       // no folder (any more)
+    case ERROR_DELETE_PENDING:  // being deleted
+      return listing_status::missing;
+    case ERROR_ACCESS_DENIED:
+      return listing_status::denied;
+    case ERROR_SHARING_VIOLATION:  // being renamed or deleted, or held by a scanner
+    case ERROR_LOCK_VIOLATION:
+      return listing_status::busy;
+    default:
+      return listing_status::failed;
+  }
+}
+
+std::string dir_listing::describe(int code) {
+  std::string text = std::system_category().message(code);
+  while (!text.empty() && (text.back() == '.' || text.back() == '\n' || text.back() == '\r' || text.back() == ' ')) {
+    text.pop_back();
+  }
+  return text;
+}
+
+void dir_listing::fail_listing(int code) noexcept {
+  error_ = code;
+  end_ = classify(code);
+  done_ = true;
+}
+
+namespace {
+
+// The identity of the folder open in `h`: the volume serial number with the
+// 128-bit file id, or, where the system does not give that (before Windows
+// 8, some file systems), with the 64-bit file index. False when what is
+// open is no folder (a folder replaced by a file, or a root that is a file).
+bool identify(HANDLE h, folder_id& id) {
+  id = folder_id{};
+  BY_HANDLE_FILE_INFORMATION basic{};
+  if (!GetFileInformationByHandle(h, &basic)) return true;  // no identity, but maybe a folder
+  if (!(basic.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) return false;
+  id.volume = basic.dwVolumeSerialNumber;
+  id.low = (static_cast<std::uint64_t>(basic.nFileIndexHigh) << 32) | basic.nFileIndexLow;
+  FILE_ID_INFO info{};
+  if (GetFileInformationByHandleEx(h, FileIdInfo, &info, sizeof info)) {
+    std::memcpy(&id.low, info.FileId.Identifier, sizeof id.low);
+    std::memcpy(&id.high, info.FileId.Identifier + sizeof id.low, sizeof id.high);
+    id.volume = info.VolumeSerialNumber;
+  }
+  // A file system without file ids gives zero for all of them: no identity.
+  id.known = id.low != 0 || id.high != 0;
+  return true;
+}
+
+}  // namespace
+
+listing_status dir_listing::open(const native_string& path, const dir_listing* parent, native_string_view,
+                                 bool fast_metadata) {
   close();
   fast_ = fast_metadata;
   first_ = true;
   done_ = false;
+  end_ = listing_status::listed;
+  error_ = 0;
+  id_ = folder_id{};
   std::wstring long_path = long_path_form(path);
   if (!fast_) {
+    // The listing gives no handle to ask for the folder's identity: a
+    // handle opened for its attributes does. A link or junction is followed
+    // to the folder it stands for. A folder that is gone ends here; any
+    // other failure is left to the listing below, which may still work.
+    HANDLE folder =
+        CreateFileW(long_path.c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                    nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (folder != INVALID_HANDLE_VALUE) {
+      bool is_folder = identify(folder, id_);
+      CloseHandle(folder);
+      if (!is_folder) {
+        error_ = ERROR_DIRECTORY;
+        return listing_status::missing;
+      }
+    } else if (DWORD error = GetLastError(); classify(static_cast<int>(error)) == listing_status::missing) {
+      error_ = static_cast<int>(error);
+      return listing_status::missing;
+    }
     find_data_.resize(sizeof(WIN32_FIND_DATAW));
     std::wstring pattern = long_path + (long_path.back() == L'\\' ? L"*" : L"\\*");
     HANDLE h = FindFirstFileExW(pattern.c_str(), FindExInfoBasic, find_data_.data(), FindExSearchNameMatch, nullptr,
                                 FIND_FIRST_EX_LARGE_FETCH);
     if (h == INVALID_HANDLE_VALUE) {
       DWORD error = GetLastError();
-      if (error == ERROR_PATH_NOT_FOUND || error == ERROR_ACCESS_DENIED) return false;
-      if (error == ERROR_NO_MORE_FILES) {
+      if (error == ERROR_NO_MORE_FILES || error == ERROR_FILE_NOT_FOUND) {
+        // Nothing matched "*": a folder without entries (not even "." and
+        // "..", as at the root of a drive).
         done_ = true;
-        return true;
+        return listing_status::listed;
       }
-      throw std::system_error(static_cast<int>(error), std::system_category(), "FindFirstFileExW");
+      error_ = static_cast<int>(error);
+      return classify(error_);
     }
     handle_ = h;
-    return true;
+    return listing_status::listed;
   }
 
   HANDLE h = CreateFileW(long_path.c_str(), FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                          nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
   if (h == INVALID_HANDLE_VALUE) {
-    DWORD error = GetLastError();
-    if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND || error == ERROR_ACCESS_DENIED ||
-        error == ERROR_DIRECTORY) {
-      return false;
-    }
-    throw std::system_error(static_cast<int>(error), std::system_category(), "CreateFileW");
+    error_ = static_cast<int>(GetLastError());
+    return classify(error_);
   }
   handle_ = h;
+  if (!identify(h, id_)) {
+    close();
+    error_ = ERROR_DIRECTORY;
+    return listing_status::missing;
+  }
   if (parent) {
     info_class_ = parent->info_class_;
   } else {
@@ -97,19 +179,26 @@ bool dir_listing::open(const native_string& path, const dir_listing* parent, nat
   }
   buffer_.assign(fast_buffer_bytes / sizeof(std::uint64_t), 0);
   offset_ = 0;
-  return true;
+  return listing_status::listed;
 }
 
 bool dir_listing::next(dir_entry& entry) {
   if (!handle_ || done_) return false;
-  return fast_ ? next_fast(entry) : next_find(entry);
+  if (fast_ ? next_fast(entry) : next_find(entry)) return true;
+  // The listing is over. Its entries are queried by their paths, so the
+  // folder is let go at once: while they wait, it can be renamed or deleted
+  // like any folder nobody has open.
+  close();
+  return false;
 }
 
 bool dir_listing::next_find(dir_entry& entry) {
   auto* data = reinterpret_cast<WIN32_FIND_DATAW*>(find_data_.data());
   if (!first_) {
     if (!FindNextFileW(handle_, data)) {
-      done_ = true;  // the end, or a failure: either ends the folder
+      DWORD error = GetLastError();
+      done_ = true;
+      if (error != ERROR_NO_MORE_FILES) fail_listing(static_cast<int>(error));  // ends the folder early
       return false;
     }
   }
@@ -125,7 +214,11 @@ bool dir_listing::fetch_fast() {
   auto* bytes = reinterpret_cast<unsigned char*>(buffer_.data());
   auto cls = static_cast<FILE_INFO_BY_HANDLE_CLASS>(info_class_);
   if (!GetFileInformationByHandleEx(handle_, cls, bytes, static_cast<DWORD>(buffer_.size() * sizeof(std::uint64_t)))) {
-    done_ = true;  // ERROR_NO_MORE_FILES at the end; any failure ends the folder
+    DWORD error = GetLastError();
+    done_ = true;
+    // The end: no more entries, or none at all on the first read.
+    bool end = error == ERROR_NO_MORE_FILES || (first_ && error == ERROR_FILE_NOT_FOUND);
+    if (!end) fail_listing(static_cast<int>(error));  // ends the folder early
     return false;
   }
   offset_ = 0;

@@ -94,7 +94,9 @@ query_outcome query_file_info(FileInfo& info) {
   DWORD error = h == INVALID_HANDLE_VALUE ? GetLastError() : 0;
   record_call_stat("CreateFileW", "FillFileInfoAsync", elapsed_ms(start), static_cast<std::int32_t>(error));
   if (h == INVALID_HANDLE_VALUE) {
-    if (error == ERROR_FILE_NOT_FOUND) return query_outcome::missing;
+    // Gone: the entry itself, or a folder on its path (deleted while its
+    // entries waited for their query).
+    if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) return query_outcome::missing;
     if (error == ERROR_ACCESS_DENIED) return query_outcome::denied;
     log::wout(L"FillFileInfoAsync: CreateFileW(" + info.native_path + L")failed, error code: " +
               std::to_wstring(error));

@@ -129,6 +129,27 @@ void scan_session::deliver_result() {
   result.Set("totalFileCount", Napi::Number::New(env, static_cast<double>(total)));
   result.Set("filteredFileCount", Napi::Number::New(env, static_cast<double>(d.filteredFileCount.load())));
   result.Set("hiddenSystemFileCount", Napi::Number::New(env, static_cast<double>(d.hiddenSystemFileCount.load())));
+  // What the walk could not cover, after the counts.
+  result.Set("complete", Napi::Boolean::New(env, d.complete()));
+  std::vector<skipped_folder> skipped = d.skipped_folders();
+  Napi::Array skipped_array = Napi::Array::New(env, skipped.size());
+  for (std::size_t i = 0; i < skipped.size(); ++i) {
+    Napi::Object entry = Napi::Object::New(env);
+    entry.Set("path", Napi::String::New(env, skipped[i].path));
+    entry.Set("code", Napi::Number::New(env, skipped[i].code));
+    entry.Set("reason", Napi::String::New(env, skipped[i].reason));
+    skipped_array.Set(static_cast<std::uint32_t>(i), entry);
+  }
+  result.Set("skippedFolders", skipped_array);
+  std::vector<looped_folder> looped = d.looped_folders();
+  Napi::Array looped_array = Napi::Array::New(env, looped.size());
+  for (std::size_t i = 0; i < looped.size(); ++i) {
+    Napi::Object entry = Napi::Object::New(env);
+    entry.Set("path", Napi::String::New(env, looped[i].path));
+    entry.Set("sameAs", Napi::String::New(env, looped[i].same_as));
+    looped_array.Set(static_cast<std::uint32_t>(i), entry);
+  }
+  result.Set("loopedFolders", looped_array);
   call(result_, result, "Caught Napi::Error in ScanFileResult: ");
 }
 
@@ -138,12 +159,14 @@ task<void> walk_task(std::shared_ptr<ScanData> data) {
   // A named awaiter: GCC 12 destroys the captures of a lambda written
   // inside a co_await expression twice.
   auto walk = on_own_thread([data] {
+    // run_walk accounts for its own failures; whatever escapes it still
+    // makes the result say the scan is incomplete.
     try {
       run_walk(data);
     } catch (const std::exception& e) {
-      log::err_value("ScanAllSubFiles: the walk stopped: ", e.what());
+      data->add_skipped({}, 0, std::string("the walk stopped: ") + e.what());
     } catch (...) {
-      log::err("ScanAllSubFiles: the walk stopped: unknown error");
+      data->add_skipped({}, 0, "the walk stopped: unknown error");
     }
     data->end_work();
   });

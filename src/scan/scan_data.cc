@@ -90,6 +90,54 @@ void ScanData::release_backlog(std::size_t count) {
   backlog_drained_.notify_all();
 }
 
+std::string ScanData::script_path(native_string_view relative) const {
+  std::string path = root_utf8;
+  if (relative.empty()) return path;
+  bool separated = !path.empty() && (path.back() == '/' || path.back() == static_cast<char>(native_separator));
+  if (!separated) path.push_back(static_cast<char>(native_separator));
+  path += native_to_utf8(relative);
+  return path;
+}
+
+void ScanData::add_skipped(native_string_view relative, int code, std::string reason) {
+  std::string path = script_path(relative);
+  std::string line_reason = reason;
+  std::size_t count;
+  {
+    std::lock_guard lock(account_mutex_);
+    if (!accounted_.insert(path).second) return;
+    skipped_.push_back({path, code, std::move(reason)});
+    count = skipped_.size();
+  }
+  if (count <= logged_skip_limit) {
+    log::err("ScanAllSubFiles: skipped " + path + ": " + line_reason + " (error " + std::to_string(code) + ")");
+  } else if (count == logged_skip_limit + 1) {
+    log::err("ScanAllSubFiles: more folders skipped; the result names them all");
+  }
+}
+
+void ScanData::add_looped(native_string_view relative, native_string_view same_as) {
+  std::string path = script_path(relative);
+  std::lock_guard lock(account_mutex_);
+  if (!accounted_.insert(path).second) return;
+  looped_.push_back({path, script_path(same_as)});
+}
+
+std::vector<skipped_folder> ScanData::skipped_folders() const {
+  std::lock_guard lock(account_mutex_);
+  return skipped_;
+}
+
+std::vector<looped_folder> ScanData::looped_folders() const {
+  std::lock_guard lock(account_mutex_);
+  return looped_;
+}
+
+bool ScanData::complete() const {
+  std::lock_guard lock(account_mutex_);
+  return skipped_.empty();
+}
+
 void ScanData::end_work() {
   if (work_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
     finished_.store(true, std::memory_order_release);

@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "file_info.h"
@@ -22,6 +23,20 @@ struct scan_update {
   std::vector<FileInfo> files;
   std::vector<FileInfo> folders;
   std::uint64_t size = 0;  // sum of the files' sizes
+};
+
+// A folder whose entries the scan could not (all) list.
+struct skipped_folder {
+  std::string path;  // the root as script gave it, a separator, the relative path
+  int code = 0;      // the platform's error code (errno, or the Win32 error); 0 when there is none
+  std::string reason;
+};
+
+// A folder not walked because it is one of its own ancestors, reached again
+// through a link, a junction or a mount.
+struct looped_folder {
+  std::string path;     // as skipped_folder::path
+  std::string same_as;  // the ancestor it leads back to, in the same form
 };
 
 class ScanData {
@@ -86,6 +101,23 @@ class ScanData {
   // Set when records wait for an update, and when the scan has finished.
   async_auto_reset_event batch_ready;
 
+  // The walk's account of what it could not cover. `relative` is the
+  // folder's path below the root (empty: the root itself). A folder is
+  // named once however often it is met (fine-grained rules walk shared
+  // folders again). Each skip also writes one line to standard error, the
+  // first few per scan only.
+  void add_skipped(native_string_view relative, int code, std::string reason);
+  void add_looped(native_string_view relative, native_string_view same_as);
+  // Read once the scan has finished.
+  std::vector<skipped_folder> skipped_folders() const;
+  std::vector<looped_folder> looped_folders() const;
+  // True when no folder was skipped: every folder the walk reached was
+  // listed to its end (folders that vanished or may not be listed aside).
+  bool complete() const;
+  // The path of a folder below the root as script sees it.
+  std::string script_path(native_string_view relative) const;
+  static constexpr std::size_t logged_skip_limit = 10;
+
  private:
   std::shared_ptr<std::atomic<bool>> stop_ = std::make_shared<std::atomic<bool>>(false);
   std::atomic<int> work_{0};
@@ -96,6 +128,11 @@ class ScanData {
   std::vector<FileInfo> files_;
   std::vector<FileInfo> folders_;
   std::uint64_t collected_size_ = 0;
+
+  mutable std::mutex account_mutex_;
+  std::vector<skipped_folder> skipped_;
+  std::vector<looped_folder> looped_;
+  std::unordered_set<std::string> accounted_;  // paths in either list
 
   std::mutex backlog_mutex_;
   std::condition_variable backlog_drained_;

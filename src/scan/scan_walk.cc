@@ -3,6 +3,9 @@
 #include <chrono>
 #include <coroutine>
 #include <exception>
+#include <system_error>
+#include <thread>
+#include <vector>
 
 #include "dir_listing.h"
 #include "leave_list.h"
@@ -75,6 +78,16 @@ struct frame {
   native_string name;
 };
 
+// Attempts at opening a folder that is busy, and the wait between them.
+constexpr int busy_attempts = 5;
+constexpr std::chrono::milliseconds busy_wait{50};
+
+// A folder on the way from the root to the folder being listed.
+struct ancestor {
+  folder_id id;
+  std::size_t path_size = 0;  // its path is path_ up to here
+};
+
 class walker {
  public:
   explicit walker(const std::shared_ptr<ScanData>& scan)
@@ -97,15 +110,21 @@ class walker {
   void run() {
     if (!f_.fine_grained()) {
       auto root = open_root();
-      if (root) walk_tree(std::move(root), nullptr);
+      if (!root) return;
+      ancestors_.push_back({root->id(), path_.size()});
+      walk_tree(std::move(root), nullptr);
+      ancestors_.clear();
       return;
     }
     for (auto& rule : f_.rules) {
       rule.compile();
       auto root = open_root();
       if (!root) return;  // the root cannot be listed: no rule finds anything
+      ancestors_.assign(1, {root->id(), path_.size()});
       dir_listing& listing = *root;
-      if (!descend(listing, std::move(root), 0, rule)) return;
+      bool go_on = descend(listing, std::move(root), 0, rule);
+      ancestors_.clear();
+      if (!go_on) return;
     }
   }
 
@@ -115,10 +134,49 @@ class walker {
   }
 
   std::shared_ptr<dir_listing> open_root() {
-    auto dir = std::make_shared<dir_listing>();
     path_.resize(scan_->root.size());
-    if (!dir->open(path_, nullptr, {}, f_.fastMetadata)) return nullptr;
+    return open_folder(nullptr, {});
+  }
+
+  // Opens the folder at path_ (the root when `parent` is null). Null when
+  // there is nothing to walk there: the folder cannot be listed, or it is
+  // one of its own ancestors (a link, junction or mount leading back up).
+  // The root is accounted for whatever stopped it; a folder below it only
+  // for a failure other than being gone or denied, which stays silent.
+  std::shared_ptr<dir_listing> open_folder(const dir_listing* parent, native_string_view name) {
+    auto dir = std::make_shared<dir_listing>();
+    listing_status status = dir->open(path_, parent, name, f_.fastMetadata);
+    // A folder held by someone else for a moment (being renamed or deleted
+    // right now) is tried again a few times before it counts as a failure.
+    for (int attempt = 1; status == listing_status::busy && attempt < busy_attempts && !scan_->stopped(); ++attempt) {
+      std::this_thread::sleep_for(busy_wait);
+      status = dir->open(path_, parent, name, f_.fastMetadata);
+    }
+    if (status == listing_status::busy) status = listing_status::failed;
+    if (status != listing_status::listed) {
+      if (!parent || status == listing_status::failed) {
+        scan_->add_skipped(relative_at(path_.size()), dir->error(), dir_listing::describe(dir->error()));
+      }
+      return nullptr;
+    }
+    for (const ancestor& a : ancestors_) {
+      if (a.id.same_as(dir->id())) {
+        scan_->add_looped(relative_at(path_.size()), relative_at(a.path_size));
+        return nullptr;
+      }
+    }
     return dir;
+  }
+
+  // After a folder's listing ended: a listing that broke off for a reason
+  // other than the folder going away or being denied is accounted for.
+  // True when every entry was listed.
+  bool finish_listing(const dir_listing& dir, std::size_t path_size) {
+    if (dir.end_status() == listing_status::failed || dir.end_status() == listing_status::busy) {
+      scan_->add_skipped(relative_at(path_size), dir.error(),
+                         "the listing stopped part-way: " + dir_listing::describe(dir.error()));
+    }
+    return dir.end_status() == listing_status::listed;
   }
 
   // Appends a separator and `name` to the path; returns where the name starts.
@@ -129,7 +187,13 @@ class walker {
     return at;
   }
 
-  native_string_view relative() const { return native_string_view(path_).substr(rel_offset_); }
+  native_string_view relative() const { return relative_at(path_.size()); }
+  // The relative path of the folder whose path is path_ up to `path_size`
+  // (empty for the root).
+  native_string_view relative_at(std::size_t path_size) const {
+    if (path_size <= rel_offset_) return {};
+    return native_string_view(path_).substr(rel_offset_, path_size - rel_offset_);
+  }
 
   // The fine-grained descent: at `depth` the folder's sub-folders must fully
   // match the rule's expression for that depth; when the list is used up the
@@ -145,21 +209,25 @@ class walker {
       push_name(e.name);
       bool go_on = true;
       if (!leave_dirs_.contains(relative())) {
-        auto child = std::make_shared<dir_listing>();
-        if (child->open(path_, &dir, e.name, f_.fastMetadata)) {
+        if (auto child = open_folder(&dir, e.name)) {
           dir_listing& ref = *child;
+          ancestors_.push_back({child->id(), path_.size()});
           go_on = descend(ref, std::move(child), depth + 1, rule);
+          ancestors_.pop_back();
         }
       }
       path_.resize(saved);
       if (!go_on) return false;
     }
+    finish_listing(dir, saved);
     return true;
   }
 
-  // Walks the folder open in `root` (whose path is path_) and everything
-  // beneath it, depth first, without recursion. False when the scan stopped.
+  // Walks the folder open in `root` (whose path is path_, and which is the
+  // last of ancestors_) and everything beneath it, depth first, without
+  // recursion. False when the scan stopped.
   bool walk_tree(std::shared_ptr<dir_listing> root, ScanRule* rule) {
+    const std::size_t base = ancestors_.size();
     std::vector<frame> stack;
     stack.emplace_back();
     stack.back().dir = std::move(root);
@@ -168,9 +236,12 @@ class walker {
     while (!stack.empty()) {
       frame& top = stack.back();
       if (!top.dir->next(e)) {
+        bool listed_whole = finish_listing(*top.dir, top.path_size);
         frame done = std::move(stack.back());
         stack.pop_back();
-        if (done.report_if_empty && !done.had_entries && !stack.empty()) {
+        if (!stack.empty()) ancestors_.pop_back();
+        // Only a folder listed to its end is known to be empty.
+        if (done.report_if_empty && !done.had_entries && listed_whole && !stack.empty()) {
           path_.resize(stack.back().path_size);
           std::size_t at = push_name(done.name);
           done.entry.name = done.name;
@@ -181,7 +252,10 @@ class walker {
       }
       if (is_dot_name(e.name)) continue;
       top.had_entries = true;
-      if (scan_->stopped()) return false;
+      if (scan_->stopped()) {
+        ancestors_.resize(base);
+        return false;
+      }
       path_.resize(top.path_size);
       std::size_t name_offset = push_name(e.name);
       if (!e.is_dir) {
@@ -190,8 +264,9 @@ class walker {
       }
       if (ignoreDir(f_, e.name) || leave_dirs_.contains(relative())) continue;
       if (f_.needDirs) produce(top.dir, e, name_offset);
-      auto child = std::make_shared<dir_listing>();
-      if (!child->open(path_, top.dir.get(), e.name, f_.fastMetadata)) continue;
+      auto child = open_folder(top.dir.get(), e.name);
+      if (!child) continue;
+      ancestors_.push_back({child->id(), path_.size()});
       frame next;
       next.dir = std::move(child);
       next.path_size = path_.size();
@@ -248,6 +323,7 @@ class walker {
 
   std::shared_ptr<ScanData> scan_;
   std::unique_ptr<stat_pipeline> pipeline_;
+  std::vector<ancestor> ancestors_;
   ScanFilters& f_;
   leave_list leave_dirs_;
   leave_list leave_files_;
@@ -258,7 +334,16 @@ class walker {
 }  // namespace
 
 void run_walk(const std::shared_ptr<ScanData>& scan) {
-  walker(scan).run();
+  // A failure of the walk itself (not of one folder's listing, which only
+  // skips that folder) ends it; it is accounted to the root, so the result
+  // says the scan is incomplete.
+  try {
+    walker(scan).run();
+  } catch (const std::system_error& e) {
+    scan->add_skipped({}, e.code().value(), std::string("the walk stopped: ") + e.what());
+  } catch (const std::exception& e) {
+    scan->add_skipped({}, 0, std::string("the walk stopped: ") + e.what());
+  }
 }
 
 }  // namespace ostrel::scan

@@ -11,9 +11,13 @@ namespace ostrel::scan {
 
 // Walks the scan's tree on the calling thread (the fine-grained walk when
 // the scan has rules). Returns when the tree is done or the scan stopped.
-// Throws std::system_error when a folder cannot be listed for a reason other
-// than being missing or denied. Metadata retries outlive the call: each is
-// one piece of the scan's work (ScanData::begin_work/end_work).
+// A folder that cannot be listed is skipped and the walk goes on; the scan
+// accounts for it (ScanData::add_skipped) unless it went away or may not be
+// listed (the root is accounted for whatever the reason). A folder that
+// is one of its own ancestors (the same volume and file id, reached through
+// a link, junction or mount) is not walked again (ScanData::add_looped).
+// Metadata retries outlive the call: each is one piece of the scan's work
+// (ScanData::begin_work/end_work).
 void run_walk(const std::shared_ptr<ScanData>& scan);
 
 // The walk's form of the root: absolute, normalised, without a trailing

@@ -1,18 +1,54 @@
 'use strict';
 // The walk: a missing root, "." and "..", folders in "dirs" on request,
-// empty folders, and the result object.
+// empty folders, the result object, folders that lead back to an ancestor
+// and folders that cannot be listed.
 const test = require('node:test');
 const assert = require('node:assert/strict');
+const fs = require('fs');
 const path = require('path');
+const { spawnSync } = require('child_process');
+const { isWindows, root: repoRoot, buildDir } = require('./helpers');
 const { scan, makeTree, removeTree, relPaths } = require('./scan-fixture');
 
-test('a root that does not exist, or is a file, ends silently with zero counts', async (t) => {
+const COUNTS = ['fileCountBeyondLimit', 'totalFileCount', 'filteredFileCount', 'hiddenSystemFileCount'];
+// node.exe under Wine: Wine passes its own variables on to the Windows process.
+const underWine = isWindows && Boolean(process.env.WINELOADER);
+
+test('the result holds the four counts first, then what the walk could not cover', async (t) => {
+  const root = makeTree({ files: { 'a.txt': '', 'sub/b.txt': '' } });
+  t.after(() => removeTree(root));
+  const { result } = await scan(root);
+  assert.deepEqual(Object.keys(result), [...COUNTS, 'complete', 'skippedFolders', 'loopedFolders']);
+  assert.deepEqual(result, {
+    fileCountBeyondLimit: false,
+    totalFileCount: 2,
+    filteredFileCount: 0,
+    hiddenSystemFileCount: 0,
+    complete: true,
+    skippedFolders: [],
+    loopedFolders: [],
+  });
+});
+
+test('a root that does not exist, or is a file, gives no update, zero counts and an incomplete scan naming it', async (t) => {
   const root = makeTree({ files: { 'f.txt': '' } });
   t.after(() => removeTree(root));
-  for (const missing of [path.join(root, 'nope'), path.join(root, 'nope', 'deeper'), path.join(root, 'f.txt')]) {
-    const { updates, result } = await scan(missing);
-    assert.equal(updates.length, 0);
-    assert.deepEqual(result, { fileCountBeyondLimit: false, totalFileCount: 0, filteredFileCount: 0, hiddenSystemFileCount: 0 });
+  const cases = [
+    ['missing', path.join(root, 'nope'), isWindows ? [2, 3] : [2]],
+    ['missing parent', path.join(root, 'nope', 'deeper'), isWindows ? [2, 3] : [2]],
+    ['a file', path.join(root, 'f.txt'), isWindows ? [267] : [20]],
+  ];
+  for (const [what, given, codes] of cases) {
+    const { updates, result } = await scan(given);
+    assert.equal(updates.length, 0, what);
+    assert.deepEqual(COUNTS.map((k) => result[k]), [false, 0, 0, 0], what);
+    assert.equal(result.complete, false, what);
+    assert.equal(result.skippedFolders.length, 1, what);
+    const [skipped] = result.skippedFolders;
+    assert.equal(skipped.path, given, what);
+    assert.ok(codes.includes(skipped.code), `${what}: code ${skipped.code}`);
+    assert.equal(typeof skipped.reason, 'string');
+    assert.ok(skipped.reason.length > 0, what);
   }
 });
 
@@ -53,4 +89,228 @@ test('walk', async (t) => {
     assert.deepEqual(relPaths(nodes), ['.dotdir/d.txt', 'a.txt']);
     assert.ok(!dirs.some((d) => d.name === 'sub' || d.name === 'inner'));
   });
+});
+
+// ------------------------------------------------------------ link loops --
+// A tree whose folders lead back up: a/up is the root again, b/c/back too
+// (two levels up). The links are relative, so the tree reads the same from
+// any form of its path.
+const LOOP_FILES = ['a/f.txt', 'b/c/h.txt', 'g.txt'];
+const LOOP_LINKS = { 'a/up': '..', 'b/c/back': '../..' };
+// Made by the native run for the Wine run: node.exe under Wine can make
+// neither junctions nor symbolic links.
+const LOOP_FIXTURE = path.join(repoRoot, 'build', 'test-fixtures', 'link-loop');
+
+// Wine shows a Unix link to a folder as a plain folder, so the native
+// fixture is only checked for being there (`made` false).
+function linksWork(dir, made = true) {
+  return Object.keys(LOOP_LINKS).every((rel) => {
+    const link = path.join(dir, ...rel.split('/'));
+    try {
+      return (!made || fs.lstatSync(link).isSymbolicLink()) && fs.statSync(link).isDirectory();
+    } catch {
+      return false;
+    }
+  });
+}
+
+function writeLoopTree(dir) {
+  fs.rmSync(dir, { recursive: true, force: true });
+  for (const rel of LOOP_FILES) {
+    const file = path.join(dir, ...rel.split('/'));
+    fs.mkdirSync(path.dirname(file), { recursive: true });
+    fs.writeFileSync(file, rel);
+  }
+  for (const [rel, target] of Object.entries(LOOP_LINKS)) {
+    const link = path.join(dir, ...rel.split('/'));
+    const attempts = isWindows ? [['junction', path.resolve(path.dirname(link), target)], ['dir', target]] : [['dir', target]];
+    for (const [type, to] of attempts) {
+      try {
+        fs.symlinkSync(to, link, type);
+        if (linksWork(dir) || fs.existsSync(link)) break;
+      } catch {
+        // try the next kind of link
+      }
+    }
+  }
+  return linksWork(dir);
+}
+
+// The loop tree, or null when this platform cannot make one (Wine) and the
+// native run has not left one behind.
+function loopTree(t) {
+  const own = makeTree();
+  t.after(() => removeTree(own));
+  if (writeLoopTree(own)) {
+    // Leave a copy for the Wine run.
+    if (!isWindows) writeLoopTree(LOOP_FIXTURE);
+    return own;
+  }
+  if (linksWork(LOOP_FIXTURE, false)) return LOOP_FIXTURE;
+  t.skip(`no links here and no ${LOOP_FIXTURE} (the native run of this suite makes it)`);
+  return null;
+}
+
+test('a folder that leads back to one of its ancestors is not walked again', async (t) => {
+  const dir = loopTree(t);
+  if (!dir) return;
+  for (const fastMetadata of [false, true]) {
+    const what = fastMetadata ? 'fast' : 'default';
+    const { nodes, result } = await scan(dir, { fastMetadata });
+    // Linux never walks into a link; the fast mode reports a link itself,
+    // which is no folder, among the files.
+    const links = !isWindows && fastMetadata ? Object.keys(LOOP_LINKS) : [];
+    assert.deepEqual(relPaths(nodes), [...LOOP_FILES, ...links].sort(), `${what}: every file exactly once`);
+    assert.equal(result.complete, true, what);
+    assert.deepEqual(result.skippedFolders, [], what);
+    const looped = [...result.loopedFolders].sort((x, y) => x.path.localeCompare(y.path));
+    if (isWindows) {
+      // Windows walks into what the listing marks as a folder, so it meets
+      // both links and stops at each.
+      const expected = Object.keys(LOOP_LINKS).map((rel) => ({ path: path.join(dir, ...rel.split('/')), sameAs: dir }));
+      assert.deepEqual(looped, expected, what);
+    } else {
+      assert.deepEqual(looped, [], what);
+    }
+  }
+});
+
+// A real loop that Linux walks into: the root bind-mounted on one of its own
+// folders, in a private mount namespace of a child process.
+test('a folder mounted inside its own tree is walked once (Linux)', { skip: isWindows && 'Linux only' }, (t) => {
+  const probe = spawnSync('unshare', ['-m', 'true']);
+  if (probe.status !== 0) {
+    t.skip('needs unshare -m (root)');
+    return;
+  }
+  const root = makeTree({ files: { 'a/f.txt': '', 'b/g.txt': '', 'top.txt': '' }, folders: ['a/mount'] });
+  t.after(() => removeTree(root));
+  const source = `process.env.OSTREL_BUILD_DIR = ${JSON.stringify(buildDir())};
+    const ostrel = require(${JSON.stringify(repoRoot)});
+    const files = [];
+    ostrel.ScanAllSubFiles(process.argv[1], (u) => files.push(...u.nodes.map((n) => n.relativePath)),
+      (r) => console.log('RESULT ' + JSON.stringify({ files, r })), { needDirs: true });`;
+  const r = spawnSync(
+    'unshare',
+    ['-m', 'sh', '-c', 'mount --bind "$1" "$1/a/mount" && exec "$2" -e "$3" "$1"', 'sh', root, process.execPath, source],
+    { encoding: 'utf8', timeout: 60000 },
+  );
+  const line = (r.stdout || '').split('\n').find((l) => l.startsWith('RESULT '));
+  assert.ok(line, `status ${r.status}: ${r.stdout} ${r.stderr}`);
+  const { files, r: result } = JSON.parse(line.slice(7));
+  assert.deepEqual(files.sort(), ['a/f.txt', 'b/g.txt', 'top.txt']);
+  assert.equal(result.complete, true);
+  assert.deepEqual(result.loopedFolders, [{ path: path.join(root, 'a', 'mount'), sameAs: root }]);
+});
+
+// ----------------------------------------------- folders that cannot be listed --
+// Every file of `files` (paths relative to root) is either delivered or lies
+// beneath a folder the result names: nothing is lost silently.
+function assertAccountedFor(root, files, nodes, result) {
+  const delivered = new Set(relPaths(nodes));
+  const skipped = result.skippedFolders.map((s) => s.path + path.sep);
+  for (const rel of files) {
+    const full = path.join(root, ...rel.split('/'));
+    const beneath = skipped.some((p) => full.startsWith(p));
+    assert.ok(delivered.has(rel) !== beneath, `${rel}: delivered ${delivered.has(rel)}, beneath a skipped folder ${beneath}`);
+  }
+  assert.equal(result.complete, result.skippedFolders.length === 0);
+}
+
+// A chain of folders whose names are long, made under a short name and then
+// renamed to a long one, so that its deepest folders lie past the longest
+// path the file system calls take. On Linux the walk opens each folder
+// relative to its parent and lists them all; under Wine, whose paths become
+// Unix paths of at most 4,096 bytes, the deepest cannot be listed.
+test('a folder nested past the path limit is listed or named, and the walk goes on', async (t) => {
+  const base = makeTree({ files: { 'before.txt': '', 'zafter/after.txt': '' } });
+  const long = (i) => `d${i}_`.padEnd(240, 'x');
+  const short = path.join(base, 't');
+  const renamed = path.join(base, long(99));
+  t.after(() => {
+    // Back to the short name first: the long paths cannot be removed.
+    try {
+      fs.renameSync(renamed, short);
+    } catch {
+      // not renamed yet
+    }
+    removeTree(base);
+  });
+  const files = ['before.txt', 'zafter/after.txt'];
+  fs.mkdirSync(short);
+  fs.writeFileSync(path.join(short, 'top.txt'), '');
+  files.push(`${long(99)}/top.txt`);
+  let dir = short;
+  let rel = long(99);
+  for (let i = 0; i < 20; i++) {
+    const next = path.join(dir, long(i));
+    try {
+      fs.mkdirSync(next);
+    } catch {
+      break;  // the path limit of the system calls
+    }
+    try {
+      fs.writeFileSync(path.join(next, 'f.txt'), '');
+    } catch {
+      fs.rmdirSync(next);
+      break;
+    }
+    dir = next;
+    rel += `/${long(i)}`;
+    files.push(`${rel}/f.txt`);
+  }
+  fs.renameSync(short, renamed);
+  const { nodes, result } = await scan(base);
+  assertAccountedFor(base, files, nodes, result);
+  assert.deepEqual(result.loopedFolders, []);
+  if (underWine) {
+    assert.equal(result.complete, false);
+    assert.equal(result.skippedFolders.length, 1, JSON.stringify(result.skippedFolders));
+    const [skipped] = result.skippedFolders;
+    assert.ok(skipped.path.startsWith(renamed + path.sep), skipped.path);
+    assert.ok(Number.isInteger(skipped.code) && skipped.code > 0, String(skipped.code));
+    assert.ok(skipped.reason.length > 0);
+    assert.ok(nodes.length >= 4, 'the files before the limit and the other folders are delivered');
+  } else {
+    assert.equal(result.complete, true, JSON.stringify(result.skippedFolders));
+    assert.equal(nodes.length, files.length);
+  }
+});
+
+// Linux: the walk holds one open descriptor per folder level; with the limit
+// of open files set low, the folders past it cannot be opened (EMFILE). Two
+// deep chains: the walk skips the first one's deep folder and goes on to the
+// second, whichever the file system lists first.
+test('folders that cannot be opened are skipped, named with their error, and the walk goes on (Linux)', { skip: isWindows && 'Linux only' }, (t) => {
+  const files = { 'top.txt': '', 'p/shallow.txt': '', 'q/shallow.txt': '' };
+  const deep = (b) => `${b}/${Array.from({ length: 120 }, (_, i) => `l${i}`).join('/')}/leaf.txt`;
+  files[deep('p')] = '';
+  files[deep('q')] = '';
+  const root = makeTree({ files });
+  t.after(() => removeTree(root));
+  const source = `process.env.OSTREL_BUILD_DIR = ${JSON.stringify(buildDir())};
+    const ostrel = require(${JSON.stringify(repoRoot)});
+    const files = [];
+    ostrel.ScanAllSubFiles(process.argv[1], (u) => files.push(...u.nodes.map((n) => n.relativePath)),
+      (r) => console.log('RESULT ' + JSON.stringify({ files, r })), {});`;
+  const r = spawnSync('sh', ['-c', 'ulimit -n 64 && exec "$1" -e "$2" "$3"', 'sh', process.execPath, source, root], {
+    encoding: 'utf8',
+    timeout: 60000,
+  });
+  const line = (r.stdout || '').split('\n').find((l) => l.startsWith('RESULT '));
+  assert.ok(line, `status ${r.status}: ${r.stdout} ${r.stderr}`);
+  const { files: delivered, r: result } = JSON.parse(line.slice(7));
+  assert.deepEqual(delivered.sort(), ['p/shallow.txt', 'q/shallow.txt', 'top.txt']);
+  assert.equal(result.complete, false);
+  assert.equal(result.totalFileCount, 3);
+  const skipped = [...result.skippedFolders].sort((x, y) => x.path.localeCompare(y.path));
+  assert.equal(skipped.length, 2, JSON.stringify(skipped));
+  for (const [i, branch] of ['p', 'q'].entries()) {
+    assert.ok(skipped[i].path.startsWith(path.join(root, branch, 'l0', 'l1')), skipped[i].path);
+    assert.equal(skipped[i].code, 24);  // EMFILE
+    assert.match(skipped[i].reason, /too many open files/i);
+  }
+  // One line per skipped folder on standard error.
+  assert.equal(r.stderr.split('\n').filter((l) => l.startsWith('ScanAllSubFiles: skipped ')).length, 2, r.stderr);
+  assertAccountedFor(root, Object.keys(files), delivered.map((p) => ({ relativePath: p })), result);
 });

@@ -1,6 +1,7 @@
 // FillFileInfoAsync against real files: a file and a folder are filled, a
-// vanished file gives false and keeps its empty metadata, and a failure that
-// never clears is retried eleven times, 100 ms apart, then given up.
+// vanished file (or one whose folder vanished) gives false at once and keeps
+// its empty metadata, and a failure that never clears is retried eleven
+// times, 100 ms apart, then given up.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -66,6 +67,34 @@ TEST_F(FillFileInfo, AFileDeletedBeforeItsQueryGivesFalse) {
   EXPECT_TRUE(info->readable);
   EXPECT_EQ(info->size, 0u);
   EXPECT_EQ(info->mtimeMs, 0.0);
+}
+
+// A folder deleted while its entries wait for their query: the entry is
+// gone (Windows reports ERROR_PATH_NOT_FOUND when a folder on the path is
+// missing, Linux ENOENT), so it is dropped at once, neither retried nor
+// logged.
+TEST_F(FillFileInfo, AFileWhoseFolderWasDeletedGivesFalseWithoutRetries) {
+  struct {
+    const char* what;
+    fs::path file;
+    fs::path removed;
+  } cases[] = {
+      {"its folder", dir_ / "gone1" / "a.txt", dir_ / "gone1"},
+      {"a folder two levels up", dir_ / "gone2" / "sub" / "a.txt", dir_ / "gone2"},
+  };
+  for (auto& c : cases) {
+    fs::create_directories(c.file.parent_path());
+    std::ofstream(c.file) << "x";
+    auto info = record(c.file);
+    fs::remove_all(c.removed);
+    ::testing::internal::CaptureStdout();
+    bool result = sync_wait(FillFileInfoAsync(info));
+    std::string out = ::testing::internal::GetCapturedStdout();
+    EXPECT_FALSE(result) << c.what;
+    EXPECT_TRUE(info->readable) << c.what;
+    EXPECT_EQ(info->size, 0u) << c.what;
+    EXPECT_EQ(out.find("FillFileInfoAsync"), std::string::npos) << c.what << ": " << out;
+  }
 }
 
 TEST_F(FillFileInfo, AnUnreadableRecordIsNotQueriedAgain) {

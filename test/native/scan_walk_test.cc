@@ -1,13 +1,24 @@
 // The walk over a real tree: order, counts and records are the same whether
 // the walking thread queries every entry itself or shares the queries with
-// a helper thread; a stop ends it.
+// a helper thread; a stop ends it. What the walk could not cover (a root or
+// folder that cannot be listed) is named once, and makes the scan
+// incomplete.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <string>
+#include <vector>
+
+#ifndef _WIN32
+#include <sys/resource.h>
+#include <unistd.h>
+#endif
 
 #include "scan/api_compat.h"
 #include "scan/scan_walk.h"
@@ -97,6 +108,154 @@ TEST(ScanData, UpdatesAreTakenInBoundedPiecesInOrder) {
   EXPECT_TRUE(empty.files.empty() && empty.folders.empty());
   EXPECT_EQ(empty.size, 0u);
 }
+
+// The relative path of a skipped folder in the walk's native form.
+native_string rel(std::initializer_list<const char*> parts) {
+  native_string out;
+  for (const char* p : parts) {
+    if (!out.empty()) out.push_back(native_separator);
+    out += utf8_to_native(p);
+  }
+  return out;
+}
+
+TEST(ScanData, SkippedFoldersAreNamedOnceAsScriptGaveTheRoot) {
+  const std::string sep(1, static_cast<char>(native_separator));
+  struct {
+    const char* root;
+    native_string relative;
+    std::string path;
+  } cases[] = {
+      {"base", {}, "base"},
+      {"base", rel({"a"}), "base" + sep + "a"},
+      {"base", rel({"a", "b"}), "base" + sep + "a" + sep + "b"},
+      {"base/", rel({"a"}), "base/a"},
+  };
+  for (auto& c : cases) {
+    ScanData data;
+    data.root_utf8 = c.root;
+    EXPECT_TRUE(data.complete());
+    data.add_skipped(c.relative, 24, "Too many open files");
+    data.add_skipped(c.relative, 24, "Too many open files");  // met again (another rule)
+    auto skipped = data.skipped_folders();
+    ASSERT_EQ(skipped.size(), 1u) << c.root;
+    EXPECT_EQ(skipped[0].path, c.path);
+    EXPECT_EQ(skipped[0].code, 24);
+    EXPECT_EQ(skipped[0].reason, "Too many open files");
+    EXPECT_FALSE(data.complete());
+  }
+}
+
+TEST(ScanData, ALoopIsNoLossAndSkipsAreLoggedFewAtATime) {
+  ScanData data;
+  data.root_utf8 = "base";
+  data.add_looped(rel({"a", "up"}), {});
+  EXPECT_TRUE(data.complete());
+  auto looped = data.looped_folders();
+  ASSERT_EQ(looped.size(), 1u);
+  EXPECT_EQ(looped[0].same_as, "base");
+  EXPECT_EQ(looped[0].path, data.script_path(rel({"a", "up"})));
+
+  ::testing::internal::CaptureStderr();
+  for (int i = 0; i < 25; ++i) data.add_skipped(rel({("f" + std::to_string(i)).c_str()}), 5, "denied");
+  std::string err = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(data.skipped_folders().size(), 25u);
+  std::size_t lines = 0;
+  for (std::size_t at = 0; (at = err.find("ScanAllSubFiles: skipped ", at)) != std::string::npos; ++at) ++lines;
+  EXPECT_EQ(lines, ScanData::logged_skip_limit) << err;
+  EXPECT_NE(err.find("more folders skipped"), std::string::npos) << err;
+}
+
+// Walks `root` with the given helpers; returns the scan, every record
+// collected and left in it.
+std::shared_ptr<ScanData> walk_all(const fs::path& root, unsigned helpers, std::vector<std::string>& files) {
+  auto data = std::make_shared<ScanData>();
+  data->root_utf8 = native_to_utf8(root.native());
+  data->root = walk_root(root.native());
+  data->filters.metadata_helpers = helpers;
+  data->set_backlog_limit(1u << 30);
+  data->begin_work();
+  run_walk(data);
+  data->end_work();
+  bool more = true;
+  scan_update u = data->take_update(SIZE_MAX, more);
+  for (auto& f : u.files) files.push_back(f.relativePath);
+  return data;
+}
+
+TEST(ScanWalk, ARootThatCannotBeListedIsNamedWhateverTheReason) {
+  api_compat::init();
+  fs::path base = make_tree();
+  std::ofstream(base / "file.txt") << "x";
+  struct {
+    const char* what;
+    fs::path root;
+  } cases[] = {{"missing", base / "missing"}, {"a file", base / "file.txt"}};
+  for (auto& c : cases) {
+    std::vector<std::string> files;
+    auto data = walk_all(c.root, 0, files);
+    EXPECT_TRUE(files.empty()) << c.what;
+    EXPECT_FALSE(data->complete()) << c.what;
+    auto skipped = data->skipped_folders();
+    ASSERT_EQ(skipped.size(), 1u) << c.what;
+    EXPECT_EQ(skipped[0].path, data->root_utf8) << c.what;
+    EXPECT_NE(skipped[0].code, 0) << c.what;
+    EXPECT_FALSE(skipped[0].reason.empty()) << c.what;
+  }
+  std::vector<std::string> files;
+  auto whole = walk_all(base, 1, files);
+  EXPECT_TRUE(whole->complete());
+  EXPECT_TRUE(whole->skipped_folders().empty());
+  EXPECT_TRUE(whole->looped_folders().empty());
+  EXPECT_EQ(files.size(), 30u * 71u + 1u);
+  fs::remove_all(base);
+}
+
+#ifndef _WIN32
+// The walk holds one descriptor per folder level. With the limit of open
+// files set just above what the process holds, the folders past it cannot
+// be opened (EMFILE): each is skipped and named, and the walk goes on with
+// the next branch.
+TEST(ScanWalk, FoldersThatCannotBeOpenedAreSkippedAndTheWalkGoesOn) {
+  fs::path base = fs::temp_directory_path() /
+                  ("ostrel-scan-emfile-" + std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
+  for (const char* branch : {"p", "q"}) {
+    fs::path dir = base / branch;
+    fs::create_directories(dir);
+    std::ofstream(dir / "shallow.txt") << "x";
+    for (int i = 0; i < 10; ++i) dir /= "l" + std::to_string(i);
+    fs::create_directories(dir);
+    std::ofstream(dir / "leaf.txt") << "x";
+  }
+  struct rlimit saved;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+  int lowest_free = dup(0);
+  ASSERT_GE(lowest_free, 0);
+  close(lowest_free);
+  // Room for the root, a branch and three levels below it: the fourth
+  // level cannot be opened.
+  struct rlimit low = saved;
+  low.rlim_cur = static_cast<rlim_t>(lowest_free + 5);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+  std::vector<std::string> files;
+  auto data = walk_all(base, 0, files);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+
+  std::sort(files.begin(), files.end());
+  EXPECT_EQ(files, (std::vector<std::string>{"p/shallow.txt", "q/shallow.txt"}));
+  EXPECT_FALSE(data->complete());
+  auto skipped = data->skipped_folders();
+  ASSERT_EQ(skipped.size(), 2u);
+  std::sort(skipped.begin(), skipped.end(), [](auto& a, auto& b) { return a.path < b.path; });
+  EXPECT_EQ(skipped[0].path, (base / "p" / "l0" / "l1" / "l2" / "l3").string());
+  EXPECT_EQ(skipped[1].path, (base / "q" / "l0" / "l1" / "l2" / "l3").string());
+  for (auto& s : skipped) {
+    EXPECT_EQ(s.code, EMFILE);
+    EXPECT_FALSE(s.reason.empty());
+  }
+  fs::remove_all(base);
+}
+#endif
 
 TEST(ScanWalk, HelperThreadsKeepTheWalksOrderAndRecords) {
   api_compat::init();
