@@ -2,7 +2,8 @@
 'use strict';
 // The ostrel command line: ostrel <command> [options]. This file only picks
 // the command; each command lives in lib/cli/. Exit status: 0 done, 1 the
-// command failed, 2 it was called wrongly.
+// command failed, 2 it was called wrongly, 3 a scan finished incomplete
+// (folders it could not list; lib/cli/scan.js).
 const path = require('path');
 const { UsageError, CommandError, HelpRequest } = require('../lib/cli/usage');
 const { makeHelp, overview, commandHelp } = require('../lib/cli/help');

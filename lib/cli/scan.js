@@ -4,6 +4,10 @@
 // (files/s, files, bytes) is rewritten in place; at the end a summary gives
 // the scan's counts and the elapsed time. --json prints every file object as
 // one JSON line on standard output and the summary on standard error.
+// A root that cannot be listed fails the command (status 1, the reason on
+// standard error); folders below it that cannot be listed make the scan
+// incomplete (status 3): the summary names them and a warning goes to
+// standard error.
 const fs = require('fs');
 const path = require('path');
 const { UsageError, CommandError, parseCommandArgs } = require('./usage');
@@ -13,6 +17,9 @@ const { collectStats } = require('./stats');
 // Statistics reach the tracer at most every 500 ms; waiting this long after
 // the scan lets the last flush arrive.
 const STATS_SETTLE_MS = 1000;
+
+// The scan finished, but folders it could not list are missing from it.
+const EXIT_INCOMPLETE = 3;
 
 const OPTIONS = {
   json: { type: 'boolean' },
@@ -33,6 +40,10 @@ options:
   --fast          read metadata from the directory listing instead of opening each file
                   (faster, most of all on Windows; no 'readable' detection)
   --stats         after the summary, list the module's native calls (count, total and longest time)
+
+exit status: 0 done; 1 the folder cannot be scanned (missing, no folder, may not be listed);
+2 wrong usage; 3 the scan is incomplete: folders that could not be listed are named on
+standard error, and their files are missing from the output; 130 interrupted.
 `;
 
 function extList(text) {
@@ -47,6 +58,20 @@ function checkPattern(pattern) {
     throw new UsageError(`--ignore: invalid regular expression '${pattern}': ${err.message}`, 'scan');
   }
   return pattern;
+}
+
+// The module's own refusal of a pattern, thrown synchronously:
+// 'ScanAllSubFiles: invalid regular expression "<re>": <reason> in ignoreFileRegs[0]'.
+// It is a usage error like any pattern that does not compile: the message
+// names the command line's option instead of the module's.
+const OPTION_OF = { ignoreFileRegs: '--ignore', ignoreDirRegs: '--ignore' };
+function refusedPattern(err) {
+  const message = String((err && err.message) || err);
+  if (!message.includes('invalid regular expression')) return null;
+  const m = /invalid regular expression "([\s\S]*)": ([\s\S]*) in ([A-Za-z]+)(?:\[\d+\])?\S*$/.exec(message);
+  if (!m) return new UsageError(message, 'scan');
+  const option = OPTION_OF[m[3]] || m[3];
+  return new UsageError(`${option}: invalid regular expression '${m[1]}': ${m[2]}`, 'scan');
 }
 
 // The options object of ScanAllSubFiles for the command line's flags.
@@ -74,6 +99,8 @@ function rootFolder(given, cwd) {
   return dir;
 }
 
+const describeSkip = (s) => `${s.path}: ${s.reason} (error ${s.code})`;
+
 function summary(dir, stats, result, seconds, interrupted) {
   // The rate counts every file the walk produced, kept or filtered out.
   const walked = result ? result.totalFileCount : stats.files;
@@ -88,7 +115,18 @@ function summary(dir, stats, result, seconds, interrupted) {
       `  filteredFileCount      ${result.filteredFileCount}`,
       `  hiddenSystemFileCount  ${result.hiddenSystemFileCount}`,
       `  fileCountBeyondLimit   ${result.fileCountBeyondLimit}`,
+      `  complete               ${result.complete}`,
     );
+    const skipped = result.skippedFolders || [];
+    const looped = result.loopedFolders || [];
+    if (skipped.length) {
+      lines.push(`  skipped folders (${skipped.length}), their files are missing:`);
+      for (const s of skipped) lines.push(`    ${describeSkip(s)}`);
+    }
+    if (looped.length) {
+      lines.push(`  folders leading back to an ancestor, not walked again (${looped.length}):`);
+      for (const l of looped) lines.push(`    ${l.path} -> ${l.sameAs}`);
+    }
   }
   return `${lines.join('\n')}\n`;
 }
@@ -114,6 +152,15 @@ function run(args, io) {
     const line = () =>
       `scanning: ${stats.files} files, ${format.bytes(stats.bytes)}, ${format.rate(stats.files / Math.max(elapsed(), 1e-9))} files/s`;
 
+    // An incomplete scan is said on standard error whatever else goes
+    // there; the summary names the folders.
+    const warnIncomplete = (r) => {
+      const n = (r.skippedFolders || []).length;
+      io.stderr.write(
+        `ostrel scan: warning: incomplete scan: ${n} folder${n === 1 ? '' : 's'} could not be listed ` +
+          '(see the summary); their files are missing from the output\n',
+      );
+    };
     const finish = (code, result, { interrupted = false, quiet = false } = {}) => {
       if (finished) return;
       finished = true;
@@ -121,6 +168,7 @@ function run(args, io) {
       data.removeListener('error', onOutputError);
       if (progress) progress.clear();
       if (!quiet) report.write(summary(dir, stats, result, elapsed(), interrupted));
+      if (result && !quiet && result.complete === false) warnIncomplete(result);
       if (!values.stats || quiet || interrupted) {
         calls.stop();
         resolve(code);
@@ -159,7 +207,17 @@ function run(args, io) {
       }
       if (progress) progress.update(line);
     };
-    const result = (r) => finish(0, r);
+    const result = (r) => {
+      const root = (r.skippedFolders || []).find((s) => s.path === dir);
+      if (root && r.totalFileCount === 0 && stats.files === 0) {
+        // The root could not be listed: the command could not do its work.
+        if (progress) progress.clear();
+        io.stderr.write(`ostrel scan: cannot list ${describeSkip(root)}\n`);
+        finish(1, r, { quiet: true });
+        return;
+      }
+      finish(r.complete === false ? EXIT_INCOMPLETE : 0, r);
+    };
     if (progress) progress.update(line, true);
     try {
       close = ostrel.ScanAllSubFiles(dir, update, result, options);
@@ -169,7 +227,7 @@ function run(args, io) {
       finished = true;
       process.removeListener('SIGINT', onInterrupt);
       data.removeListener('error', onOutputError);
-      throw new CommandError(err.message);
+      throw refusedPattern(err) || new CommandError(err.message);
     }
   });
 }
@@ -181,4 +239,6 @@ module.exports = {
   details: DETAILS,
   run,
   scanOptions,
+  refusedPattern,
+  EXIT_INCOMPLETE,
 };

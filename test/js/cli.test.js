@@ -1,14 +1,17 @@
 'use strict';
 // The ostrel command line, run as a child of this node: usage errors, the
-// version command, and scans of a small tree whose files are known.
+// version command, scans of a small tree whose files are known, and scans
+// that cannot list their root or some folder.
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const fs = require('fs');
 const os = require('os');
 const path = require('path');
 const { spawnSync } = require('child_process');
-const { root, buildDir } = require('./helpers');
+const { root, buildDir, isWindows } = require('./helpers');
 const { ProgressLine, bytes } = require('../../lib/cli/format');
+const scanCommand = require('../../lib/cli/scan');
+const { UsageError } = require('../../lib/cli/usage');
 
 const bin = path.join(root, 'bin', 'ostrel.js');
 
@@ -73,6 +76,7 @@ function counts(text) {
     filtered: Number(get('filteredFileCount')),
     hiddenSystem: Number(get('hiddenSystemFileCount')),
     beyondLimit: get('fileCountBeyondLimit'),
+    complete: get('complete'),
   };
 }
 
@@ -104,6 +108,42 @@ test('usage errors exit with status 2 and say what is wrong', () => {
     assert.match(r.stderr, message, args.join(' '));
     assert.equal(outputLines(r.stdout).length, 0, `${args.join(' ')} printed: ${r.stdout}`);
   }
+});
+
+// Patterns the command line's own check lets through can still be refused
+// by the module, which throws synchronously and names its option. That is
+// a usage error too (status 2), naming the command line's option. Run in
+// this process with a double of the module that refuses every pattern.
+test('a pattern the module refuses is a usage error naming --ignore', async () => {
+  const refusal = (where, re = '(?<=x") in y') =>
+    new Error(`ScanAllSubFiles: invalid regular expression "${re}": Invalid group in ${where}`);
+  const cases = [
+    ['ignoreFileRegs[0]', "--ignore: invalid regular expression '(?<=x\") in y': Invalid group"],
+    ['ignoreDirRegs[2]', "--ignore: invalid regular expression '(?<=x\") in y': Invalid group"],
+    ['fineGrainedDirs[0].omits[1].fileNameReg', "fineGrainedDirs: invalid regular expression '(?<=x\") in y': Invalid group"],
+  ];
+  for (const [where, message] of cases) {
+    const err = scanCommand.refusedPattern(refusal(where));
+    assert.ok(err instanceof UsageError, where);
+    assert.equal(err.command, 'scan');
+    assert.equal(err.message, message);
+  }
+  assert.equal(scanCommand.refusedPattern(new Error('something else')), null);
+
+  const double = {
+    RegisterTracer() {},
+    UnRegisterTracers() {},
+    ScanAllSubFiles() {
+      throw refusal('ignoreFileRegs[0]', '(?<=b)a');  // JS takes it; this module does not
+    },
+  };
+  const sink = { write() {}, isTTY: false, on() {}, removeListener() {} };
+  const io = { stdout: sink, stderr: sink, cwd: tree, loadModule: () => double };
+  await assert.rejects(() => scanCommand.run(['--ignore', '(?<=b)a', tree], io), (err) => {
+    assert.ok(err instanceof UsageError);
+    assert.equal(err.message, "--ignore: invalid regular expression '(?<=b)a': Invalid group");
+    return true;
+  });
 });
 
 test('help lists the commands and shows a command\'s options', () => {
@@ -143,11 +183,103 @@ test('a folder that cannot be scanned is an error with status 1', () => {
   assert.match(file.stderr, /not a folder/);
 });
 
+// Linux: as root the permission bits are not checked; without the DAC
+// capabilities they are, as for any user.
+test('a root that may not be listed is an error with status 1, said on standard error', { skip: isWindows && 'needs Unix permissions' }, (t) => {
+  const probe = spawnSync('setpriv', ['--bounding-set=-dac_override,-dac_read_search', 'true']);
+  if (probe.status !== 0 || process.getuid() !== 0) {
+    t.skip('needs setpriv as root');
+    return;
+  }
+  const denied = fs.mkdtempSync(path.join(os.tmpdir(), 'ostrel-cli-denied-'));
+  fs.writeFileSync(path.join(denied, 'secret.txt'), 'x');
+  fs.chmodSync(denied, 0o000);
+  t.after(() => {
+    fs.chmodSync(denied, 0o700);
+    fs.rmSync(denied, { recursive: true, force: true });
+  });
+  const r = spawnSync('setpriv', ['--bounding-set=-dac_override,-dac_read_search', process.execPath, bin, 'scan', denied], {
+    encoding: 'utf8',
+    timeout: 120000,
+    env: { ...process.env, OSTREL_BUILD_DIR: buildDir() },
+  });
+  assert.equal(r.status, 1, r.stderr);
+  assert.match(r.stderr, new RegExp(`^ostrel scan: cannot list ${denied}: Permission denied \\(error 13\\)$`, 'm'));
+  assert.doesNotMatch(r.stdout, /files delivered/);
+});
+
+// Linux: the walk holds a descriptor per folder level, so with a low limit
+// of open files the deep folders cannot be opened. Under Wine, whose paths
+// become Unix paths of at most 4,096 bytes, folders nested past that cannot
+// be listed.
+function incompleteTree(t) {
+  const base = fs.mkdtempSync(path.join(os.tmpdir(), 'ostrel-cli-deep-'));
+  fs.writeFileSync(path.join(base, 'top.txt'), 'x');
+  const long = (i) => `d${i}_`.padEnd(isWindows ? 240 : 1, 'x');
+  const short = path.join(base, 't');
+  const renamed = path.join(base, long(99));
+  t.after(() => {
+    try {
+      fs.renameSync(renamed, short);  // the long paths cannot be removed
+    } catch {
+      // not renamed
+    }
+    fs.rmSync(base, { recursive: true, force: true });
+  });
+  let dir = short;
+  fs.mkdirSync(dir);
+  for (let i = 0; i < (isWindows ? 20 : 120); i++) {
+    const next = path.join(dir, long(i));
+    try {
+      fs.mkdirSync(next);
+      fs.writeFileSync(path.join(next, 'f.txt'), 'x');
+    } catch {
+      break;
+    }
+    dir = next;
+  }
+  fs.renameSync(short, renamed);
+  return base;
+}
+
+test('a scan that could not list some folders names them and exits with status 3', (t) => {
+  const underWine = isWindows && Boolean(process.env.WINELOADER);
+  if (isWindows && !underWine) {
+    t.skip('Windows lists paths of any length');
+    return;
+  }
+  const base = incompleteTree(t);
+  const r = isWindows
+    ? cli(['scan', base])
+    : spawnSync('sh', ['-c', 'ulimit -n 64 && exec "$@"', 'sh', process.execPath, bin, 'scan', base], {
+        encoding: 'utf8',
+        timeout: 120000,
+        env: { ...process.env, OSTREL_BUILD_DIR: buildDir() },
+      });
+  assert.equal(r.status, scanCommand.EXIT_INCOMPLETE, r.stderr);
+  const c = counts(r.stdout);
+  assert.equal(c.complete, 'false');
+  assert.ok(c.delivered >= 2, 'the files before the failing folder are delivered');
+  const listed = r.stdout.split('skipped folders (1), their files are missing:\n')[1];
+  assert.ok(listed, r.stdout);
+  assert.match(listed, new RegExp(`^    ${base.replace(/[\\^$.*+?()[\]{}|]/g, '\\$&')}.+: .+ \\(error \\d+\\)$`, 'm'));
+  assert.match(r.stderr, /^ostrel scan: warning: incomplete scan: 1 folder could not be listed/m);
+});
+
 test('scan prints the counts of the tree', () => {
   const r = cli(['scan', tree]);
   assert.equal(r.status, 0, r.stderr);
   const n = Object.keys(TREE).length;
-  assert.deepEqual(counts(r.stdout), { delivered: n, total: n, filtered: 0, hiddenSystem: 0, beyondLimit: 'false' });
+  assert.deepEqual(counts(r.stdout), {
+    delivered: n,
+    total: n,
+    filtered: 0,
+    hiddenSystem: 0,
+    beyondLimit: 'false',
+    complete: 'true',
+  });
+  assert.doesNotMatch(r.stdout, /skipped folders/);
+  assert.doesNotMatch(r.stderr, /warning/);
   assert.match(r.stdout, new RegExp(`scanned ${tree.replace(/[\\^$.*+?()[\]{}|]/g, '\\$&')} in [0-9.]+ s`));
   const size = Object.values(TREE).reduce((a, b) => a + b, 0);
   assert.match(r.stdout, new RegExp(`\\(${bytes(size)}\\)`));
