@@ -1,6 +1,6 @@
-// One open folder being listed: FindFirstFileExW (or, in the fast mode, the
-// directory-information class of GetFileInformationByHandleEx) on Windows,
-// readdir on a descriptor opened relative to the parent on Linux.
+// One open folder being listed: the directory-information class of
+// GetFileInformationByHandleEx on Windows, readdir on a descriptor opened
+// relative to the parent on Linux.
 #pragma once
 
 #include <cstdint>
@@ -16,6 +16,9 @@ namespace ostrel::scan {
 struct dir_entry {
   native_string_view name;
   bool is_dir = false;
+  // Windows: a reparse point (a junction, a symbolic link, a mount point),
+  // which may lead to another volume.
+  bool link = false;
   // Set by a fast listing, which delivers the metadata with the name.
   bool has_metadata = false;
   bool hidden = false;
@@ -57,11 +60,11 @@ class dir_listing {
   dir_listing(const dir_listing&) = delete;
   dir_listing& operator=(const dir_listing&) = delete;
 
-  // Opens the folder at `path`; `parent` (may be null) and `name` let Linux
-  // open it relative to its parent. Anything but `listed` leaves nothing to
-  // list; error() then holds the platform's code.
-  listing_status open(const native_string& path, const dir_listing* parent, native_string_view name,
-                      bool fast_metadata);
+  // Opens the folder at `path`: the root when `parent` and `entry` are
+  // null, else the entry of `parent` listed as `entry` (Linux opens it
+  // relative to its parent). Anything but `listed` leaves nothing to list;
+  // error() then holds the platform's code.
+  listing_status open(const native_string& path, const dir_listing* parent, const dir_entry* entry, bool fast_metadata);
   // The next entry, "." and ".." included where the system lists them;
   // false at the end, or when the listing failed part-way (end_status()
   // tells which). The entry's name is valid until the next call. Windows
@@ -97,10 +100,9 @@ class dir_listing {
   int error_ = 0;
   folder_id id_;
 #ifdef _WIN32
-  bool next_find(dir_entry& entry);
-  bool next_fast(dir_entry& entry);
-  bool fetch_fast();
-  void* handle_ = nullptr;  // a find handle, or a folder handle in the fast mode
+  bool next_entry(dir_entry& entry);
+  bool fetch();
+  void* handle_ = nullptr;  // the folder, open for listing
   bool fast_ = false;
   bool first_ = true;
   bool done_ = false;
@@ -108,7 +110,6 @@ class dir_listing {
   std::vector<std::uint64_t> buffer_;  // 8-byte aligned listing buffer
   std::size_t offset_ = 0;
   std::wstring name_;
-  std::vector<unsigned char> find_data_;
 #else
   void* dir_ = nullptr;  // DIR*
   int fd_ = -1;

@@ -52,7 +52,7 @@ void dir_listing::fail_listing(int code) noexcept {
   end_ = classify(code);
 }
 
-listing_status dir_listing::open(const native_string& path, const dir_listing* parent, native_string_view name,
+listing_status dir_listing::open(const native_string& path, const dir_listing* parent, const dir_entry* entry,
                                  bool fast_metadata) {
   close();
   fast_ = fast_metadata;
@@ -60,9 +60,9 @@ listing_status dir_listing::open(const native_string& path, const dir_listing* p
   error_ = 0;
   id_ = folder_id{};
   constexpr int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW;
-  if (parent && parent->fd_ >= 0) {
+  if (parent && entry && parent->fd_ >= 0) {
     // Names come straight from readdir and are NUL-terminated.
-    fd_ = ::openat(parent->fd_, name.data(), flags);
+    fd_ = ::openat(parent->fd_, entry->name.data(), flags);
   } else {
     // The root may itself be a link to a folder: follow it.
     fd_ = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);

@@ -1,29 +1,33 @@
-// Windows listings. The default one is FindFirstFileExW/FindNextFileW with
-// the basic information level and the large-fetch flag; the fast one opens
-// the folder itself and reads whole buffers of entries, metadata included,
-// with GetFileInformationByHandleEx (FileIdBothDirectoryInfo, or
-// FileIdExtdDirectoryInfo on ReFS volumes, whose file ids are 128-bit).
+// Windows listings: the folder is opened once and read in whole buffers of
+// entries with GetFileInformationByHandleEx (FileIdBothDirectoryInfo, or
+// FileIdExtdDirectoryInfo on ReFS volumes, whose file ids are 128-bit). The
+// fast mode takes each entry's metadata from there; the default mode takes
+// only the name and the kind, and queries each entry on its own. The open
+// handle also tells the folder's identity.
 #include <windows.h>
 
 #include <cstring>
 #include <system_error>
 
+#include "api_compat.h"
 #include "dir_listing.h"
 #include "file_query_win.h"
 
 namespace ostrel::scan {
 
 namespace {
-constexpr std::size_t fast_buffer_bytes = 64 * 1024;
+constexpr std::size_t listing_buffer_bytes = 64 * 1024;
 
 std::int64_t quad(const LARGE_INTEGER& v) {
   return v.QuadPart;
 }
 
-// Fills the metadata fields of a fast entry.
-void set_entry_metadata(dir_entry& e, DWORD attributes, const LARGE_INTEGER& size, std::uint64_t id,
-                        const LARGE_INTEGER& change, const LARGE_INTEGER& write, const LARGE_INTEGER& creation) {
+// Fills an entry's kind and, in the fast mode, its metadata.
+void set_entry(dir_entry& e, bool with_metadata, DWORD attributes, const LARGE_INTEGER& size, std::uint64_t id,
+               const LARGE_INTEGER& change, const LARGE_INTEGER& write, const LARGE_INTEGER& creation) {
   e.is_dir = (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+  e.link = (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+  if (!with_metadata) return;
   e.has_metadata = true;
   e.hidden = (attributes & FILE_ATTRIBUTE_HIDDEN) != 0;
   e.system = (attributes & FILE_ATTRIBUTE_SYSTEM) != 0;
@@ -40,13 +44,7 @@ dir_listing::~dir_listing() {
 }
 
 void dir_listing::close() noexcept {
-  if (handle_) {
-    if (fast_) {
-      CloseHandle(handle_);
-    } else {
-      FindClose(handle_);
-    }
-  }
+  if (handle_) CloseHandle(handle_);
   handle_ = nullptr;
 }
 
@@ -83,31 +81,42 @@ void dir_listing::fail_listing(int code) noexcept {
 
 namespace {
 
-// The identity of the folder open in `h`: the volume serial number with the
-// 128-bit file id, or, where the system does not give that (before Windows
-// 8, some file systems), with the 64-bit file index. False when what is
-// open is no folder (a folder replaced by a file, or a root that is a file).
-bool identify(HANDLE h, folder_id& id) {
-  id = folder_id{};
-  BY_HANDLE_FILE_INFORMATION basic{};
-  if (!GetFileInformationByHandle(h, &basic)) return true;  // no identity, but maybe a folder
-  if (!(basic.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) return false;
-  id.volume = basic.dwVolumeSerialNumber;
-  id.low = (static_cast<std::uint64_t>(basic.nFileIndexHigh) << 32) | basic.nFileIndexLow;
+constexpr int file_internal_information = 6;  // FILE_INFORMATION_CLASS: the 64-bit file index
+
+// The volume serial number and the 128-bit file id of the folder open in
+// `h`, or where the system has no such call (before Windows 8) the volume
+// serial number and the 64-bit file index. False when nothing was told.
+bool full_identity(HANDLE h, folder_id& id) {
   FILE_ID_INFO info{};
   if (GetFileInformationByHandleEx(h, FileIdInfo, &info, sizeof info)) {
     std::memcpy(&id.low, info.FileId.Identifier, sizeof id.low);
     std::memcpy(&id.high, info.FileId.Identifier + sizeof id.low, sizeof id.high);
     id.volume = info.VolumeSerialNumber;
+    return true;
   }
-  // A file system without file ids gives zero for all of them: no identity.
-  id.known = id.low != 0 || id.high != 0;
+  BY_HANDLE_FILE_INFORMATION all{};
+  if (!GetFileInformationByHandle(h, &all)) return false;
+  id.volume = all.dwVolumeSerialNumber;
+  id.low = (static_cast<std::uint64_t>(all.nFileIndexHigh) << 32) | all.nFileIndexLow;
+  id.high = 0;
   return true;
+}
+
+// The 64-bit file index of what is open in `h`.
+bool file_index(HANDLE h, std::uint64_t& index) {
+  auto query = api_compat::query_information_file();
+  if (!query) return false;
+  struct {
+    void* status;
+    ULONG_PTR information;
+  } io_status{};
+  LONG status = query(h, &io_status, &index, sizeof index, file_internal_information);
+  return status >= 0;
 }
 
 }  // namespace
 
-listing_status dir_listing::open(const native_string& path, const dir_listing* parent, native_string_view,
+listing_status dir_listing::open(const native_string& path, const dir_listing* parent, const dir_entry* entry,
                                  bool fast_metadata) {
   close();
   fast_ = fast_metadata;
@@ -117,44 +126,7 @@ listing_status dir_listing::open(const native_string& path, const dir_listing* p
   error_ = 0;
   id_ = folder_id{};
   std::wstring long_path = long_path_form(path);
-  if (!fast_) {
-    // The listing gives no handle to ask for the folder's identity: a
-    // handle opened for its attributes does. A link or junction is followed
-    // to the folder it stands for. A folder that is gone ends here; any
-    // other failure is left to the listing below, which may still work.
-    HANDLE folder =
-        CreateFileW(long_path.c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                    nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-    if (folder != INVALID_HANDLE_VALUE) {
-      bool is_folder = identify(folder, id_);
-      CloseHandle(folder);
-      if (!is_folder) {
-        error_ = ERROR_DIRECTORY;
-        return listing_status::missing;
-      }
-    } else if (DWORD error = GetLastError(); classify(static_cast<int>(error)) == listing_status::missing) {
-      error_ = static_cast<int>(error);
-      return listing_status::missing;
-    }
-    find_data_.resize(sizeof(WIN32_FIND_DATAW));
-    std::wstring pattern = long_path + (long_path.back() == L'\\' ? L"*" : L"\\*");
-    HANDLE h = FindFirstFileExW(pattern.c_str(), FindExInfoBasic, find_data_.data(), FindExSearchNameMatch, nullptr,
-                                FIND_FIRST_EX_LARGE_FETCH);
-    if (h == INVALID_HANDLE_VALUE) {
-      DWORD error = GetLastError();
-      if (error == ERROR_NO_MORE_FILES || error == ERROR_FILE_NOT_FOUND) {
-        // Nothing matched "*": a folder without entries (not even "." and
-        // "..", as at the root of a drive).
-        done_ = true;
-        return listing_status::listed;
-      }
-      error_ = static_cast<int>(error);
-      return classify(error_);
-    }
-    handle_ = h;
-    return listing_status::listed;
-  }
-
+  // A link or junction is followed to the folder it stands for.
   HANDLE h = CreateFileW(long_path.c_str(), FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                          nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
   if (h == INVALID_HANDLE_VALUE) {
@@ -162,7 +134,10 @@ listing_status dir_listing::open(const native_string& path, const dir_listing* p
     return classify(error_);
   }
   handle_ = h;
-  if (!identify(h, id_)) {
+  FILE_BASIC_INFO basic{};
+  if (GetFileInformationByHandleEx(h, FileBasicInfo, &basic, sizeof basic) &&
+      !(basic.FileAttributes & FILE_ATTRIBUTE_DIRECTORY)) {
+    // A file: a root given as one, or a folder replaced by a file.
     close();
     error_ = ERROR_DIRECTORY;
     return listing_status::missing;
@@ -177,14 +152,33 @@ listing_status dir_listing::open(const native_string& path, const dir_listing* p
       info_class_ = FileIdExtdDirectoryInfo;
     }
   }
-  buffer_.assign(fast_buffer_bytes / sizeof(std::uint64_t), 0);
+  // The identity. Asking for the volume costs far more than the rest (under
+  // Wine more than listing the folder), and a folder that is no link,
+  // junction or mount point lies on its parent's volume: only the root,
+  // those and ReFS folders (whose 64-bit index is not unique) ask for it.
+  bool full = !parent || (entry && entry->link) || info_class_ == FileIdExtdDirectoryInfo;
+  std::uint64_t index = 0;
+  if (!full && parent->id_.known && file_index(h, index)) {
+    id_.volume = parent->id_.volume;
+    id_.low = index;
+    id_.known = index != 0;
+  } else if (full_identity(h, id_)) {
+    if (info_class_ != FileIdExtdDirectoryInfo && file_index(h, index)) {
+      // The same form as the folders below it.
+      id_.low = index;
+      id_.high = 0;
+    }
+    // A file system without file ids gives zero for all of them: no identity.
+    id_.known = id_.low != 0 || id_.high != 0;
+  }
+  buffer_.assign(listing_buffer_bytes / sizeof(std::uint64_t), 0);
   offset_ = 0;
   return listing_status::listed;
 }
 
 bool dir_listing::next(dir_entry& entry) {
   if (!handle_ || done_) return false;
-  if (fast_ ? next_fast(entry) : next_find(entry)) return true;
+  if (next_entry(entry)) return true;
   // The listing is over. Its entries are queried by their paths, so the
   // folder is let go at once: while they wait, it can be renamed or deleted
   // like any folder nobody has open.
@@ -192,25 +186,7 @@ bool dir_listing::next(dir_entry& entry) {
   return false;
 }
 
-bool dir_listing::next_find(dir_entry& entry) {
-  auto* data = reinterpret_cast<WIN32_FIND_DATAW*>(find_data_.data());
-  if (!first_) {
-    if (!FindNextFileW(handle_, data)) {
-      DWORD error = GetLastError();
-      done_ = true;
-      if (error != ERROR_NO_MORE_FILES) fail_listing(static_cast<int>(error));  // ends the folder early
-      return false;
-    }
-  }
-  first_ = false;
-  entry = dir_entry{};
-  name_.assign(data->cFileName);
-  entry.name = name_;
-  entry.is_dir = (data->dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-  return true;
-}
-
-bool dir_listing::fetch_fast() {
+bool dir_listing::fetch() {
   auto* bytes = reinterpret_cast<unsigned char*>(buffer_.data());
   auto cls = static_cast<FILE_INFO_BY_HANDLE_CLASS>(info_class_);
   if (!GetFileInformationByHandleEx(handle_, cls, bytes, static_cast<DWORD>(buffer_.size() * sizeof(std::uint64_t)))) {
@@ -226,16 +202,16 @@ bool dir_listing::fetch_fast() {
   return true;
 }
 
-bool dir_listing::next_fast(dir_entry& entry) {
+bool dir_listing::next_entry(dir_entry& entry) {
   auto* bytes = reinterpret_cast<unsigned char*>(buffer_.data());
   if (first_) {
-    if (!fetch_fast()) return false;
+    if (!fetch()) return false;
   } else {
     // offset_ is the current entry; step to the next one, or the next buffer.
     ULONG step;
     std::memcpy(&step, bytes + offset_, sizeof step);
     if (step == 0) {
-      if (!fetch_fast()) return false;
+      if (!fetch()) return false;
     } else {
       offset_ += step;
     }
@@ -247,13 +223,13 @@ bool dir_listing::next_fast(dir_entry& entry) {
     std::uint64_t id;
     std::memcpy(&id, info->FileId.Identifier, sizeof id);  // the low 64 bits
     name_.assign(info->FileName, info->FileNameLength / sizeof(wchar_t));
-    set_entry_metadata(entry, info->FileAttributes, info->EndOfFile, id, info->ChangeTime, info->LastWriteTime,
-                       info->CreationTime);
+    set_entry(entry, fast_, info->FileAttributes, info->EndOfFile, id, info->ChangeTime, info->LastWriteTime,
+              info->CreationTime);
   } else {
     const auto* info = reinterpret_cast<const FILE_ID_BOTH_DIR_INFO*>(at);
     name_.assign(info->FileName, info->FileNameLength / sizeof(wchar_t));
-    set_entry_metadata(entry, info->FileAttributes, info->EndOfFile, static_cast<std::uint64_t>(info->FileId.QuadPart),
-                       info->ChangeTime, info->LastWriteTime, info->CreationTime);
+    set_entry(entry, fast_, info->FileAttributes, info->EndOfFile, static_cast<std::uint64_t>(info->FileId.QuadPart),
+              info->ChangeTime, info->LastWriteTime, info->CreationTime);
   }
   entry.name = name_;
   return true;

@@ -135,7 +135,7 @@ class walker {
 
   std::shared_ptr<dir_listing> open_root() {
     path_.resize(scan_->root.size());
-    return open_folder(nullptr, {});
+    return open_folder(nullptr, nullptr);
   }
 
   // Opens the folder at path_ (the root when `parent` is null). Null when
@@ -143,14 +143,14 @@ class walker {
   // one of its own ancestors (a link, junction or mount leading back up).
   // The root is accounted for whatever stopped it; a folder below it only
   // for a failure other than being gone or denied, which stays silent.
-  std::shared_ptr<dir_listing> open_folder(const dir_listing* parent, native_string_view name) {
+  std::shared_ptr<dir_listing> open_folder(const dir_listing* parent, const dir_entry* entry) {
     auto dir = std::make_shared<dir_listing>();
-    listing_status status = dir->open(path_, parent, name, f_.fastMetadata);
+    listing_status status = dir->open(path_, parent, entry, f_.fastMetadata);
     // A folder held by someone else for a moment (being renamed or deleted
     // right now) is tried again a few times before it counts as a failure.
     for (int attempt = 1; status == listing_status::busy && attempt < busy_attempts && !scan_->stopped(); ++attempt) {
       std::this_thread::sleep_for(busy_wait);
-      status = dir->open(path_, parent, name, f_.fastMetadata);
+      status = dir->open(path_, parent, entry, f_.fastMetadata);
     }
     if (status == listing_status::busy) status = listing_status::failed;
     if (status != listing_status::listed) {
@@ -209,7 +209,7 @@ class walker {
       push_name(e.name);
       bool go_on = true;
       if (!leave_dirs_.contains(relative())) {
-        if (auto child = open_folder(&dir, e.name)) {
+        if (auto child = open_folder(&dir, &e)) {
           dir_listing& ref = *child;
           ancestors_.push_back({child->id(), path_.size()});
           go_on = descend(ref, std::move(child), depth + 1, rule);
@@ -264,7 +264,7 @@ class walker {
       }
       if (ignoreDir(f_, e.name) || leave_dirs_.contains(relative())) continue;
       if (f_.needDirs) produce(top.dir, e, name_offset);
-      auto child = open_folder(top.dir.get(), e.name);
+      auto child = open_folder(top.dir.get(), &e);
       if (!child) continue;
       ancestors_.push_back({child->id(), path_.size()});
       frame next;
