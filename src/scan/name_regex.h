@@ -1,24 +1,31 @@
-// Full-match regular expressions over file and folder names: ECMAScript
+// Full-match regular expressions over file and folder names: JavaScript
 // grammar, case-sensitive, always matched against the whole name.
 //
-// Most expressions users write for names are literals joined by ".*"
-// ("~\$.*", ".*\.tmp", "node_modules"); those are matched directly on the
-// native string, which is many times cheaper than the regex engine. Every
-// other expression goes through std::wregex. Both give the same answers.
+// An expression is translated into Boost.Regex's syntax (so that every escape
+// and class means what it means in JavaScript, on both platforms) and
+// compiled once. Names are matched as UTF-16 code units, as JavaScript does.
+// Boost's matcher keeps its backtracking state on the heap and gives up after
+// a bounded number of steps: a match that would backtrack for minutes counts
+// as no match, and the expression is reported once on standard error.
+//
+// Most expressions users write for names are literals, lists of literals, or
+// literals joined by ".*" ("node_modules", "~\$.*", ".*\.tmp", "a|b|c");
+// those are matched directly on the native string, which is many times
+// cheaper than any engine. Both paths give the same answers.
 #pragma once
 
-#include <regex>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "native_path.h"
 
 namespace ostrel::scan {
 
 // An expression that does not compile; what() reads
-// `invalid regular expression "<source>": <reason>`.
+// `invalid regular expression "<source>": <reason>` (a source longer than
+// 200 bytes is shortened: "<start>... (<length> characters)").
 class invalid_pattern : public std::runtime_error {
  public:
   invalid_pattern(const std::string& source, const std::string& reason);
@@ -26,23 +33,27 @@ class invalid_pattern : public std::runtime_error {
 
 class name_regex {
  public:
-  // Compiles `source` (UTF-8); throws invalid_pattern.
-  explicit name_regex(const std::string& source);
+  enum class path {
+    automatic,    // the direct matcher when the form allows it, else the engine
+    engine_only,  // always the engine (for tests and benchmarks)
+  };
 
+  // Compiles `source` (UTF-8); throws invalid_pattern.
+  explicit name_regex(const std::string& source, path how = path::automatic);
+
+  // Thread-safe. A match the engine gives up on is false (reported once per
+  // expression on standard error).
   bool full_match(native_string_view subject) const;
-  const std::string& source() const noexcept { return source_; }
-  // True when the direct matcher handles this expression (for tests).
-  bool is_simple() const noexcept { return simple_; }
+  const std::string& source() const noexcept;
+  // True when the direct matcher handles this expression.
+  bool is_simple() const noexcept;
+  // How many times the engine gave up on a name (for tests).
+  std::size_t gave_up_count() const noexcept;
+
+  struct compiled;
 
  private:
-  bool match_simple(native_string_view subject) const;
-
-  std::string source_;
-  std::wregex regex_;
-  // Simple form: segments_[0] .* segments_[1] .* ... ; one segment means a
-  // plain literal.
-  bool simple_ = false;
-  std::vector<native_string> segments_;
+  std::shared_ptr<compiled> impl_;
 };
 
 }  // namespace ostrel::scan
