@@ -85,6 +85,18 @@ __attribute__((visibility("default")))
 }
 }
 
+#ifndef _WIN32
+// Loads after the first. On Linux the module stays mapped once loaded (its
+// thread-local state pins it), so when every environment that loaded it
+// has ended and a new Worker loads it again, its static constructor does
+// not run a second time and node finds nothing registered; it then looks
+// for this symbol. Windows unloads the DLL and runs the constructor again.
+extern "C" __attribute__((visibility("default"))) napi_value napi_register_module_v1(napi_env env,
+                                                                                      napi_value exports) {
+  return ostrel::initialise(env, exports);
+}
+#endif
+
 namespace {
 struct register_at_load {
   register_at_load() { _register_ostrel_(); }

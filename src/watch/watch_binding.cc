@@ -6,6 +6,7 @@
 #include <uv.h>
 
 #include <memory>
+#include <utility>
 
 #include "main/export_steps.h"
 #include "runtime/environment.h"
@@ -144,15 +145,25 @@ class watch_session : public std::enable_shared_from_this<watch_session> {
   watch_session(std::shared_ptr<WatchData> w, std::shared_ptr<script_sink> sink, std::shared_ptr<scheduler> sched)
       : w_(std::move(w)), sink_(std::move(sink)), sched_(std::move(sched)) {}
 
-  void start(environment& env, uv_loop_t* loop) {
+  void start(environment& env, napi_env napi, uv_loop_t* loop) {
     sched_->add_ref();
     held_ = true;
+    // TRICKY: closing the root poll completes only once its pending stat
+    // has returned from libuv's thread pool, possibly after the last turn
+    // of a Worker's event loop; a handle still closing then makes node abort
+    // at the loop's close. An asynchronous clean-up hook keeps the
+    // environment waiting until the poll is really closed. The hook belongs
+    // to the poll (its close callback removes it), not to the session, which
+    // may be gone by then.
     std::weak_ptr<watch_session> weak = weak_from_this();
-    ticket_ = session_registry::add(env.sessions(), [weak] {
-      if (auto s = weak.lock()) s->close();
-    });
+    // The registry owns the session until it is closed: a script that drops
+    // the close function still gets its events, and the environment's
+    // clean-up still closes it.
+    ticket_ = session_registry::add(env.sessions(), [self = shared_from_this()] { self->close(); });
+    auto* box = new poll_box{weak, nullptr};
+    if (napi_add_async_cleanup_hook(napi, &on_async_cleanup, box, &box->hook) != napi_ok) box->hook = nullptr;
     poll_ = new uv_fs_poll_t{};
-    poll_->data = new std::weak_ptr<watch_session>(weak);
+    poll_->data = box;
     uv_fs_poll_init(loop, poll_);
     std::string root = scan::native_to_utf8(w_->rootPath);
     uv_fs_poll_start(poll_, &on_poll, root.c_str(), root_poll_ms);
@@ -168,7 +179,10 @@ class watch_session : public std::enable_shared_from_this<watch_session> {
       uv_fs_poll_stop(poll_);
       uv_close(reinterpret_cast<uv_handle_t*>(poll_), [](uv_handle_t* h) {
         auto* p = reinterpret_cast<uv_fs_poll_t*>(h);
-        delete static_cast<std::weak_ptr<watch_session>*>(p->data);
+        auto* box = static_cast<poll_box*>(p->data);
+        // The environment need not wait any longer.
+        if (box->hook) napi_remove_async_cleanup_hook(box->hook);
+        delete box;
         delete p;
       });
       poll_ = nullptr;
@@ -182,8 +196,21 @@ class watch_session : public std::enable_shared_from_this<watch_session> {
   }
 
  private:
+  // What the root poll's handle carries: its session, and the clean-up hook
+  // that its close callback removes.
+  struct poll_box {
+    std::weak_ptr<watch_session> session;
+    napi_async_cleanup_hook_handle hook;
+  };
+
+  static void on_async_cleanup(napi_async_cleanup_hook_handle, void* arg) {
+    // Closing the session closes the poll, whose close callback removes
+    // this hook.
+    if (auto self = static_cast<poll_box*>(arg)->session.lock()) self->close();
+  }
+
   static void on_poll(uv_fs_poll_t* handle, int status, const uv_stat_t*, const uv_stat_t* curr) {
-    auto self = static_cast<std::weak_ptr<watch_session>*>(handle->data)->lock();
+    auto self = static_cast<poll_box*>(handle->data)->session.lock();
     if (!self || !self->w_->running.load()) return;
     WatchData& w = *self->w_;
     if (status < 0 || curr->st_ino == 0) {
@@ -226,7 +253,7 @@ Napi::Value start_file_watch(const Napi::CallbackInfo& info) {
   auto data = std::make_shared<WatchData>(scan::walk_root(scan::utf8_to_native(root_utf8)), std::move(filters),
                                           std::move(targets), settings, sink);
   auto session = std::make_shared<watch_session>(data, sink, owner->shared_scheduler());
-  session->start(*owner, loop);
+  session->start(*owner, env, loop);
   return Napi::Function::New(
       env,
       [session](const Napi::CallbackInfo& call) -> Napi::Value {

@@ -92,6 +92,9 @@ test('hidden files', async (t) => {
       totalFileCount: 4,
       filteredFileCount: 1,
       hiddenSystemFileCount: 1,
+      complete: true,
+      skippedFolders: [],
+      loopedFolders: [],
     });
   });
 });
