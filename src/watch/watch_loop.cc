@@ -4,6 +4,7 @@
 #include <deque>
 #include <filesystem>
 #include <mutex>
+#include <thread>
 
 #include "dir_reader.h"
 #include "runtime/blocking.h"
@@ -177,7 +178,19 @@ native_string join(const native_string& root, native_string_view name) {
 void expand_folder(WatchData& w, const native_string& folder, std::vector<watch_event>& out) {
   namespace fs = std::filesystem;
   std::error_code ec;
-  fs::recursive_directory_iterator it(fs::path(folder), fs::directory_options::skip_permission_denied, ec);
+  fs::recursive_directory_iterator it;
+  // A folder just moved in may refuse to be opened for a moment (another
+  // program still holds it): try a few times before giving up on it.
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    ec.clear();
+    it = fs::recursive_directory_iterator(fs::path(folder), fs::directory_options::skip_permission_denied, ec);
+    if (!ec || ec == std::errc::no_such_file_or_directory) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  if (ec && ec != std::errc::no_such_file_or_directory) {
+    log::err("FileWatcher: the entries of " + scan::native_to_utf8(folder) + " are not reported: " + ec.message());
+    return;
+  }
   for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
     if (!w.running.load()) return;
     const fs::path& p = it->path();
@@ -201,6 +214,9 @@ void expand_folder(WatchData& w, const native_string& folder, std::vector<watch_
     e.file_name = native_string(rel);
     e.info = std::move(*info);
     out.push_back(std::move(e));
+  }
+  if (ec && ec != std::errc::no_such_file_or_directory) {
+    log::err("FileWatcher: the listing of " + scan::native_to_utf8(folder) + " stopped part-way: " + ec.message());
   }
 }
 

@@ -281,7 +281,13 @@ test('a folder nested past the path limit is listed or named, and the walk goes 
 // of open files set low, the folders past it cannot be opened (EMFILE). Two
 // deep chains: the walk skips the first one's deep folder and goes on to the
 // second, whichever the file system lists first.
-test('folders that cannot be opened are skipped, named with their error, and the walk goes on (Linux)', { skip: isWindows && 'Linux only' }, (t) => {
+// The sanitizers test whether memory is readable through a pipe they open;
+// with the descriptors used up that fails and UBSan reports every virtual
+// call as one on an invalid object, so the case runs on the plain build only.
+const sanitized = /asan|tsan/.test(process.env.LD_PRELOAD || '');
+test('folders that cannot be opened are skipped, named with their error, and the walk goes on (Linux)', {
+  skip: (isWindows && 'Linux only') || (sanitized && 'sanitizers need descriptors of their own'),
+}, (t) => {
   const files = { 'top.txt': '', 'p/shallow.txt': '', 'q/shallow.txt': '' };
   const deep = (b) => `${b}/${Array.from({ length: 120 }, (_, i) => `l${i}`).join('/')}/leaf.txt`;
   files[deep('p')] = '';
