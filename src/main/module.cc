@@ -91,8 +91,7 @@ __attribute__((visibility("default")))
 // has ended and a new Worker loads it again, its static constructor does
 // not run a second time and node finds nothing registered; it then looks
 // for this symbol. Windows unloads the DLL and runs the constructor again.
-extern "C" __attribute__((visibility("default"))) napi_value napi_register_module_v1(napi_env env,
-                                                                                      napi_value exports) {
+extern "C" __attribute__((visibility("default"))) napi_value napi_register_module_v1(napi_env env, napi_value exports) {
   return ostrel::initialise(env, exports);
 }
 #endif
