@@ -266,3 +266,42 @@ test('closing', async (t) => {
     }
   });
 });
+
+// Linux only, as root: inotify's queue length is read when a descriptor is
+// made, so the limit is lowered just while the watch starts and put back at
+// once; a burst then overflows the watch's small queue.
+const queuedEvents = '/proc/sys/fs/inotify/max_queued_events';
+const canShrinkQueue = process.platform === 'linux' && process.getuid && process.getuid() === 0 &&
+  (() => { try { fs.accessSync(queuedEvents, fs.constants.W_OK); return true; } catch { return false; } })();
+test('an overflow is reported with reportOverflow and silent without it', { skip: !canShrinkQueue && 'needs root on Linux to shrink the inotify queue' }, async (t) => {
+  for (const reportOverflow of [true, false]) {
+    await t.test(`reportOverflow: ${reportOverflow}`, async () => {
+      const root = tempDir();
+      const saved = fs.readFileSync(queuedEvents, 'utf8').trim();
+      let w;
+      try {
+        fs.writeFileSync(queuedEvents, '8');
+        try {
+          w = await watch(root, { reportOverflow });
+        } finally {
+          fs.writeFileSync(queuedEvents, saved);
+        }
+        for (let i = 0; i < 2000; i++) fs.writeFileSync(path.join(root, `o${i}`), '');
+        if (reportOverflow) {
+          await w.waitFor(() => w.errors.some((e) => e.code === 'OVERFLOW'));
+          assert.deepEqual(Object.keys(w.errors.find((e) => e.code === 'OVERFLOW')), ['errorCode', 'errorReason', 'code']);
+          assert.equal(w.errors.find((e) => e.code === 'OVERFLOW').errorCode, 1022);
+        } else {
+          await new Promise((r) => setTimeout(r, 1000));
+          assert.deepEqual(w.errors, []);
+        }
+        // Either way the watch goes on after the loss.
+        fs.writeFileSync(path.join(root, 'after.txt'), 'x');
+        await w.waitFor(() => w.events.some((e) => e.fileName === 'after.txt'));
+      } finally {
+        if (w) w.close();
+        fs.rmSync(root, { recursive: true, force: true });
+      }
+    });
+  }
+});
