@@ -20,22 +20,8 @@ export function getVersion(): string;
 // ---------------------------------------------------------------- watch --
 // See docs/watch.md.
 
-/** What a changed item is, as the scan's file objects (without dirPath). */
-export interface WatchFileStat {
-  absolutePath: string;
-  name: string;
-  relativePath: string;
-  relativeDir: string;
-  isFile: boolean;
-  hidden: boolean;
-  isSystem: boolean;
-  size: number;
-  ino: number;
-  ctimeMs: number;
-  mtimeMs: number;
-  birthtimeMs: number;
-  readable: boolean;
-}
+/** What a changed item is: the scan's file object without dirPath. */
+export type WatchFileStat = Omit<FileObject, 'dirPath'>;
 
 export type WatchEventName =
   | 'add' | 'addDir' | 'unlink' | 'unlinkDir' | 'change' | 'changeDir'

@@ -8,9 +8,7 @@
 // standard error); folders below it that cannot be listed make the scan
 // incomplete (status 3): the summary names them and a warning goes to
 // standard error.
-const fs = require('fs');
-const path = require('path');
-const { UsageError, CommandError, parseCommandArgs } = require('./usage');
+const { UsageError, CommandError, parseCommandArgs, folderArgument } = require('./usage');
 const format = require('./format');
 const { collectStats } = require('./stats');
 
@@ -87,18 +85,6 @@ function scanOptions(values) {
   return options;
 }
 
-function rootFolder(given, cwd) {
-  const dir = path.resolve(cwd, given === undefined ? '.' : given);
-  let st;
-  try {
-    st = fs.statSync(dir);
-  } catch (err) {
-    throw new CommandError(err.code === 'ENOENT' ? `no such folder: ${dir}` : `cannot read ${dir}: ${err.message}`);
-  }
-  if (!st.isDirectory()) throw new CommandError(`not a folder: ${dir}`);
-  return dir;
-}
-
 const describeSkip = (s) => `${s.path}: ${s.reason} (error ${s.code})`;
 
 function summary(dir, stats, result, seconds, interrupted) {
@@ -134,7 +120,7 @@ function summary(dir, stats, result, seconds, interrupted) {
 function run(args, io) {
   const { values, positionals } = parseCommandArgs('scan', args, OPTIONS, { positionals: 1 });
   const options = scanOptions(values);
-  const dir = rootFolder(positionals[0], io.cwd);
+  const dir = folderArgument(positionals[0], io.cwd);
   const data = io.stdout;
   const report = values.json ? io.stderr : io.stdout;
   // The progress line goes where the summary goes, and only on a terminal

@@ -50,4 +50,21 @@ function parseCommandArgs(command, args, options, { positionals = 0 } = {}) {
   return parsed;
 }
 
-module.exports = { UsageError, CommandError, HelpRequest, parseCommandArgs };
+// The folder a command works on: `given` resolved against `cwd` (the
+// current folder when absent); a CommandError when it is missing or not a
+// folder.
+function folderArgument(given, cwd) {
+  const fs = require('fs');
+  const path = require('path');
+  const dir = path.resolve(cwd, given === undefined ? '.' : given);
+  let st;
+  try {
+    st = fs.statSync(dir);
+  } catch (err) {
+    throw new CommandError(err.code === 'ENOENT' ? `no such folder: ${dir}` : `cannot read ${dir}: ${err.message}`);
+  }
+  if (!st.isDirectory()) throw new CommandError(`not a folder: ${dir}`);
+  return dir;
+}
+
+module.exports = { UsageError, CommandError, HelpRequest, parseCommandArgs, folderArgument };

@@ -4,9 +4,7 @@
 // (time, event, relative path), or one JSON line per event with --json.
 // Error events go to standard error, "watching <dir>" once the watch is
 // armed. Ends on Ctrl-C with status 130.
-const fs = require('fs');
-const path = require('path');
-const { UsageError, CommandError, parseCommandArgs } = require('./usage');
+const { UsageError, parseCommandArgs, folderArgument } = require('./usage');
 
 const OPTIONS = {
   json: { type: 'boolean' },
@@ -46,24 +44,12 @@ function watchOptions(values) {
   return options;
 }
 
-function rootFolder(given, cwd) {
-  const dir = path.resolve(cwd, given === undefined ? '.' : given);
-  let st;
-  try {
-    st = fs.statSync(dir);
-  } catch (err) {
-    throw new CommandError(err.code === 'ENOENT' ? `no such folder: ${dir}` : `cannot read ${dir}: ${err.message}`);
-  }
-  if (!st.isDirectory()) throw new CommandError(`not a folder: ${dir}`);
-  return dir;
-}
-
 const time = () => new Date().toISOString().slice(11, 23);
 
 function run(args, io) {
   const { values, positionals } = parseCommandArgs('watch', args, OPTIONS, { positionals: 1 });
   const options = watchOptions(values);
-  const dir = rootFolder(positionals[0], io.cwd);
+  const dir = folderArgument(positionals[0], io.cwd);
   const ostrel = io.loadModule();
   return new Promise((resolve) => {
     let close;

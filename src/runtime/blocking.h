@@ -105,7 +105,7 @@ class own_thread_job {
   std::function<R()> job_;
   resumable waiter_;
   std::exception_ptr error_;
-  std::conditional_t<std::is_void_v<R>, char, std::optional<std::conditional_t<std::is_void_v<R>, char, R>>> value_{};
+  std::optional<std::conditional_t<std::is_void_v<R>, char, R>> value_;
 };
 
 // co_await on_own_thread(job) runs job() on a thread of its own and gives

@@ -1,5 +1,7 @@
 #include "strings.h"
 
+#include <system_error>
+
 #include <cstdint>
 
 namespace ostrel {
@@ -124,6 +126,14 @@ std::wstring to_wide(std::string_view text) {
     for (std::size_t i = 0; i < text.size();) out.push_back(static_cast<wchar_t>(next_utf8(text, i)));
     return out;
   }
+}
+
+std::string system_error_text(int code) {
+  std::string text = std::system_category().message(code);
+  while (!text.empty() && (text.back() == '.' || text.back() == '\n' || text.back() == '\r' || text.back() == ' ')) {
+    text.pop_back();
+  }
+  return text;
 }
 
 }  // namespace ostrel

@@ -14,4 +14,8 @@ std::u16string to_utf16(std::string_view text);
 std::string to_utf8(std::wstring_view text);
 std::wstring to_wide(std::string_view text);
 
+// The system's short text for an error code (errno on Linux, a Win32 code
+// on Windows), without the trailing period and line break.
+std::string system_error_text(int code);
+
 }  // namespace ostrel

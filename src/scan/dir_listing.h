@@ -10,6 +10,7 @@
 #include "file_info.h"
 #include "file_query.h"
 #include "native_path.h"
+#include "runtime/strings.h"
 
 namespace ostrel::scan {
 
@@ -90,7 +91,7 @@ class dir_listing {
   // listed.
   static listing_status classify(int code) noexcept;
   // The platform's short description of an error code.
-  static std::string describe(int code);
+  static std::string describe(int code) { return system_error_text(code); }
 
  private:
   void close() noexcept;

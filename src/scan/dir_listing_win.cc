@@ -65,14 +65,6 @@ listing_status dir_listing::classify(int code) noexcept {
   }
 }
 
-std::string dir_listing::describe(int code) {
-  std::string text = std::system_category().message(code);
-  while (!text.empty() && (text.back() == '.' || text.back() == '\n' || text.back() == '\r' || text.back() == ' ')) {
-    text.pop_back();
-  }
-  return text;
-}
-
 void dir_listing::fail_listing(int code) noexcept {
   error_ = code;
   end_ = classify(code);

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -19,6 +20,7 @@
 #include "runtime/io_service.h"
 #include "runtime/log.h"
 #include "runtime/runtime.h"
+#include "runtime/strings.h"
 #include "scan/scan_stats.h"
 #include "watch_data.h"
 
@@ -52,7 +54,10 @@ class readable_wait : public overlapped_operation<readable_wait> {
 
 class inotify_reader final : public dir_reader {
  public:
-  inotify_reader(native_string root, bool dir_mode) : root_(std::move(root)), dir_mode_(dir_mode) {}
+  // `running` is the session's flag: putting watches on a big tree stops
+  // as soon as the session does.
+  inotify_reader(native_string root, bool dir_mode, const std::atomic<bool>& running)
+      : root_(std::move(root)), dir_mode_(dir_mode), running_(running) {}
   ~inotify_reader() override {
     if (fd_ >= 0) ::close(fd_);
   }
@@ -96,7 +101,7 @@ class inotify_reader final : public dir_reader {
   // Puts a watch on every folder below `rel` (relative to the root).
   void watch_below(const native_string& rel) {
     std::vector<native_string> pending{rel};
-    while (!pending.empty()) {
+    while (!pending.empty() && running_.load()) {
       native_string dir = std::move(pending.back());
       pending.pop_back();
       DIR* d = opendir(path_of(dir).c_str());
@@ -217,6 +222,7 @@ class inotify_reader final : public dir_reader {
 
   native_string root_;
   bool dir_mode_;
+  const std::atomic<bool>& running_;
   int fd_ = -1;
   int root_wd_ = -1;
   bool warned_limit_ = false;
@@ -227,7 +233,7 @@ class inotify_reader final : public dir_reader {
 
 open_result open_dir_reader(const WatchData& w, bool dir_mode) {
   auto start = std::chrono::steady_clock::now();
-  auto reader = std::make_unique<inotify_reader>(w.rootPath, dir_mode);
+  auto reader = std::make_unique<inotify_reader>(w.rootPath, dir_mode, w.running);
   std::uint32_t error = reader->open();
   auto elapsed = static_cast<std::uint64_t>(
       std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count());
@@ -242,7 +248,7 @@ open_result open_dir_reader(const WatchData& w, bool dir_mode) {
 }
 
 std::string system_message(std::uint32_t code) {
-  return std::strerror(static_cast<int>(code));
+  return system_error_text(static_cast<int>(code));
 }
 
 }  // namespace ostrel::watch

@@ -75,4 +75,10 @@ std::vector<watch_event> WatchData::take_deliverable() {
   return out;
 }
 
+void WatchData::flush() {
+  std::lock_guard lock(flush_mutex_);
+  std::vector<watch_event> events = take_deliverable();
+  if (!events.empty()) sink->events(std::move(events));
+}
+
 }  // namespace ostrel::watch

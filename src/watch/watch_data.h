@@ -86,9 +86,13 @@ class WatchData {
   bool finish_record(bool dir_mode, std::uint64_t seq, std::vector<watch_event> events);
   // Takes every event whose records and all earlier ones are classified.
   std::vector<watch_event> take_deliverable();
+  // Hands the deliverable events to the sink. Serialised, so that two
+  // flushes cannot pass their batches on out of order.
+  void flush();
 
  private:
   std::mutex mutex_;
+  std::mutex flush_mutex_;
   std::vector<std::shared_ptr<cancellation_source>> cancelSources_;
   struct ordered {
     std::uint64_t next_assigned = 0;

@@ -103,22 +103,6 @@ task<void> ReadChangesTask(std::shared_ptr<WatchData> w, std::shared_ptr<dir_rea
   queue->close();
 }
 
-// Flushes the session's deliverable events. Serialised so that two flushes
-// cannot hand batches to the script side out of order.
-void flush_events(WatchData& w, std::mutex& flush_mutex) {
-  std::lock_guard lock(flush_mutex);
-  std::vector<watch_event> events = w.take_deliverable();
-  if (!events.empty()) w.sink->events(std::move(events));
-}
-
-std::mutex& flush_mutex_of(WatchData& w) {
-  // One per session would do; one per process is simpler and a flush only
-  // moves a vector.
-  (void)w;
-  static auto* m = new std::mutex();
-  return *m;
-}
-
 std::vector<native_string> components_of(native_string_view name) {
   std::vector<native_string> out;
   std::size_t start = 0;
@@ -229,7 +213,7 @@ struct record_finisher {
   std::vector<watch_event> events;
   ~record_finisher() {
     try {
-      if (w->finish_record(dir_mode, seq, std::move(events))) flush_events(*w, flush_mutex_of(*w));
+      if (w->finish_record(dir_mode, seq, std::move(events))) w->flush();
     } catch (const std::exception& e) {
       log::err_value("Error in NotifyDataFromNotifyInfo: ", e.what());
     }
