@@ -148,7 +148,7 @@ function parent() {
   const tree = ensureTree({ repoRoot: root, files, generate: process.platform !== 'win32', log: (m) => console.error(m) });
   const rows = [];
   for (const name of only) {
-    const r = spawnSync(process.execPath, [__filename, '--child', name, '--dir', tree.dir], {
+    const r = spawnSync(process.execPath, [__filename, '--child', name, '--dir', tree.dir, '--burst', String(burst)], {
       encoding: 'utf8', env: { ...process.env, OSTREL_LOG_STDOUT: 'stderr' }, timeout: 600000, maxBuffer: 64 << 20,
     });
     const m = /^RESULT (.*)$/m.exec(r.stdout || '');

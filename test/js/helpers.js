@@ -20,8 +20,9 @@ function loadProbe() {
 // Runs `source` in a child node (the same executable as this one) and
 // returns { status, stdout, stderr }. Lifecycle cases (clean-up, exit with
 // work in flight) run this way so that a crash fails one test, not the run.
-function runChild(source, { timeout = 60000, env = {}, maxBuffer = 1024 * 1024 } = {}) {
+function runChild(source, { timeout = 60000, env = {}, maxBuffer = 1024 * 1024, ...spawnOptions } = {}) {
   const r = spawnSync(process.execPath, ['-e', source], {
+    ...spawnOptions,
     cwd: root,
     encoding: 'utf8',
     timeout,
