@@ -5,8 +5,13 @@
 #include <napi.h>
 #include <uv.h>
 
+#include <deque>
+#include <iterator>
 #include <memory>
+#include <mutex>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "main/export_steps.h"
 #include "runtime/environment.h"
@@ -48,19 +53,30 @@ class script_sink final : public watch_sink, public std::enable_shared_from_this
     }
   }
 
-  void events(std::vector<watch_event> events) override {
-    spawn(deliver_events(shared_from_this(), std::move(events)), runtime::alive());
-  }
+  void events(std::vector<watch_event> events) override { post(item{item::events, std::move(events), 0, {}, {}}); }
   void error(std::int64_t error_code, std::string reason, std::string code) override {
-    spawn(deliver_error(shared_from_this(), error_code, std::move(reason), std::move(code)), runtime::alive());
+    post(item{item::error, {}, error_code, std::move(reason), std::move(code)});
   }
-  void ready() override { spawn(deliver_ready(shared_from_this()), runtime::alive()); }
+  void ready() override { post(item{item::ready, {}, 0, {}, {}}); }
 
  private:
-  static task<void> deliver_events(std::shared_ptr<script_sink> self, std::vector<watch_event> events);
-  static task<void> deliver_error(std::shared_ptr<script_sink> self, std::int64_t error_code, std::string reason,
-                                  std::string code);
-  static task<void> deliver_ready(std::shared_ptr<script_sink> self);
+  // What the loops report, queued in order until the main thread takes it.
+  struct item {
+    enum kind_t { events, error, ready } kind;
+    std::vector<watch_event> list;
+    std::int64_t error_code = 0;
+    std::string reason;
+    std::string code;
+  };
+  // Any thread. Consecutive batches of events are merged while they wait,
+  // so that a burst the main thread could not keep up with arrives in few
+  // calls instead of one per read; errors and the ready signal keep their
+  // place between them.
+  void post(item it);
+  static task<void> drain(std::shared_ptr<script_sink> self);
+  void deliver_events(std::vector<watch_event>& events);
+  void deliver_error(const item& it);
+  void deliver_ready();
   // Calls a callback; a throwing one is logged and watching goes on.
   void call(napi_ref callback, std::size_t argc, const napi_value* argv, const char* what);
 
@@ -69,7 +85,52 @@ class script_sink final : public watch_sink, public std::enable_shared_from_this
   napi_ref on_event_ = nullptr;
   napi_ref on_ready_ = nullptr;
   bool closed_ = false;  // main thread only
+  std::mutex queue_mutex_;
+  std::deque<item> queue_;
+  bool draining_ = false;  // a drain is scheduled and has not taken the queue yet
 };
+
+void script_sink::post(item it) {
+  bool start;
+  {
+    std::lock_guard lock(queue_mutex_);
+    if (it.kind == item::events && !queue_.empty() && queue_.back().kind == item::events) {
+      auto& list = queue_.back().list;
+      list.insert(list.end(), std::make_move_iterator(it.list.begin()), std::make_move_iterator(it.list.end()));
+    } else {
+      queue_.push_back(std::move(it));
+    }
+    start = !draining_;
+    draining_ = true;
+  }
+  if (start) spawn(drain(shared_from_this()), runtime::alive());
+}
+
+// Main thread. A post after the queue is taken starts the next drain, which
+// the scheduler runs after this one: the order holds.
+task<void> script_sink::drain(std::shared_ptr<script_sink> self) {
+  co_await self->sched_->schedule();
+  std::deque<item> items;
+  {
+    std::lock_guard lock(self->queue_mutex_);
+    items.swap(self->queue_);
+    self->draining_ = false;
+  }
+  for (item& it : items) {
+    if (self->closed_) co_return;
+    switch (it.kind) {
+      case item::events:
+        self->deliver_events(it.list);
+        break;
+      case item::error:
+        self->deliver_error(it);
+        break;
+      case item::ready:
+        self->deliver_ready();
+        break;
+    }
+  }
+}
 
 void script_sink::call(napi_ref callback, std::size_t argc, const napi_value* argv, const char* what) {
   napi_value fn;
@@ -82,60 +143,104 @@ void script_sink::call(napi_ref callback, std::size_t argc, const napi_value* ar
   if (!r.ok) log::out_value(what, r.thrown);
 }
 
-napi_value event_object(Napi::Env env, const watch_event& e) {
-  Napi::Object stat = Napi::Object::New(env);
-  const scan::FileInfo& i = e.info;
-  stat.Set("absolutePath", i.absolutePath);
-  stat.Set("name", i.name);
-  stat.Set("relativePath", i.relativePath);
-  stat.Set("relativeDir", i.relativeDir);
-  stat.Set("isFile", i.isFile);
-  stat.Set("hidden", i.hidden);
-  stat.Set("isSystem", i.isSystem);
-  stat.Set("size", static_cast<double>(i.size));
-  stat.Set("ino", static_cast<double>(i.ino));
-  stat.Set("ctimeMs", i.ctimeMs);
-  stat.Set("mtimeMs", i.mtimeMs);
-  stat.Set("birthtimeMs", i.birthtimeMs);
-  stat.Set("readable", i.readable);
-  Napi::Object o = Napi::Object::New(env);
-  o.Set("fileName", scan::native_to_utf8(e.file_name));
-  o.Set("watchEvent", watch_event_name(e.action, i.isFile));
-  o.Set("action", static_cast<double>(e.action));
-  o.Set("fileStat", stat);
-  return o;
+// The property names of event objects, made once per delivered batch.
+class event_object_builder {
+ public:
+  explicit event_object_builder(napi_env env) : env_(env) {
+    for (std::size_t i = 0; i < std::size(names); ++i)
+      napi_check(env, napi_create_string_utf8(env, names[i], NAPI_AUTO_LENGTH, &keys_[i]));
+  }
+
+  napi_value make(const watch_event& e) const {
+    const scan::FileInfo& i = e.info;
+    napi_value stat_values[] = {
+        string(i.absolutePath),
+        string(i.name),
+        string(i.relativePath),
+        string(i.relativeDir),
+        boolean(i.isFile),
+        boolean(i.hidden),
+        boolean(i.isSystem),
+        number(static_cast<double>(i.size)),
+        number(static_cast<double>(i.ino)),
+        number(i.ctimeMs),
+        number(i.mtimeMs),
+        number(i.birthtimeMs),
+        boolean(i.readable),
+    };
+    napi_value stat = object(0, std::size(stat_values), stat_values);
+    napi_value event_values[] = {
+        string(scan::native_to_utf8(e.file_name)),
+        string(watch_event_name(e.action, i.isFile)),
+        number(static_cast<double>(e.action)),
+        stat,
+    };
+    return object(std::size(stat_values), std::size(event_values), event_values);
+  }
+
+ private:
+  static constexpr const char* names[] = {
+      "absolutePath", "name",    "relativePath", "relativeDir", "isFile",   "hidden",     "isSystem", "size",     "ino",
+      "ctimeMs",      "mtimeMs", "birthtimeMs",  "readable",    "fileName", "watchEvent", "action",   "fileStat",
+  };
+
+  napi_value object(std::size_t first_key, std::size_t count, const napi_value* values) const {
+    napi_property_descriptor props[std::size(names)];
+    for (std::size_t k = 0; k < count; ++k)
+      props[k] = {nullptr,   keys_[first_key + k],    nullptr, nullptr, nullptr,
+                  values[k], napi_default_jsproperty, nullptr};
+    napi_value o;
+    napi_check(env_, napi_create_object(env_, &o));
+    napi_check(env_, napi_define_properties(env_, o, count, props));
+    return o;
+  }
+  napi_value string(const std::string& s) const {
+    napi_value v;
+    napi_check(env_, napi_create_string_utf8(env_, s.data(), s.size(), &v));
+    return v;
+  }
+  napi_value number(double d) const {
+    napi_value v;
+    napi_check(env_, napi_create_double(env_, d, &v));
+    return v;
+  }
+  napi_value boolean(bool b) const {
+    napi_value v;
+    napi_check(env_, napi_get_boolean(env_, b, &v));
+    return v;
+  }
+
+  napi_env env_;
+  napi_value keys_[std::size(names)];
+};
+
+void script_sink::deliver_events(std::vector<watch_event>& events) {
+  if (!on_event_) return;
+  Napi::HandleScope scope{Napi::Env(env_)};
+  event_object_builder builder(env_);
+  napi_value arg;
+  napi_check(env_, napi_create_array_with_length(env_, events.size(), &arg));
+  for (std::size_t i = 0; i < events.size(); ++i)
+    napi_check(env_, napi_set_element(env_, arg, static_cast<uint32_t>(i), builder.make(events[i])));
+  call(on_event_, 1, &arg, "Caught Napi::Error in FileWatch callback: ");
 }
 
-task<void> script_sink::deliver_events(std::shared_ptr<script_sink> self, std::vector<watch_event> events) {
-  co_await self->sched_->schedule();
-  if (self->closed_ || !self->on_event_) co_return;
-  Napi::Env env(self->env_);
-  Napi::HandleScope scope(env);
-  Napi::Array array = Napi::Array::New(env, events.size());
-  for (std::size_t i = 0; i < events.size(); ++i) array.Set(static_cast<uint32_t>(i), event_object(env, events[i]));
-  napi_value arg = array;
-  self->call(self->on_event_, 1, &arg, "Caught Napi::Error in FileWatch callback: ");
-}
-
-task<void> script_sink::deliver_error(std::shared_ptr<script_sink> self, std::int64_t error_code, std::string reason,
-                                      std::string code) {
-  co_await self->sched_->schedule();
-  if (self->closed_ || !self->on_event_) co_return;
-  Napi::Env env(self->env_);
+void script_sink::deliver_error(const item& it) {
+  if (!on_event_) return;
+  Napi::Env env(env_);
   Napi::HandleScope scope(env);
   Napi::Object o = Napi::Object::New(env);
-  o.Set("errorCode", static_cast<double>(error_code));
-  o.Set("errorReason", reason);
-  o.Set("code", code);
+  o.Set("errorCode", static_cast<double>(it.error_code));
+  o.Set("errorReason", it.reason);
+  o.Set("code", it.code);
   napi_value arg = o;
-  self->call(self->on_event_, 1, &arg, "Caught Napi::Error in FileWatch callback: ");
+  call(on_event_, 1, &arg, "Caught Napi::Error in FileWatch callback: ");
 }
 
-task<void> script_sink::deliver_ready(std::shared_ptr<script_sink> self) {
-  co_await self->sched_->schedule();
-  if (self->closed_ || !self->on_ready_) co_return;
-  Napi::HandleScope scope(Napi::Env(self->env_));
-  self->call(self->on_ready_, 0, nullptr, "Caught Napi::Error in FileWatch ready callback: ");
+void script_sink::deliver_ready() {
+  if (!on_ready_) return;
+  Napi::HandleScope scope{Napi::Env(env_)};
+  call(on_ready_, 0, nullptr, "Caught Napi::Error in FileWatch ready callback: ");
 }
 
 // One StartFileWatch call on the script side: the session, its sink, the

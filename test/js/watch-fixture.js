@@ -7,7 +7,7 @@ const path = require('path');
 const ostrel = require('../..');
 
 // Starts a watch on `root`; resolves once it is ready with
-// { events, errors, close, waitFor(predicate, ms) }.
+// { events, errors, calls, close, waitFor(predicate, ms) }.
 function watch(root, options = {}) {
   return new Promise((resolve, reject) => {
     const events = [];
@@ -25,6 +25,7 @@ function watch(root, options = {}) {
     const session = {
       events,
       errors,
+      calls: 0,
       close: () => close(),
       // Resolves when `test()` holds, rejects after `ms` with what was seen.
       waitFor(test, ms = 10000) {
@@ -41,6 +42,7 @@ function watch(root, options = {}) {
       close = ostrel.StartFileWatch(
         root,
         (arg) => {
+          session.calls++;
           if (Array.isArray(arg)) events.push(...arg);
           else errors.push(arg);
           check();
