@@ -70,6 +70,7 @@ class environment : public std::enable_shared_from_this<environment> {
  private:
   environment() = default;
   static void on_cleanup_hook(void* arg);
+  static void on_teardown_hook(napi_async_cleanup_hook_handle handle, void* arg);
 
   napi_env env_ = nullptr;
   std::thread::id main_thread_;

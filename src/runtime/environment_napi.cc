@@ -42,6 +42,16 @@ std::shared_ptr<environment> environment::start(napi_env env, std::size_t pool_s
   t_current = self.get();
 
   try {
+    // TRICKY: node runs clean-up hooks last in, first out, so this one runs
+    // after the clean-up below and keeps the environment (and so the module)
+    // until the async handles that clean-up closed have run their close
+    // callbacks, which are code of this module.
+    auto* teardown = new std::shared_ptr<environment>(self);
+    napi_async_cleanup_hook_handle ignored;
+    if (napi_add_async_cleanup_hook(env, &environment::on_teardown_hook, teardown, &ignored) != napi_ok) {
+      delete teardown;
+      log::err("napi_add_async_cleanup_hook failed");
+    }
     auto* box = new std::shared_ptr<environment>(self);
     napi_status status = napi_add_env_cleanup_hook(env, &environment::on_cleanup_hook, box);
     if (status != napi_ok) {
@@ -86,6 +96,14 @@ void environment::on_cleanup_hook(void* arg) {
   std::shared_ptr<environment> self = std::move(*box);
   delete box;
   self->cleanup();
+}
+
+void environment::on_teardown_hook(napi_async_cleanup_hook_handle handle, void* arg) {
+  auto* box = static_cast<std::shared_ptr<environment>*>(arg);
+  std::shared_ptr<environment> self = std::move(*box);
+  delete box;
+  self->cleanup();  // done already, unless the hooks ran in another order
+  self->scheduler_->when_handles_closed([handle] { napi_remove_async_cleanup_hook(handle); });
 }
 
 void environment::cleanup() noexcept {

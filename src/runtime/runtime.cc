@@ -6,6 +6,7 @@
 
 #include "log.h"
 #include "memory.h"
+#include "module_pin.h"
 
 namespace ostrel {
 
@@ -88,6 +89,10 @@ class job_thread_set {
         e.thread.detach();
         joined = false;
       }
+    }
+    if (!joined) {
+      log::err("Ostrel left a job running past clean-up; the module stays loaded");
+      pin_module();
     }
     return joined;
   }

@@ -14,6 +14,7 @@
 #include <coroutine>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -88,14 +89,26 @@ class scheduler : public std::enable_shared_from_this<scheduler> {
   // Dispatch runs so far; for tests of wake-up coalescing.
   std::uint64_t dispatch_runs() const noexcept { return dispatch_runs_.load(); }
 
+  // Main thread: calls `done` once no async handle of this scheduler is
+  // still closing (at once when none is). The environment's teardown waits
+  // for it: a close callback is code of this module, which node may unload
+  // as soon as the environment is gone.
+  void when_handles_closed(std::function<void()> done);
+
  private:
+  // Handles being closed and who waits for the last one; shared with the
+  // close callbacks, which may run after the scheduler is freed.
+  struct close_gate {
+    std::size_t closing = 0;
+    std::function<void()> done;
+  };
   scheduler() = default;
   // False when the task must go on at once on this thread (stopped).
   bool enqueue(resumable op);
   static void on_async(uv_async_t* handle);
   void dispatch(uv_async_t* handle);
   void spawn_delayed_wake(uv_async_t* handle);
-  static void close_handle(uv_async_t* handle);
+  void close_handle(uv_async_t* handle);
 
   uv_loop_t* loop_ = nullptr;
   std::thread::id main_thread_{};
@@ -112,6 +125,7 @@ class scheduler : public std::enable_shared_from_this<scheduler> {
   // retired while one of them had it open.
   int dispatch_depth_ = 0;
   napi_async_context retired_context_ = nullptr;
+  std::shared_ptr<close_gate> close_gate_ = std::make_shared<close_gate>();
 };
 
 // Converts string pairs into a script object, one property each, in key

@@ -1,6 +1,7 @@
 #include "scheduler.h"
 
 #include <stdexcept>
+#include <utility>
 
 #include "clock.h"
 #include "environment.h"
@@ -79,7 +80,23 @@ void scheduler::on_async(uv_async_t* handle) {
 }
 
 void scheduler::close_handle(uv_async_t* handle) {
-  uv_close(reinterpret_cast<uv_handle_t*>(handle), [](uv_handle_t* h) { delete reinterpret_cast<uv_async_t*>(h); });
+  ++close_gate_->closing;
+  handle->data = new std::shared_ptr<close_gate>(close_gate_);
+  uv_close(reinterpret_cast<uv_handle_t*>(handle), [](uv_handle_t* h) {
+    auto* gate = static_cast<std::shared_ptr<close_gate>*>(h->data);
+    delete reinterpret_cast<uv_async_t*>(h);
+    std::shared_ptr<close_gate> g = std::move(*gate);
+    delete gate;
+    if (--g->closing == 0 && g->done) std::exchange(g->done, nullptr)();
+  });
+}
+
+void scheduler::when_handles_closed(std::function<void()> done) {
+  if (close_gate_->closing == 0) {
+    done();
+    return;
+  }
+  close_gate_->done = std::move(done);
 }
 
 void scheduler::dispatch(uv_async_t* h) {

@@ -91,22 +91,31 @@ test('a Worker that ends inside a callback leaves the main thread running', asyn
   const files = {};
   for (let i = 0; i < 50; i++) files[`f${i}.txt`] = 'x';
   const tree = JSON.stringify(makeTree({ files }));
-  const worker = (inCallback) => `const o = require(${index.replace(/\\/g, '\\\\')});
+  const big = JSON.stringify(bigTree());
+  const worker = (inCallback, dir = tree) => `const o = require(${index.replace(/\\/g, '\\\\')});
     const { parentPort } = require('worker_threads');
-    o.ScanAllSubFiles(${tree.replace(/\\/g, '\\\\')}, () => { parentPort.postMessage('inside'); ${inCallback} }, () => {}, {});`;
-  const main = (inCallback, onMessage) => `const { Worker } = require('worker_threads');
-    const o = require(${index});
-    const w = new Worker(${JSON.stringify(worker(inCallback))}, { eval: true });
+    o.ScanAllSubFiles(${dir.replace(/\\/g, '\\\\')}, () => { parentPort.postMessage('inside'); ${inCallback} }, () => {}, {});`;
+  // With `alone`, the Worker is the only environment that loaded the module:
+  // its end unloads it while the walk's job thread is still busy, and the
+  // main thread loads it again afterwards.
+  const main = (inCallback, onMessage, { alone = false, dir } = {}) => `const { Worker } = require('worker_threads');
+    let o = ${alone ? 'null' : `require(${index})`};
+    const w = new Worker(${JSON.stringify(worker(inCallback, dir))}, { eval: true });
     w.on('message', () => { ${onMessage} });
     w.on('exit', (code) => {
       console.log('WORKER EXIT ' + code);
-      o.ScanAllSubFiles(${tree}, () => {}, (r) => console.log('MAIN SCAN ' + r.totalFileCount), {});
+      setTimeout(() => {
+        o = o || require(${index});
+        o.ScanAllSubFiles(${tree}, () => {}, (r) => console.log('MAIN SCAN ' + r.totalFileCount), {});
+      }, ${alone ? 500 : 0});
     });`;
   try {
     for (const [name, source] of [
       ['terminate() while the callback spins', main('for (;;) {}', 'w.terminate();')],
       ['process.exit() inside the callback', main('process.exit(3);', '')],
       ['an exception thrown inside the callback', main('throw new Error("worker callback failed");', '')],
+      ['terminate() of the only environment while a 200,000-file walk runs, then a new load',
+        main('', 'w.terminate();', { alone: true, dir: big })],
     ]) {
       await t.test(name, () => {
         const r = runChild(source, { timeout: 60000 });
