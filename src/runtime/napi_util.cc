@@ -168,17 +168,23 @@ void check_arg_types(const Napi::CallbackInfo& info, std::initializer_list<napi_
   }
 }
 
-promise::promise(napi_env env) : env_(env) {
+promise::promise(napi_env env) : env_(env), owner_(environment::current()) {
   napi_check(env, napi_create_promise(env, &deferred_, &promise_));
 }
 
 promise::promise(promise&& other) noexcept
-    : env_(other.env_), deferred_(std::exchange(other.deferred_, nullptr)), promise_(other.promise_) {}
+    : env_(other.env_),
+      deferred_(std::exchange(other.deferred_, nullptr)),
+      promise_(other.promise_),
+      owner_(std::move(other.owner_)) {}
 
 promise::~promise() {
   // A deferred never settled leaves its promise pending forever; that is a
-  // bug in the task, and saying so beats a silent hang in script.
-  if (deferred_) log::err("Ostrel promise dropped without being settled");
+  // bug in the task, and saying so beats a silent hang in script. Calls
+  // still in flight when their environment ends are dropped on purpose.
+  if (!deferred_) return;
+  std::shared_ptr<environment> owner = owner_.lock();
+  if (owner && !owner->cleaned_up()) log::err("Ostrel promise dropped without being settled");
 }
 
 void promise::resolve(napi_value result) {

@@ -99,6 +99,8 @@ void attach_export(Napi::Env env, Napi::Object exports, const char* name, Fn fn)
 // A promise whose settling happens on the main thread, exactly once. Create
 // it in the export, move it into the task, settle it after awaiting the
 // scheduler.
+class environment;
+
 class promise {
  public:
   explicit promise(napi_env env);
@@ -116,6 +118,7 @@ class promise {
   napi_env env_;
   napi_deferred deferred_ = nullptr;
   napi_value promise_ = nullptr;
+  std::weak_ptr<environment> owner_;  // to keep quiet about promises its clean-up drops
 };
 
 // A script function kept alive across threads; released on the main thread.
