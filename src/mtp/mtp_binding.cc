@@ -140,8 +140,9 @@ class call_state {
     });
     Napi::Object listener_options = Napi::Object::New(env);
     listener_options.Set("once", true);
-    signal.Get("addEventListener").As<Napi::Function>().Call(signal, {Napi::String::New(env, "abort"), on_abort,
-                                                                      listener_options});
+    signal.Get("addEventListener")
+        .As<Napi::Function>()
+        .Call(signal, {Napi::String::New(env, "abort"), on_abort, listener_options});
   }
 
   // Main thread: calls the progress callback with `report`; a throwing

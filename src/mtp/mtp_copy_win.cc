@@ -110,7 +110,8 @@ std::uint64_t copy_object(const copy_request& request, operation_control& contro
   com_ptr<IPortableDeviceProperties> properties;
   HRESULT hr = device.content->Properties(properties.put());
   if (FAILED(hr)) {
-    throw mtp_failure("Failed to read object " + object_utf8 + ", hr = " + hresult_text(static_cast<std::uint32_t>(hr)));
+    throw mtp_failure("Failed to read object " + object_utf8 +
+                      ", hr = " + hresult_text(static_cast<std::uint32_t>(hr)));
   }
   static const PROPERTYKEY keys[] = {wpd::object_content_type, wpd::object_size};
   com_ptr<IPortableDeviceKeyCollection> collection = make_keys(keys);
@@ -118,8 +119,8 @@ std::uint64_t copy_object(const copy_request& request, operation_control& contro
   hr = properties->GetValues(request.object_id.c_str(), collection.get(), values.put());
   if (FAILED(hr) || !values) {
     if (is_device_gone(hr)) {
-      throw mtp_failure("The device was disconnected during the copy (hr = " +
-                        hresult_text(static_cast<std::uint32_t>(hr)) + ")");
+      throw mtp_failure(
+          "The device was disconnected during the copy (hr = " + hresult_text(static_cast<std::uint32_t>(hr)) + ")");
     }
     throw mtp_failure("Object not found on the device: " + object_utf8);
   }
@@ -128,7 +129,8 @@ std::uint64_t copy_object(const copy_request& request, operation_control& contro
   com_ptr<IPortableDeviceResources> resources;
   hr = device.content->Transfer(resources.put());
   if (FAILED(hr)) {
-    throw mtp_failure("Failed to read object " + object_utf8 + ", hr = " + hresult_text(static_cast<std::uint32_t>(hr)));
+    throw mtp_failure("Failed to read object " + object_utf8 +
+                      ", hr = " + hresult_text(static_cast<std::uint32_t>(hr)));
   }
   const PROPERTYKEY& key = request.resource == resource_kind::data ? wpd::resource_default : wpd::resource_thumbnail;
   DWORD optimal = 0;
@@ -136,13 +138,14 @@ std::uint64_t copy_object(const copy_request& request, operation_control& contro
   hr = resources->GetStream(request.object_id.c_str(), key, STGM_READ, &optimal, stream.put());
   if (FAILED(hr) || !stream) {
     if (is_device_gone(hr)) {
-      throw mtp_failure("The device was disconnected during the copy (hr = " +
-                        hresult_text(static_cast<std::uint32_t>(hr)) + ")");
+      throw mtp_failure(
+          "The device was disconnected during the copy (hr = " + hresult_text(static_cast<std::uint32_t>(hr)) + ")");
     }
     if (request.resource == resource_kind::thumbnail) {
       throw mtp_failure("The object has no thumbnail: " + object_utf8);
     }
-    throw mtp_failure("Failed to read object " + object_utf8 + ", hr = " + hresult_text(static_cast<std::uint32_t>(hr)));
+    throw mtp_failure("Failed to read object " + object_utf8 +
+                      ", hr = " + hresult_text(static_cast<std::uint32_t>(hr)));
   }
 
   temporary_file file(request.destination, request.destination_utf8);
@@ -155,8 +158,8 @@ std::uint64_t copy_object(const copy_request& request, operation_control& contro
     hr = stream->Read(buffer.data(), chunk, &read);
     if (FAILED(hr)) {
       if (is_device_gone(hr)) {
-        throw mtp_failure("The device was disconnected during the copy (hr = " +
-                          hresult_text(static_cast<std::uint32_t>(hr)) + ")");
+        throw mtp_failure(
+            "The device was disconnected during the copy (hr = " + hresult_text(static_cast<std::uint32_t>(hr)) + ")");
       }
       throw mtp_failure("Failed to read object " + object_utf8 + " after " + std::to_string(copied) +
                         " bytes, hr = " + hresult_text(static_cast<std::uint32_t>(hr)));

@@ -15,8 +15,8 @@ constexpr ULONG batch_size = 512;
 
 [[noreturn]] void fail_listing(HRESULT hr, const std::wstring& folder) {
   if (is_device_gone(hr)) {
-    throw mtp_failure("The device was disconnected during the listing (hr = " +
-                      hresult_text(static_cast<std::uint32_t>(hr)) + ")");
+    throw mtp_failure(
+        "The device was disconnected during the listing (hr = " + hresult_text(static_cast<std::uint32_t>(hr)) + ")");
   }
   throw mtp_failure("Failed to list " + narrow(folder) + ", hr = " + hresult_text(static_cast<std::uint32_t>(hr)));
 }
@@ -31,8 +31,8 @@ class lister {
       : device_(device), control_(control), recursive_(recursive) {
     HRESULT hr = device_.content->Properties(properties_.put());
     if (FAILED(hr)) fail_listing(hr, wpd::device_object_id);
-    static const PROPERTYKEY keys[] = {wpd::object_parent_id,   wpd::object_name,         wpd::object_original_file_name,
-                                       wpd::object_content_type, wpd::object_size,        wpd::object_date_created,
+    static const PROPERTYKEY keys[] = {wpd::object_parent_id,    wpd::object_name, wpd::object_original_file_name,
+                                       wpd::object_content_type, wpd::object_size, wpd::object_date_created,
                                        wpd::object_date_modified};
     keys_ = make_keys(keys);
   }

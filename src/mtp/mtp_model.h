@@ -60,14 +60,7 @@ struct device_record {
 };
 
 // The client information, in the order its keys are set.
-enum class client_key {
-  name,
-  major_version,
-  minor_version,
-  revision,
-  security_quality_of_service,
-  desired_access
-};
+enum class client_key { name, major_version, minor_version, revision, security_quality_of_service, desired_access };
 struct client_info_entry {
   client_key key;
   const char* key_name;  // "WPD_CLIENT_NAME", ...

@@ -19,7 +19,8 @@ namespace ostrel::wpd {
 
 // ---- Class ids (PortableDeviceApi.h, PortableDeviceTypes.h)
 inline constexpr CLSID clsid_manager = {0x0af10cec, 0x2ecd, 0x4b92, {0x95, 0x81, 0x34, 0xf6, 0xae, 0x06, 0x37, 0xf3}};
-inline constexpr CLSID clsid_device_ftm = {0xf7c0039a, 0x4762, 0x488a, {0xb4, 0xb3, 0x76, 0x0e, 0xf9, 0xa1, 0xba, 0x9b}};
+inline constexpr CLSID clsid_device_ftm = {
+    0xf7c0039a, 0x4762, 0x488a, {0xb4, 0xb3, 0x76, 0x0e, 0xf9, 0xa1, 0xba, 0x9b}};
 inline constexpr CLSID clsid_values = {0x0c15d503, 0xd017, 0x47ce, {0x90, 0x16, 0x7b, 0x3f, 0x97, 0x87, 0x21, 0xcc}};
 inline constexpr CLSID clsid_key_collection = {
     0xde2d022d, 0x2480, 0x43be, {0x97, 0xf0, 0xd1, 0xfa, 0x2c, 0xf9, 0x8f, 0x4f}};
@@ -84,7 +85,7 @@ inline constexpr HRESULT e_device_not_open = static_cast<HRESULT>(0x802A0002);
 
 // ---- Interfaces (global names, as in the SDK header)
 struct IPortableDeviceContent;
-struct IPortableDeviceCapabilities;  // not used: an opaque pointer type
+struct IPortableDeviceCapabilities;   // not used: an opaque pointer type
 struct IPortableDeviceEventCallback;  // not used: an opaque pointer type
 struct IEnumPortableDeviceObjectIDs;
 struct IPortableDeviceProperties;
@@ -126,15 +127,14 @@ struct IPortableDeviceContent : public IUnknown {
   virtual HRESULT STDMETHODCALLTYPE Transfer(IPortableDeviceResources** ppResources) = 0;
   virtual HRESULT STDMETHODCALLTYPE CreateObjectWithPropertiesOnly(IPortableDeviceValues* pValues,
                                                                    LPWSTR* ppszObjectID) = 0;
-  virtual HRESULT STDMETHODCALLTYPE CreateObjectWithPropertiesAndData(IPortableDeviceValues* pValues,
-                                                                      IStream** ppData,
+  virtual HRESULT STDMETHODCALLTYPE CreateObjectWithPropertiesAndData(IPortableDeviceValues* pValues, IStream** ppData,
                                                                       DWORD* pdwOptimalWriteBufferSize,
                                                                       LPWSTR* ppszCookie) = 0;
   virtual HRESULT STDMETHODCALLTYPE Delete(const DWORD dwOptions, IPortableDevicePropVariantCollection* pObjectIDs,
                                            IPortableDevicePropVariantCollection** ppResults) = 0;
-  virtual HRESULT STDMETHODCALLTYPE GetObjectIDsFromPersistentUniqueIDs(
-      IPortableDevicePropVariantCollection* pPersistentUniqueIDs,
-      IPortableDevicePropVariantCollection** ppObjectIDs) = 0;
+  virtual HRESULT STDMETHODCALLTYPE
+  GetObjectIDsFromPersistentUniqueIDs(IPortableDevicePropVariantCollection* pPersistentUniqueIDs,
+                                      IPortableDevicePropVariantCollection** ppObjectIDs) = 0;
   virtual HRESULT STDMETHODCALLTYPE Cancel() = 0;
   virtual HRESULT STDMETHODCALLTYPE Move(IPortableDevicePropVariantCollection* pObjectIDs,
                                          LPCWSTR pszDestinationFolderObjectID,

@@ -54,8 +54,7 @@ class values_sink : public client_info_sink {
 
 com_ptr<IPortableDeviceValues> make_client_information() {
   com_ptr<IPortableDeviceValues> values;
-  HRESULT hr =
-      CoCreateInstance(wpd::clsid_values, nullptr, CLSCTX_INPROC_SERVER, wpd::iid_values, values.put_void());
+  HRESULT hr = CoCreateInstance(wpd::clsid_values, nullptr, CLSCTX_INPROC_SERVER, wpd::iid_values, values.put_void());
   if (FAILED(hr)) {
     log::wout(values_creation_failure_line(static_cast<std::uint32_t>(hr)));
     return {};
@@ -85,8 +84,8 @@ open_device open_for_reading(const std::wstring& id) {
   }
   hr = d.device->Content(d.content.put());
   if (FAILED(hr)) {
-    throw mtp_failure("Failed to open device " + narrow(id) + ": no content, hr = " +
-                      hresult_text(static_cast<std::uint32_t>(hr)));
+    throw mtp_failure("Failed to open device " + narrow(id) +
+                      ": no content, hr = " + hresult_text(static_cast<std::uint32_t>(hr)));
   }
   return d;
 }
