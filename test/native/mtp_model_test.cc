@@ -23,10 +23,14 @@ TEST(MtpModel, ClassifiesContentTypes) {
     const char* expected;
   };
   const row rows[] = {
-      {content_type_image, "IMAGE"},  {content_type_video, "VIDEO"},
-      {content_type_folder, "FOLDER"}, {content_type_functional_object, "FOLDER"},
-      {audio, "UNKNOW"},              {almost_image, "UNKNOW"},
-      {std::nullopt, "UNKNOW"},       {guid_value{}, "UNKNOW"},
+      {content_type_image, "IMAGE"},
+      {content_type_video, "VIDEO"},
+      {content_type_folder, "FOLDER"},
+      {content_type_functional_object, "FOLDER"},
+      {audio, "UNKNOW"},
+      {almost_image, "UNKNOW"},
+      {std::nullopt, "UNKNOW"},
+      {guid_value{}, "UNKNOW"},
   };
   for (const row& r : rows) {
     content_kind kind = classify(r.type);
@@ -41,10 +45,11 @@ TEST(MtpModel, ProtocolMustBeginWithMtpExactly) {
     bool mtp;
   };
   const row rows[] = {
-      {L"MTP: 1.00", true}, {L"MTP", true},  {L"MTPX", true},    {L"mtp: 1.00", false}, {L"MSC:", false},
-      {L"MT", false},       {L"", false},    {L" MTP", false},   {L"PTP: 1.00", false}, {L"Mtp", false},
+      {L"MTP: 1.00", true}, {L"MTP", true}, {L"MTPX", true},  {L"mtp: 1.00", false}, {L"MSC:", false},
+      {L"MT", false},       {L"", false},   {L" MTP", false}, {L"PTP: 1.00", false}, {L"Mtp", false},
   };
-  for (const row& r : rows) EXPECT_EQ(is_mtp_protocol(r.protocol), r.mtp) << std::string(r.protocol, r.protocol + wcslen(r.protocol));
+  for (const row& r : rows)
+    EXPECT_EQ(is_mtp_protocol(r.protocol), r.mtp) << std::string(r.protocol, r.protocol + wcslen(r.protocol));
 }
 
 // Records what was set; fails the keys it is told to.
@@ -74,8 +79,10 @@ TEST(MtpModel, ClientInformationSetsEveryKeyInOrderWithReadAccessOnly) {
   std::vector<std::wstring> lines;
   EXPECT_EQ(apply_client_information(sink, [&](const std::wstring& l) { lines.push_back(l); }), 0);
   EXPECT_TRUE(lines.empty());
-  const std::vector<client_key> expected_order = {client_key::name,     client_key::major_version,
-                                                  client_key::minor_version, client_key::revision,
+  const std::vector<client_key> expected_order = {client_key::name,
+                                                  client_key::major_version,
+                                                  client_key::minor_version,
+                                                  client_key::revision,
                                                   client_key::security_quality_of_service,
                                                   client_key::desired_access};
   EXPECT_EQ(sink.order, expected_order);
@@ -129,8 +136,8 @@ TEST(MtpModel, CountsPhotosAndVideosAndTheirSize) {
     return r;
   };
   std::vector<object_record> objects = {
-      object(content_kind::image, 100), object(content_kind::video, 5000), object(content_kind::folder, 7),
-      object(content_kind::unknown, 300), object(content_kind::image, 0), object(content_kind::image, 1ull << 40),
+      object(content_kind::image, 100),   object(content_kind::video, 5000), object(content_kind::folder, 7),
+      object(content_kind::unknown, 300), object(content_kind::image, 0),    object(content_kind::image, 1ull << 40),
   };
   listing_totals t = tally(objects);
   EXPECT_EQ(t.photos, 3u);
