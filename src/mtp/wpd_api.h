@@ -24,6 +24,8 @@ inline constexpr CLSID clsid_device_ftm = {
 inline constexpr CLSID clsid_values = {0x0c15d503, 0xd017, 0x47ce, {0x90, 0x16, 0x7b, 0x3f, 0x97, 0x87, 0x21, 0xcc}};
 inline constexpr CLSID clsid_key_collection = {
     0xde2d022d, 0x2480, 0x43be, {0x97, 0xf0, 0xd1, 0xfa, 0x2c, 0xf9, 0x8f, 0x4f}};
+inline constexpr CLSID clsid_prop_variant_collection = {
+    0x08a99e2f, 0x6d6d, 0x4b80, {0xaf, 0x5a, 0xba, 0xf2, 0xbc, 0xbe, 0x4c, 0xb9}};
 
 // ---- Interface ids
 inline constexpr IID iid_manager = {0xa1567595, 0x4c2f, 0x4574, {0xa6, 0xfa, 0xec, 0xef, 0x91, 0x7b, 0x9a, 0x40}};
@@ -36,6 +38,14 @@ inline constexpr IID iid_resources = {0xfd8878ac, 0xd841, 0x4d17, {0x89, 0x1c, 0
 inline constexpr IID iid_values = {0x6848f6f2, 0x3155, 0x4f86, {0xb6, 0xf5, 0x26, 0x3e, 0xee, 0xab, 0x31, 0x43}};
 inline constexpr IID iid_key_collection = {
     0xdada2357, 0xe0ad, 0x492e, {0x98, 0xdb, 0xdd, 0x61, 0xc5, 0x3b, 0xa3, 0x53}};
+inline constexpr IID iid_prop_variant_collection = {
+    0x89b2e422, 0x4f1b, 0x4316, {0xbc, 0xef, 0xa4, 0x4a, 0xfe, 0xa8, 0x3e, 0xb3}};
+inline constexpr IID iid_values_collection = {
+    0x6e3f2d79, 0x4e07, 0x48c4, {0x82, 0x08, 0xd8, 0xc2, 0xe5, 0xaf, 0x4a, 0x99}};
+inline constexpr IID iid_properties_bulk = {
+    0x482b05c0, 0x4056, 0x44ed, {0x9e, 0x0f, 0x5e, 0x23, 0xb0, 0x09, 0xda, 0x93}};
+inline constexpr IID iid_properties_bulk_callback = {
+    0x9deacb80, 0x11e8, 0x40e3, {0xa9, 0xf3, 0xf5, 0x57, 0x98, 0x6a, 0x78, 0x45}};
 
 // ---- Property keys
 // WPD_CLIENT_INFORMATION_PROPERTIES_V1 {204D9F0C-2292-4080-9F42-40664E70F859}
@@ -176,4 +186,27 @@ struct IPortableDeviceResources : public IUnknown {
   virtual HRESULT STDMETHODCALLTYPE Cancel() = 0;
   virtual HRESULT STDMETHODCALLTYPE CreateResource(IPortableDeviceValues* pResourceAttributes, IStream** ppData,
                                                    DWORD* pdwOptimalWriteBufferSize, LPWSTR* ppszCookie) = 0;
+};
+
+struct IPortableDevicePropertiesBulkCallback : public IUnknown {
+  virtual HRESULT STDMETHODCALLTYPE OnStart(REFGUID pContext) = 0;
+  virtual HRESULT STDMETHODCALLTYPE OnProgress(REFGUID pContext, IPortableDeviceValuesCollection* pResults) = 0;
+  virtual HRESULT STDMETHODCALLTYPE OnEnd(REFGUID pContext, HRESULT hrStatus) = 0;
+};
+
+struct IPortableDevicePropertiesBulk : public IUnknown {
+  virtual HRESULT STDMETHODCALLTYPE QueueGetValuesByObjectList(IPortableDevicePropVariantCollection* pObjectIDs,
+                                                               IPortableDeviceKeyCollection* pKeys,
+                                                               IPortableDevicePropertiesBulkCallback* pCallback,
+                                                               GUID* pContext) = 0;
+  virtual HRESULT STDMETHODCALLTYPE QueueGetValuesByObjectFormat(REFGUID pguidObjectFormat, LPCWSTR pszParentObjectID,
+                                                                 const DWORD dwDepth,
+                                                                 IPortableDeviceKeyCollection* pKeys,
+                                                                 IPortableDevicePropertiesBulkCallback* pCallback,
+                                                                 GUID* pContext) = 0;
+  virtual HRESULT STDMETHODCALLTYPE QueueSetValuesByObjectList(IPortableDeviceValuesCollection* pObjectValues,
+                                                               IPortableDevicePropertiesBulkCallback* pCallback,
+                                                               GUID* pContext) = 0;
+  virtual HRESULT STDMETHODCALLTYPE Start(REFGUID pContext) = 0;
+  virtual HRESULT STDMETHODCALLTYPE Cancel(REFGUID pContext) = 0;
 };

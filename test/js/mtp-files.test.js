@@ -97,6 +97,24 @@ test('device listings and copies with the WPD test double', { skip: !isWindows &
     assert.ok(order.indexOf('gf0_999') < order.indexOf('gf1'));
   });
 
+  await t.test('bulk property reads where the device offers them, object by object otherwise: the same list', async () => {
+    const bulk = useDevices({ devices: [tree()] });
+    const a = await ostrel.GetMtpFilesById('phone');
+    assert.ok(bulk.log().includes('bulk 1000') && bulk.log().includes('bulk 2'), 'bulk requests, one per folder');
+    const single = useDevices({ devices: [{ ...tree(), noBulk: true }] });
+    const b = await ostrel.GetMtpFilesById('phone');
+    assert.ok(!single.log().some((l) => l.startsWith('bulk')));
+    assert.deepEqual(b, a);
+    // Cancelled while a bulk request of 20,000 objects is being answered.
+    useDevices({ devices: [{ ...tree(), slowMs: 20, generate: { storage: 's2', folders: 1, filesPerFolder: 20000 } }] });
+    const ac = new AbortController();
+    const started = Date.now();
+    const cancelled = ostrel.GetMtpFilesById('phone', 'gf0', { signal: ac.signal, onProgress: () => ac.abort() });
+    await assert.rejects(cancelled, { message: 'GetMtpFilesById was cancelled' });
+    assert.ok(Date.now() - started < 3000, 'the bulk request stopped early');
+    useDevices({ devices: [tree()] });
+  });
+
   await t.test('a folder, recursively or one level', async () => {
     const deep = await ostrel.GetMtpFilesById('phone', 'dcim');
     assert.deepEqual(deep.fileList.map((f) => f.objectId), ['p1', 'v1', 'big', 'broken', 'sub', 'p2']);
@@ -149,10 +167,12 @@ test('device listings and copies with the WPD test double', { skip: !isWindows &
   });
 
   await t.test('a device removed during a listing rejects; no partial list', async () => {
-    useDevices({ devices: [{ ...tree(), disconnectAfter: 500 }] });
-    await assert.rejects(ostrel.GetMtpFilesById('phone'), {
-      message: 'The device was disconnected during the listing (hr = 0x8007048f)',
-    });
+    for (const noBulk of [false, true]) {
+      useDevices({ devices: [{ ...tree(), disconnectAfter: 500, noBulk }] });
+      await assert.rejects(ostrel.GetMtpFilesById('phone'), {
+        message: 'The device was disconnected during the listing (hr = 0x8007048f)',
+      });
+    }
     useDevices({ devices: [tree()] });
   });
 

@@ -13,6 +13,7 @@ const CLASSES = [
   'F7C0039A-4762-488A-B4B3-760EF9A1BA9B', // PortableDeviceFTM
   '0C15D503-D017-47CE-9016-7B3F978721CC', // PortableDeviceValues
   'DE2D022D-2480-43BE-97F0-D1FA2CF98F4F', // PortableDeviceKeyCollection
+  '08A99E2F-6D6D-4B80-AF5A-BAF2BCBE4CB9', // PortableDevicePropVariantCollection
 ];
 
 const dll = () => path.join(buildDir(), 'test', 'wpd_double.dll');
