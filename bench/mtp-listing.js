@@ -6,7 +6,8 @@
 // the memory it took, and the ratio to the
 // floor every listing pays: building the same 50,000 result objects in
 // script.
-//   --objects N (default 50000)  --rounds N (default 3)
+//   --objects N (default 50000)  --rounds N (default 3)  --no-bulk (one
+//   property read per object, as for a device without bulk requests)
 const path = require('path');
 const { monitorEventLoopDelay } = require('perf_hooks');
 
@@ -32,6 +33,7 @@ useDevices({
     {
       id: 'bench-phone',
       protocol: 'MTP: 1.00',
+      noBulk: args.includes('--no-bulk'),
       objects: [{ id: 's1', type: 'storage', name: 'Internal' }],
       generate: { storage: 's1', folders: Math.ceil(objects / perFolder), filesPerFolder: perFolder },
     },
