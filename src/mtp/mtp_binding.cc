@@ -130,6 +130,8 @@ class call_state {
     });
   }
   // An abort event cancels the operation; an aborted signal cancels it now.
+  // The listener is removed when the operation settles, so that one signal
+  // can serve any number of calls.
   void watch_signal(Napi::Object signal) {
     Napi::Env env(env_);
     if (signal.Get("aborted").ToBoolean().Value()) control_->cancel = true;
@@ -138,11 +140,9 @@ class call_state {
       if (auto c = weak.lock()) c->cancel = true;
       return info.Env().Undefined();
     });
-    Napi::Object listener_options = Napi::Object::New(env);
-    listener_options.Set("once", true);
-    signal.Get("addEventListener")
-        .As<Napi::Function>()
-        .Call(signal, {Napi::String::New(env, "abort"), on_abort, listener_options});
+    signal.Get("addEventListener").As<Napi::Function>().Call(signal, {Napi::String::New(env, "abort"), on_abort});
+    napi_check(env_, napi_create_reference(env_, signal, 1, &signal_));
+    napi_check(env_, napi_create_reference(env_, on_abort, 1, &listener_));
   }
 
   // Main thread: calls the progress callback with `report`; a throwing
@@ -169,8 +169,31 @@ class call_state {
 
  private:
   void release_script() {
-    if (progress_) napi_delete_reference(env_, progress_);
-    progress_ = nullptr;
+    if (signal_ && listener_) unwatch_signal();
+    for (napi_ref* r : {&progress_, &signal_, &listener_}) {
+      if (*r) napi_delete_reference(env_, *r);
+      *r = nullptr;
+    }
+  }
+
+  // signal.removeEventListener('abort', listener); a failure (a signal
+  // whose method throws) is logged.
+  void unwatch_signal() noexcept {
+    try {
+      Napi::HandleScope scope(env_);
+      napi_value signal, listener, remove, type;
+      napi_check(env_, napi_get_reference_value(env_, signal_, &signal));
+      napi_check(env_, napi_get_reference_value(env_, listener_, &listener));
+      napi_check(env_, napi_get_named_property(env_, signal, "removeEventListener", &remove));
+      napi_check(env_, napi_create_string_utf8(env_, "abort", NAPI_AUTO_LENGTH, &type));
+      napi_value argv[2] = {type, listener};
+      script_call_result r = call_script(env_, remove, signal, 2, argv);
+      if (!r.ok && !r.terminating) log::err_value("Failed to remove the abort listener: ", r.thrown);
+    } catch (const std::exception& e) {
+      log::err_value("Failed to remove the abort listener: ", e.what());
+    } catch (...) {
+      log::err("Failed to remove the abort listener");
+    }
   }
 
   napi_env env_;
@@ -178,6 +201,8 @@ class call_state {
   std::shared_ptr<session_registry> sessions_;
   std::shared_ptr<operation_control> control_;
   napi_ref progress_ = nullptr;
+  napi_ref signal_ = nullptr;
+  napi_ref listener_ = nullptr;
   std::atomic<bool> finished_{false};
   bool settled_ = false;
   session_registry::ticket ticket_;
@@ -390,10 +415,10 @@ template <typename Task>
 Napi::Value start_call(Napi::Env env, const char* name, const call_options& options, progress_builder build, Task op) {
   auto owner = owner_of(env, name);
   auto state = std::make_shared<call_state>(owner, env);
-  auto p = std::make_shared<promise>(env);
-  Napi::Value result = p->value();
   if (options.progress) state->hold_progress(*options.progress);
   if (options.signal) state->watch_signal(*options.signal);
+  auto p = std::make_shared<promise>(env);
+  Napi::Value result = p->value();
   state->register_session();
   start_async(op(state, p));
   if (state->has_progress()) start_async(progress_task(state, build));
