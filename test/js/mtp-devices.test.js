@@ -94,6 +94,28 @@ test('GetMtpDevices with the WPD test double', { skip: !isWindows && 'WPD is Win
     assert.match(r.stderr, /Failed to open device locked, hr = 0x80070005/);
   });
 
+  await t.test('client-information keys that cannot be set are logged one by one and the others still set', () => {
+    const list = "require('.').GetMtpDevices().then((l) => console.log('LIST ' + JSON.stringify(l.map((d) => d.deviceId))))";
+    const keys = useDevices({ failClientKeys: [2, 5], devices: [phone({ id: 'p' })] });
+    let r = runChild(list, { env: { OSTREL_WPD_DOUBLE: keys.file } });
+    assert.equal(r.status, 0, r.stderr);
+    assert.match(r.stdout, /^! Failed to set WPD_CLIENT_NAME, hr = 0x80004005$/m);
+    assert.match(r.stdout, /^! Failed to set WPD_CLIENT_REVISION, hr = 0x80004005$/m);
+    assert.doesNotMatch(r.stdout, /Failed to set WPD_CLIENT_(MAJOR|MINOR|SECURITY|DESIRED)/);
+    assert.match(r.stdout, /LIST \["p"\]/);
+    assert.ok(keys.log().includes('open p major=0x1 minor=0x0 qos=0x20000 access=0x80000000'), keys.log().join('\n'));
+
+    const values = useDevices({ failValues: true, devices: [phone({ id: 'p' })] });
+    r = runChild(list, { env: { OSTREL_WPD_DOUBLE: values.file } });
+    assert.equal(r.status, 0, r.stderr);
+    assert.match(r.stdout, /^! Failed to CoCreateInstance CLSID_PortableDeviceValues, hr = 0x80004005$/m);
+    assert.doesNotMatch(r.stdout, /Failed to set/);
+    assert.ok(values.log().includes('open p none'));
+    // This double refuses a client without read access stated: the device is left out.
+    assert.match(r.stderr, /Failed to open device p, hr = 0x80070005/);
+    assert.match(r.stdout, /LIST \[\]/);
+  });
+
   await t.test('a manager that cannot be created, or a failing GetDevices, rejects', async () => {
     useDevices({ failManager: true, devices: [phone()] });
     await assert.rejects(ostrel.GetMtpDevices(), {
