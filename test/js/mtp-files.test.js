@@ -32,7 +32,10 @@ function tree() {
               { id: 'v1', type: 'video', name: 'VID_1.MP4', dataSize: 300000 },
               { id: 'big', type: 'video', name: 'BIG.MP4', dataSize: 64 * 1024 * 1024 },
               { id: 'broken', type: 'image', name: 'BROKEN.JPG', dataSize: 200000, breakAt: 100000 },
-              { id: 'sub', type: 'folder', name: 'Sub', children: [{ id: 'p2', type: 'image', name: 'IMG_2.JPG', size: 777 }] },
+              { id: 'sub', type: 'folder', name: 'Sub', children: [
+                { id: 'p2', type: 'image', name: 'IMG_2.JPG', size: 777 },
+                { id: 'p2é', type: 'document', name: 'Zoë.txt', data: 'ü' },
+              ] },
             ],
           },
           { id: 'm1', type: 'audio', name: 'song.mp3', size: 5 },
@@ -60,11 +63,11 @@ test('device listings and copies with the WPD test double', { skip: !isWindows &
     const r = await ostrel.GetMtpFilesById('phone');
     assert.deepEqual(Object.keys(r), ['photoNum', 'videoNum', 'totalSize', 'fileList']);
     const byId = new Map(r.fileList.map((f) => [f.objectId, f]));
-    assert.equal(r.fileList.length, 13 + 3 + 3000);
+    assert.equal(r.fileList.length, 14 + 3 + 3000);
     for (const f of r.fileList) assert.deepEqual(Object.keys(f), FILE_PROPERTIES);
     const kinds = {};
     for (const f of r.fileList) kinds[f.contentType] = (kinds[f.contentType] || 0) + 1;
-    assert.deepEqual(kinds, { FOLDER: 2 + 2 + 3, IMAGE: 3 + 2700, VIDEO: 2 + 300, UNKNOW: 4 });
+    assert.deepEqual(kinds, { FOLDER: 2 + 2 + 3, IMAGE: 3 + 2700, VIDEO: 2 + 300, UNKNOW: 5 });
     assert.equal(r.photoNum, 3 + 2700);
     assert.equal(r.videoNum, 2 + 300);
     let generated = 0;
@@ -117,7 +120,7 @@ test('device listings and copies with the WPD test double', { skip: !isWindows &
 
   await t.test('a folder, recursively or one level', async () => {
     const deep = await ostrel.GetMtpFilesById('phone', 'dcim');
-    assert.deepEqual(deep.fileList.map((f) => f.objectId), ['p1', 'v1', 'big', 'broken', 'sub', 'p2']);
+    assert.deepEqual(deep.fileList.map((f) => f.objectId), ['p1', 'v1', 'big', 'broken', 'sub', 'p2', 'p2é']);
     assert.ok(deep.fileList.every((f) => f.storageId === 's1'));
     assert.deepEqual([deep.photoNum, deep.videoNum], [3, 2]);
     const flat = await ostrel.GetMtpFilesById('phone', 'dcim', { recursive: false });
@@ -145,7 +148,7 @@ test('device listings and copies with the WPD test double', { skip: !isWindows &
       },
     });
     settled = true;
-    assert.equal(r.fileList.length, 13 + 40 + 40000);
+    assert.equal(r.fileList.length, 14 + 40 + 40000);
     assert.ok(reports.length >= 1, 'at least one progress report');
     for (let i = 1; i < reports.length; i++) assert.ok(reports[i] >= reports[i - 1]);
     assert.ok(reports.at(-1) <= r.fileList.length);
@@ -172,7 +175,7 @@ test('device listings and copies with the WPD test double', { skip: !isWindows &
     const lists = await Promise.all(
       Array.from({ length: 30 }, () => ostrel.GetMtpFilesById('phone', 'dcim', { signal: ac.signal })),
     );
-    assert.ok(lists.every((l) => l.fileList.length === 6));
+    assert.ok(lists.every((l) => l.fileList.length === 7));
     assert.equal(getEventListeners(ac.signal, 'abort').length, 0);
 
     const { file } = useDevices({ devices: [{ ...tree(), slowMs: 10, generate: { storage: 's2', folders: 30, filesPerFolder: 200 } }] });
@@ -186,7 +189,7 @@ test('device listings and copies with the WPD test double', { skip: !isWindows &
       { env: { OSTREL_WPD_DOUBLE: file } },
     );
     assert.equal(r.status, 0, r.stderr);
-    assert.match(r.stdout, /LISTED 6043 CALLS true/);
+    assert.match(r.stdout, /LISTED 6044 CALLS true/);
     assert.match(r.stderr, /Caught Napi::Error in onProgress: .*from the callback/);
     useDevices({ devices: [tree()] });
   });
@@ -213,7 +216,7 @@ test('device listings and copies with the WPD test double', { skip: !isWindows &
       { env: { OSTREL_WPD_DOUBLE: file } },
     );
     assert.equal(r.status, 0, r.stderr);
-    assert.match(r.stdout, /WORKER 0 MAIN 6/);
+    assert.match(r.stdout, /WORKER 0 MAIN 7/);
     assert.deepEqual(fs.readdirSync(dir), []);
     fs.rmSync(dir, { recursive: true, force: true });
     useDevices({ devices: [tree()] });
@@ -243,6 +246,10 @@ test('device listings and copies with the WPD test double', { skip: !isWindows &
       assert.ok(fs.readFileSync(dest).equals(expected), `${name} ${id}`);
     }
     assert.deepEqual(fs.readdirSync(dir).sort(), cases.map(([n, id]) => `${n}-${id}`).sort());
+    // Names beyond ASCII, on the device and on disk.
+    const unicode = path.join(dir, 'Zoë 日本 📷.jpg');
+    assert.deepEqual(await ostrel.GetMtpFileById('phone', 'p2é', unicode), { path: unicode, bytes: 2 });
+    assert.equal(fs.readFileSync(unicode, 'utf8'), 'ü');
     fs.rmSync(dir, { recursive: true, force: true });
   });
 
