@@ -136,8 +136,9 @@ test('GetMtpDevices with the WPD test double', { skip: !isWindows && 'WPD is Win
     const r = runChild(
       `
       // The main thread holds the module too: a Worker that is the last
-      // environment, terminated with blocking jobs in flight, crashes in
-      // the runtime whatever the export (seen with ScanAllSubFiles as well).
+      // environment, terminated with blocking jobs in flight, crashes under
+      // Wine whatever the export (ScanAllSubFiles as well): the scheduler's
+      // handle-close callback runs after Node has unloaded the module.
       require('.');
       const { Worker } = require('worker_threads');
       const w = new Worker(\`
