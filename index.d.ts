@@ -78,15 +78,99 @@ export function StartFileWatch(
   options?: WatchOptions,
 ): () => void;
 
+// ---- Portable devices (docs/mtp.md). Windows; on Linux GetMtpDevices
+// resolves [] and the other three reject "... is not supported on this platform".
+
+/** An attached device that speaks MTP (properties in this order). */
+export interface MtpDevice {
+  /** Position among the listed MTP devices, from 0. */
+  index: number;
+  deviceId: string;
+  deviceName: string;
+  deviceModel: string;
+  deviceProtocol: string;
+  deviceManufacturer: string;
+  deviceSerialNumber: string;
+}
+
+export type MtpContentType = 'IMAGE' | 'VIDEO' | 'FOLDER' | 'UNKNOW';
+
+/** One object of a device listing (properties in this order). */
+export interface MtpFile {
+  objectId: string;
+  parentId: string;
+  /** The original file name, else the object name, else "". */
+  name: string;
+  contentType: MtpContentType;
+  /** Bytes; 0 when the device does not say. */
+  size: number;
+  /** Milliseconds since 1970-01-01 UTC, null when the device does not say. */
+  createdMs: number | null;
+  modifiedMs: number | null;
+  /** The storage (top-level functional object) the object lives on. */
+  storageId: string;
+}
+
+export interface MtpFileList {
+  /** Number of "IMAGE" entries. */
+  photoNum: number;
+  /** Number of "VIDEO" entries. */
+  videoNum: number;
+  /** Sum of the sizes of the "IMAGE" and "VIDEO" entries. */
+  totalSize: number;
+  fileList: MtpFile[];
+}
+
+export interface MtpListOptions {
+  /** Descend into folders and storages (default true). */
+  recursive?: boolean;
+  /** Called on the main thread at most every 200 ms while listing. */
+  onProgress?: (progress: { listed: number }) => void;
+  /** Aborting rejects with "GetMtpFilesById was cancelled". */
+  signal?: AbortSignal;
+}
+
+export interface MtpCopyOptions {
+  /** Replace an existing destination (default false: reject instead). */
+  overwrite?: boolean;
+  /** Called on the main thread at most every 200 ms; total is 0 when unknown. */
+  onProgress?: (progress: { bytes: number; total: number }) => void;
+  /** Aborting rejects with "The copy was cancelled" and leaves no file. */
+  signal?: AbortSignal;
+}
+
+export interface MtpCopyResult {
+  path: string;
+  bytes: number;
+}
+
+export function GetMtpDevices(): Promise<MtpDevice[]>;
+/** Lists the objects under a folder (the whole device when omitted). */
+export function GetMtpFilesById(
+  deviceId: string,
+  folderObjectId?: string | null,
+  options?: MtpListOptions,
+): Promise<MtpFileList>;
+/** Copies an object's data to a new local file. */
+export function GetMtpFileById(
+  deviceId: string,
+  objectId: string,
+  destinationPath: string,
+  options?: MtpCopyOptions,
+): Promise<MtpCopyResult>;
+/** Copies an object's thumbnail to a new local file. */
+export function GetMtpThumbnailById(
+  deviceId: string,
+  objectId: string,
+  destinationPath: string,
+  options?: MtpCopyOptions,
+): Promise<MtpCopyResult>;
+
 // ------------------------------------------------------ not yet available --
 // These exports exist (the table's order is fixed) but throw
 // Error("<name> is not available in this build of ostrel yet") until their
 // subsystems land.
 
-export function GetMtpDevices(...args: unknown[]): never;
-export function GetMtpFilesById(...args: unknown[]): never;
-export function GetMtpFileById(...args: unknown[]): never;
-export function GetMtpThumbnailById(...args: unknown[]): never;
 export function GetHardwareDisk(...args: unknown[]): never;
 export function CheckExternalTextureSupport(...args: unknown[]): never;
 export function GetDriveList(...args: unknown[]): never;

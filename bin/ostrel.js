@@ -9,7 +9,15 @@ const { UsageError, CommandError, HelpRequest } = require('../lib/cli/usage');
 const { makeHelp, overview, commandHelp } = require('../lib/cli/help');
 
 const commands = {};
-for (const c of [require('../lib/cli/scan'), require('../lib/cli/watch'), require('../lib/cli/version')]) {
+const mtp = require('../lib/cli/devices');
+for (const c of [
+  require('../lib/cli/scan'),
+  require('../lib/cli/watch'),
+  mtp.devices,
+  mtp.deviceFiles,
+  mtp.copyObject,
+  require('../lib/cli/version'),
+]) {
   commands[c.name] = c;
 }
 commands.help = makeHelp(commands);

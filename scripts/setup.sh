@@ -11,6 +11,7 @@ log() { printf '[setup] %s\n' "$*"; }
 debian_packages=(
   cmake make g++ pkg-config clang-format
   googletest
+  nlohmann-json3-dev
   libboost1.81-dev
   g++-mingw-w64-x86-64-posix mingw-w64-tools binutils-mingw-w64-x86-64
   wine wine64

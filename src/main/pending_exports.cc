@@ -16,18 +16,6 @@ void attach_pending(Napi::Env env, Napi::Object exports, const char* name) {
 }
 }  // namespace
 
-void register_get_mtp_devices(Napi::Env env, Napi::Object exports) {
-  attach_pending(env, exports, "GetMtpDevices");
-}
-void register_get_mtp_files_by_id(Napi::Env env, Napi::Object exports) {
-  attach_pending(env, exports, "GetMtpFilesById");
-}
-void register_get_mtp_file_by_id(Napi::Env env, Napi::Object exports) {
-  attach_pending(env, exports, "GetMtpFileById");
-}
-void register_get_mtp_thumbnail(Napi::Env env, Napi::Object exports) {
-  attach_pending(env, exports, "GetMtpThumbnailById");
-}
 void register_get_hardware_disk(Napi::Env env, Napi::Object exports) {
   attach_pending(env, exports, "GetHardwareDisk");
 }

@@ -1,0 +1,341 @@
+// A device's objects: the object ids of each folder are fetched in batches
+// of 512, then the properties of all of the folder's objects are read with
+// one bulk request (IPortableDevicePropertiesBulk, which a device driver
+// answers in large batches on its own thread), or, where the device does
+// not offer bulk requests, with one GetValues call per object on a shared
+// key collection. Folders and storages are descended into depth first.
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <unordered_map>
+#include <vector>
+
+#include "mtp_ops.h"
+#include "runtime/log.h"
+#include "wpd_com.h"
+
+namespace ostrel::mtp {
+
+namespace {
+
+constexpr ULONG batch_size = 512;
+// How long a cancelled bulk request may take to end before the listing
+// stops waiting for it.
+constexpr auto bulk_cancel_grace = std::chrono::seconds(5);
+
+[[noreturn]] void fail_listing(HRESULT hr, const std::wstring& folder) {
+  if (is_device_gone(hr)) {
+    throw mtp_failure(
+        "The device was disconnected during the listing (hr = " + hresult_text(static_cast<std::uint32_t>(hr)) + ")");
+  }
+  throw mtp_failure("Failed to list " + narrow(folder) + ", hr = " + hresult_text(static_cast<std::uint32_t>(hr)));
+}
+
+void check_cancel(const operation_control& control) {
+  if (control.cancel.load(std::memory_order_relaxed)) throw mtp_failure("GetMtpFilesById was cancelled");
+}
+
+// The listing's record of one object from its property values.
+object_record record_of(IPortableDeviceValues* v, const std::wstring& id) {
+  object_record r;
+  r.id = id;
+  r.parent_id = read_string(v, wpd::object_parent_id).value_or(L"");
+  r.name = display_name(read_string(v, wpd::object_original_file_name), read_string(v, wpd::object_name));
+  r.kind = classify(read_guid(v, wpd::object_content_type));
+  r.size = read_u64(v, wpd::object_size).value_or(0);
+  r.created_ms = read_date_ms(v, wpd::object_date_created);
+  r.modified_ms = read_date_ms(v, wpd::object_date_modified);
+  return r;
+}
+
+// Receives the results of one bulk request, on the driver's thread. Owns
+// everything it touches, so a late call after the listing gave up on it is
+// harmless.
+class bulk_receiver final : public IPortableDevicePropertiesBulkCallback {
+ public:
+  bulk_receiver() : done_(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
+  ~bulk_receiver() {
+    if (done_) CloseHandle(done_);
+  }
+  bool ready() const { return done_ != nullptr; }
+
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
+    if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, wpd::iid_properties_bulk_callback)) {
+      *out = static_cast<IPortableDevicePropertiesBulkCallback*>(this);
+      AddRef();
+      return S_OK;
+    }
+    *out = nullptr;
+    return E_NOINTERFACE;
+  }
+  ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
+  ULONG STDMETHODCALLTYPE Release() override {
+    ULONG n = --refs_;
+    if (n == 0) delete this;
+    return n;
+  }
+
+  HRESULT STDMETHODCALLTYPE OnStart(REFGUID) override { return S_OK; }
+  HRESULT STDMETHODCALLTYPE OnProgress(REFGUID, IPortableDeviceValuesCollection* results) override {
+    DWORD count = 0;
+    if (!results || FAILED(results->GetCount(&count))) return S_OK;
+    std::vector<std::pair<std::wstring, object_record>> batch;
+    batch.reserve(count);
+    for (DWORD i = 0; i < count; ++i) {
+      com_ptr<IPortableDeviceValues> values;
+      if (FAILED(results->GetAt(i, values.put())) || !values) continue;
+      std::optional<std::wstring> id = read_string(values.get(), wpd::object_id);
+      if (!id) continue;
+      batch.emplace_back(*id, record_of(values.get(), *id));
+    }
+    std::lock_guard lock(mutex_);
+    for (auto& [id, record] : batch) records_.insert_or_assign(std::move(id), std::move(record));
+    received_ += batch.size();
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE OnEnd(REFGUID, HRESULT status) override {
+    status_ = status;
+    SetEvent(done_);
+    return S_OK;
+  }
+
+  // Waits up to `ms` for the end; true once it came.
+  bool wait(DWORD ms) { return WaitForSingleObject(done_, ms) == WAIT_OBJECT_0; }
+  HRESULT status() const { return status_; }
+  std::uint64_t received() const { return received_; }
+  std::unordered_map<std::wstring, object_record> take() {
+    std::lock_guard lock(mutex_);
+    return std::move(records_);
+  }
+
+ private:
+  std::atomic<ULONG> refs_{1};
+  HANDLE done_;
+  std::atomic<HRESULT> status_{S_OK};
+  std::atomic<std::uint64_t> received_{0};
+  std::mutex mutex_;
+  std::unordered_map<std::wstring, object_record> records_;
+};
+
+class lister {
+ public:
+  lister(open_device& device, operation_control& control, bool recursive)
+      : device_(device), control_(control), recursive_(recursive) {
+    HRESULT hr = device_.content->Properties(properties_.put());
+    if (FAILED(hr)) fail_listing(hr, wpd::device_object_id);
+    static const PROPERTYKEY keys[] = {
+        wpd::object_id,           wpd::object_parent_id, wpd::object_name,         wpd::object_original_file_name,
+        wpd::object_content_type, wpd::object_size,      wpd::object_date_created, wpd::object_date_modified};
+    keys_ = make_keys(keys);
+    // Bulk requests where the device offers them.
+    if (FAILED(properties_->QueryInterface(wpd::iid_properties_bulk, bulk_.put_void()))) bulk_.reset();
+  }
+
+  // The storage `folder` lives on: its ancestor just below "DEVICE".
+  // Throws "Object not found on the device" for an unknown id.
+  std::wstring storage_of(const std::wstring& folder) {
+    std::wstring id = folder;
+    for (int depth = 0; depth < 4096; ++depth) {
+      com_ptr<IPortableDeviceValues> values;
+      HRESULT hr = properties_->GetValues(id.c_str(), keys_.get(), values.put());
+      if (FAILED(hr) || !values) {
+        if (is_device_gone(hr)) fail_listing(hr, folder);
+        throw mtp_failure("Object not found on the device: " + narrow(folder));
+      }
+      std::wstring parent = read_string(values.get(), wpd::object_parent_id).value_or(L"");
+      if (parent.empty() || parent == wpd::device_object_id) return id;
+      id = parent;
+    }
+    return id;
+  }
+
+  // Lists the children of `root` (and, recursively, theirs).
+  void run(const std::wstring& root, const std::wstring& root_storage) {
+    struct frame {
+      std::vector<object_record> records;
+      std::size_t next = 0;
+    };
+    std::vector<frame> stack;
+    stack.push_back({read_children(root, root_storage), 0});
+    while (!stack.empty()) {
+      frame& top = stack.back();
+      if (top.next == top.records.size()) {
+        stack.pop_back();
+        continue;
+      }
+      check_cancel(control_);
+      object_record record = std::move(top.records[top.next++]);
+      const bool descend = recursive_ && is_container(record.kind);
+      std::wstring id = record.id;
+      std::wstring storage = record.storage_id;
+      objects_.push_back(std::move(record));
+      if (descend) {
+        std::vector<object_record> children = read_children(id, storage);
+        stack.push_back({std::move(children), 0});
+      }
+    }
+  }
+
+  std::vector<object_record> take() { return std::move(objects_); }
+  bool used_bulk() const { return used_bulk_; }
+
+ private:
+  // The records of the children of `parent`, in the device's order. Each
+  // lives on `storage`; an empty `storage` (children of "DEVICE") makes each
+  // child a storage of its own.
+  std::vector<object_record> read_children(const std::wstring& parent, const std::wstring& storage) {
+    std::vector<std::wstring> ids = children_of(parent);
+    std::vector<object_record> records;
+    if (ids.empty()) return records;
+    if (!bulk_ || !read_bulk(ids, records)) {
+      records.clear();
+      records.reserve(ids.size());
+      for (const std::wstring& id : ids) {
+        check_cancel(control_);
+        records.push_back(read_object(id));
+        control_.done.fetch_add(1, std::memory_order_relaxed);
+      }
+    }
+    for (object_record& r : records) r.storage_id = storage.empty() ? r.id : storage;
+    return records;
+  }
+
+  std::vector<std::wstring> children_of(const std::wstring& parent) {
+    com_ptr<IEnumPortableDeviceObjectIDs> objects;
+    HRESULT hr = device_.content->EnumObjects(0, parent.c_str(), nullptr, objects.put());
+    if (FAILED(hr) || !objects) {
+      if (is_object_missing(hr)) throw mtp_failure("Object not found on the device: " + narrow(parent));
+      fail_listing(hr, parent);
+    }
+    std::vector<std::wstring> ids;
+    LPWSTR batch[batch_size];
+    for (;;) {
+      check_cancel(control_);
+      ULONG fetched = 0;
+      hr = objects->Next(batch_size, batch, &fetched);
+      if (FAILED(hr)) fail_listing(hr, parent);
+      for (ULONG i = 0; i < fetched && i < batch_size; ++i) {
+        if (batch[i]) ids.emplace_back(batch[i]);
+        CoTaskMemFree(batch[i]);
+      }
+      if (hr == S_FALSE || fetched == 0) break;
+    }
+    return ids;
+  }
+
+  // One bulk request for `ids`. False when the device turned the request
+  // down (the caller reads object by object from then on).
+  bool read_bulk(const std::vector<std::wstring>& ids, std::vector<object_record>& records) {
+    com_ptr<IPortableDevicePropVariantCollection> list;
+    HRESULT hr = CoCreateInstance(wpd::clsid_prop_variant_collection, nullptr, CLSCTX_INPROC_SERVER,
+                                  wpd::iid_prop_variant_collection, list.put_void());
+    if (FAILED(hr)) return give_up_bulk(hr);
+    for (const std::wstring& id : ids) {
+      PROPVARIANT v;
+      PropVariantInit(&v);
+      v.vt = VT_LPWSTR;
+      v.pwszVal = const_cast<LPWSTR>(id.c_str());
+      hr = list->Add(&v);  // copies the string
+      if (FAILED(hr)) return give_up_bulk(hr);
+    }
+    auto* receiver = new bulk_receiver();
+    com_ptr<IPortableDevicePropertiesBulkCallback> callback;
+    *callback.put() = receiver;  // takes the first reference
+    if (!receiver->ready()) return give_up_bulk(HRESULT_FROM_WIN32(GetLastError()));
+    GUID context{};
+    hr = bulk_->QueueGetValuesByObjectList(list.get(), keys_.get(), callback.get(), &context);
+    if (FAILED(hr)) {
+      if (is_device_gone(hr)) fail_listing(hr, ids.front());
+      return give_up_bulk(hr);
+    }
+    hr = bulk_->Start(context);
+    if (FAILED(hr)) {
+      if (is_device_gone(hr)) fail_listing(hr, ids.front());
+      return give_up_bulk(hr);
+    }
+    used_bulk_ = true;
+    const std::uint64_t base = control_.done.load();
+    bool cancel_sent = false;
+    auto cancel_deadline = std::chrono::steady_clock::now();
+    for (;;) {
+      const bool ended = receiver->wait(100);
+      control_.done = base + receiver->received();
+      if (ended) break;
+      if (control_.cancel && !cancel_sent) {
+        bulk_->Cancel(context);
+        cancel_sent = true;
+        cancel_deadline = std::chrono::steady_clock::now() + bulk_cancel_grace;
+      }
+      if (cancel_sent && std::chrono::steady_clock::now() > cancel_deadline) break;
+    }
+    check_cancel(control_);
+    hr = receiver->status();
+    if (FAILED(hr)) fail_listing(hr, ids.front());
+    std::unordered_map<std::wstring, object_record> found = receiver->take();
+    records.reserve(ids.size());
+    for (const std::wstring& id : ids) {
+      auto it = found.find(id);
+      if (it != found.end()) {
+        records.push_back(std::move(it->second));
+        continue;
+      }
+      // Not in the results: the object went away meanwhile, or the
+      // device refuses it; listed with what is known.
+      log::err("Failed to read the properties of object " + narrow(id));
+      object_record r;
+      r.id = id;
+      records.push_back(std::move(r));
+    }
+    return true;
+  }
+
+  bool give_up_bulk(HRESULT hr) {
+    log::err("Bulk property reads are not available (hr = " + hresult_text(static_cast<std::uint32_t>(hr)) +
+             "); reading object by object");
+    bulk_.reset();
+    return false;
+  }
+
+  object_record read_object(const std::wstring& id) {
+    com_ptr<IPortableDeviceValues> values;
+    HRESULT hr = properties_->GetValues(id.c_str(), keys_.get(), values.put());
+    if (FAILED(hr) || !values) {
+      if (is_device_gone(hr)) fail_listing(hr, id);
+      // The object went away between the listing of its folder and now,
+      // or the device refuses it: listed with what is known.
+      log::err("Failed to read the properties of object " + narrow(id) +
+               ", hr = " + hresult_text(static_cast<std::uint32_t>(hr)));
+      object_record r;
+      r.id = id;
+      return r;
+    }
+    return record_of(values.get(), id);
+  }
+
+  open_device& device_;
+  operation_control& control_;
+  bool recursive_;
+  bool used_bulk_ = false;
+  com_ptr<IPortableDeviceProperties> properties_;
+  com_ptr<IPortableDevicePropertiesBulk> bulk_;
+  com_ptr<IPortableDeviceKeyCollection> keys_;
+  std::vector<object_record> objects_;
+};
+
+}  // namespace
+
+std::vector<object_record> list_objects(const listing_request& request, operation_control& control) {
+  com_apartment com;
+  check_cancel(control);
+  open_device device = open_for_reading(request.device_id);
+  lister l(device, control, request.recursive);
+  if (request.folder && *request.folder != wpd::device_object_id) {
+    std::wstring storage = l.storage_of(*request.folder);
+    l.run(*request.folder, storage);
+  } else {
+    l.run(wpd::device_object_id, L"");
+  }
+  return l.take();
+}
+
+}  // namespace ostrel::mtp

@@ -1,0 +1,339 @@
+'use strict';
+// GetMtpFilesById, GetMtpFileById and GetMtpThumbnailById against the WPD
+// test double (Windows; under Wine the double is the only WPD there is).
+const test = require('node:test');
+const assert = require('node:assert/strict');
+const fs = require('fs');
+const os = require('os');
+const path = require('path');
+const { isWindows, runChild } = require('./helpers');
+
+const FILE_PROPERTIES = ['objectId', 'parentId', 'name', 'contentType', 'size', 'createdMs', 'modifiedMs', 'storageId'];
+
+// A phone with two storages: hand-made objects of every kind, and a
+// generated tree of 3,000 photos and videos on the second.
+function tree() {
+  return {
+    id: 'phone',
+    protocol: 'MTP: 1.00',
+    name: 'Phone',
+    objects: [
+      {
+        id: 's1',
+        type: 'storage',
+        name: 'Internal shared storage',
+        children: [
+          {
+            id: 'dcim',
+            type: 'folder',
+            name: 'DCIM',
+            children: [
+              { id: 'p1', type: 'image', name: 'IMG_1.JPG', data: 'jpeg bytes', thumbnail: 'tiny', created: 1600000000000, modified: 1700000000000 },
+              { id: 'v1', type: 'video', name: 'VID_1.MP4', dataSize: 300000 },
+              { id: 'big', type: 'video', name: 'BIG.MP4', dataSize: 64 * 1024 * 1024 },
+              { id: 'broken', type: 'image', name: 'BROKEN.JPG', dataSize: 200000, breakAt: 100000 },
+              { id: 'sub', type: 'folder', name: 'Sub', children: [
+                { id: 'p2', type: 'image', name: 'IMG_2.JPG', size: 777 },
+                { id: 'p2é', type: 'document', name: 'Zoë.txt', data: 'ü' },
+              ] },
+            ],
+          },
+          { id: 'm1', type: 'audio', name: 'song.mp3', size: 5 },
+          { id: 'd1', type: 'document', name: 'notes.txt', size: 6 },
+          { id: 'x1', name: 'no type', size: 7 },
+          { id: 'bad', type: 'image', name: 'unreadable.jpg', failProperties: true },
+        ],
+      },
+      { id: 's2', type: 'storage', name: 'SD card' },
+    ],
+    generate: { storage: 's2', folders: 3, filesPerFolder: 1000, videoEvery: 10 },
+  };
+}
+
+function tempDir() {
+  return fs.mkdtempSync(path.join(os.tmpdir(), 'ostrel-mtp-'));
+}
+
+test('device listings and copies with the WPD test double', { skip: !isWindows && 'WPD is Windows only' }, async (t) => {
+  const { useDevices, patternBytes } = require('./mtp-fixture');
+  const ostrel = require('../..');
+  useDevices({ devices: [tree()] });
+
+  await t.test('the whole device: classification, counts, parents and storages', async () => {
+    const r = await ostrel.GetMtpFilesById('phone');
+    assert.deepEqual(Object.keys(r), ['photoNum', 'videoNum', 'totalSize', 'fileList']);
+    const byId = new Map(r.fileList.map((f) => [f.objectId, f]));
+    assert.equal(r.fileList.length, 14 + 3 + 3000);
+    for (const f of r.fileList) assert.deepEqual(Object.keys(f), FILE_PROPERTIES);
+    const kinds = {};
+    for (const f of r.fileList) kinds[f.contentType] = (kinds[f.contentType] || 0) + 1;
+    assert.deepEqual(kinds, { FOLDER: 2 + 2 + 3, IMAGE: 3 + 2700, VIDEO: 2 + 300, UNKNOW: 5 });
+    assert.equal(r.photoNum, 3 + 2700);
+    assert.equal(r.videoNum, 2 + 300);
+    let generated = 0;
+    for (let n = 0; n < 1000; n++) generated += 1000 + n;
+    assert.equal(r.totalSize, 10 + 300000 + 64 * 1024 * 1024 + 200000 + 777 + 3 * generated);
+    assert.deepEqual(byId.get('p1'), {
+      objectId: 'p1',
+      parentId: 'dcim',
+      name: 'IMG_1.JPG',
+      contentType: 'IMAGE',
+      size: 10,
+      createdMs: 1600000000000,
+      modifiedMs: 1700000000000,
+      storageId: 's1',
+    });
+    assert.deepEqual(
+      ['s1', 'dcim', 'm1', 'd1', 'x1', 'p2', 'gf1', 'gf2_999'].map((id) => [id, byId.get(id).contentType, byId.get(id).storageId]),
+      [['s1', 'FOLDER', 's1'], ['dcim', 'FOLDER', 's1'], ['m1', 'UNKNOW', 's1'], ['d1', 'UNKNOW', 's1'],
+        ['x1', 'UNKNOW', 's1'], ['p2', 'IMAGE', 's1'], ['gf1', 'FOLDER', 's2'], ['gf2_999', 'VIDEO', 's2']],
+    );
+    // An object whose properties cannot be read is still listed, as far as known.
+    assert.deepEqual(byId.get('bad'), {
+      objectId: 'bad', parentId: '', name: '', contentType: 'UNKNOW', size: 0, createdMs: null, modifiedMs: null, storageId: 's1',
+    });
+    assert.equal(byId.get('dcim').size, 0);
+    assert.equal(byId.get('v1').createdMs, null);
+    // Depth first, in the device's order.
+    const order = r.fileList.map((f) => f.objectId);
+    assert.deepEqual(order.slice(0, 8), ['s1', 'dcim', 'p1', 'v1', 'big', 'broken', 'sub', 'p2']);
+    assert.ok(order.indexOf('gf0_999') < order.indexOf('gf1'));
+  });
+
+  await t.test('bulk property reads where the device offers them, object by object otherwise: the same list', async () => {
+    const bulk = useDevices({ devices: [tree()] });
+    const a = await ostrel.GetMtpFilesById('phone');
+    assert.ok(bulk.log().includes('bulk 1000') && bulk.log().includes('bulk 2'), 'bulk requests, one per folder');
+    const single = useDevices({ devices: [{ ...tree(), noBulk: true }] });
+    const b = await ostrel.GetMtpFilesById('phone');
+    assert.ok(!single.log().some((l) => l.startsWith('bulk')));
+    assert.deepEqual(b, a);
+    // Cancelled while a bulk request of 20,000 objects is being answered.
+    useDevices({ devices: [{ ...tree(), slowMs: 20, generate: { storage: 's2', folders: 1, filesPerFolder: 20000 } }] });
+    const ac = new AbortController();
+    const started = Date.now();
+    const cancelled = ostrel.GetMtpFilesById('phone', 'gf0', { signal: ac.signal, onProgress: () => ac.abort() });
+    await assert.rejects(cancelled, { message: 'GetMtpFilesById was cancelled' });
+    assert.ok(Date.now() - started < 3000, 'the bulk request stopped early');
+    useDevices({ devices: [tree()] });
+  });
+
+  await t.test('a folder, recursively or one level', async () => {
+    const deep = await ostrel.GetMtpFilesById('phone', 'dcim');
+    assert.deepEqual(deep.fileList.map((f) => f.objectId), ['p1', 'v1', 'big', 'broken', 'sub', 'p2', 'p2é']);
+    assert.ok(deep.fileList.every((f) => f.storageId === 's1'));
+    assert.deepEqual([deep.photoNum, deep.videoNum], [3, 2]);
+    const flat = await ostrel.GetMtpFilesById('phone', 'dcim', { recursive: false });
+    assert.deepEqual(flat.fileList.map((f) => f.objectId), ['p1', 'v1', 'big', 'broken', 'sub']);
+    const top = await ostrel.GetMtpFilesById('phone', null, { recursive: false });
+    assert.deepEqual(top.fileList.map((f) => f.objectId), ['s1', 's2']);
+    const storage = await ostrel.GetMtpFilesById('phone', 's2', { recursive: false });
+    assert.deepEqual(storage.fileList.map((f) => [f.objectId, f.storageId]), [['gf0', 's2'], ['gf1', 's2'], ['gf2', 's2']]);
+  });
+
+  await t.test('unknown folders and devices reject clearly', async () => {
+    await assert.rejects(ostrel.GetMtpFilesById('phone', 'nope'), { message: 'Object not found on the device: nope' });
+    await assert.rejects(ostrel.GetMtpFilesById('no-such-phone'), /^Error: Failed to open device no-such-phone, hr = 0x80070037$/);
+  });
+
+  await t.test('progress while listing, never after the promise settles; an abort cancels', async () => {
+    useDevices({ devices: [{ ...tree(), slowMs: 10, generate: { storage: 's2', folders: 40, filesPerFolder: 1000 } }] });
+    const reports = [];
+    let settled = false;
+    const r = await ostrel.GetMtpFilesById('phone', null, {
+      onProgress(p) {
+        assert.equal(settled, false);
+        assert.deepEqual(Object.keys(p), ['listed']);
+        reports.push(p.listed);
+      },
+    });
+    settled = true;
+    assert.equal(r.fileList.length, 14 + 40 + 40000);
+    assert.ok(reports.length >= 1, 'at least one progress report');
+    for (let i = 1; i < reports.length; i++) assert.ok(reports[i] >= reports[i - 1]);
+    assert.ok(reports.at(-1) <= r.fileList.length);
+
+    const ac = new AbortController();
+    const cancelled = ostrel.GetMtpFilesById('phone', null, {
+      signal: ac.signal,
+      onProgress: () => ac.abort(),
+    });
+    await assert.rejects(cancelled, { message: 'GetMtpFilesById was cancelled' });
+    const early = new AbortController();
+    early.abort();
+    await assert.rejects(ostrel.GetMtpFilesById('phone', null, { signal: early.signal }), {
+      message: 'GetMtpFilesById was cancelled',
+    });
+    await new Promise((resolve) => setTimeout(resolve, 500));
+    assert.ok(reports.length >= 1);
+    useDevices({ devices: [tree()] });
+  });
+
+  await t.test('one signal for many calls keeps no listener; a throwing progress callback is only logged', async () => {
+    const { getEventListeners } = require('events');
+    const ac = new AbortController();
+    const lists = await Promise.all(
+      Array.from({ length: 30 }, () => ostrel.GetMtpFilesById('phone', 'dcim', { signal: ac.signal })),
+    );
+    assert.ok(lists.every((l) => l.fileList.length === 7));
+    assert.equal(getEventListeners(ac.signal, 'abort').length, 0);
+
+    const { file } = useDevices({ devices: [{ ...tree(), slowMs: 10, generate: { storage: 's2', folders: 30, filesPerFolder: 200 } }] });
+    const r = runChild(
+      `
+      const ostrel = require('.');
+      let calls = 0;
+      ostrel.GetMtpFilesById('phone', null, { onProgress() { calls++; throw new Error('from the callback'); } })
+        .then((l) => console.log('LISTED ' + l.fileList.length + ' CALLS ' + (calls > 0)));
+      `,
+      { env: { OSTREL_WPD_DOUBLE: file } },
+    );
+    assert.equal(r.status, 0, r.stderr);
+    assert.match(r.stdout, /LISTED 6044 CALLS true/);
+    assert.match(r.stderr, /Caught Napi::Error in onProgress: .*from the callback/);
+    useDevices({ devices: [tree()] });
+  });
+
+  await t.test('a Worker terminated inside a progress callback, with listings and copies in flight', () => {
+    const { file } = useDevices({ devices: [{ ...tree(), slowMs: 10, generate: { storage: 's2', folders: 30, filesPerFolder: 200 } }] });
+    const dir = tempDir();
+    const r = runChild(
+      `
+      require('.');  // the main thread holds the module too (see mtp-devices.test.js)
+      const { Worker } = require('worker_threads');
+      const w = new Worker(\`
+        const ostrel = require(process.cwd());
+        const { workerData } = require('worker_threads');
+        const path = require('path');
+        for (let i = 0; i < 5; i++) ostrel.GetMtpFileById('phone', 'big', path.join(workerData, 'big' + i)).catch(() => {});
+        ostrel.GetMtpFilesById('phone', null, { onProgress() { process.exit(0); } });
+      \`, { eval: true, workerData: ${JSON.stringify(dir)} });
+      w.on('exit', async (code) => {
+        const l = await require('.').GetMtpFilesById('phone', 'dcim');
+        console.log('WORKER ' + code + ' MAIN ' + l.fileList.length);
+      });
+      `,
+      { env: { OSTREL_WPD_DOUBLE: file } },
+    );
+    assert.equal(r.status, 0, r.stderr);
+    assert.match(r.stdout, /WORKER 0 MAIN 7/);
+    assert.deepEqual(fs.readdirSync(dir), []);
+    fs.rmSync(dir, { recursive: true, force: true });
+    useDevices({ devices: [tree()] });
+  });
+
+  await t.test('a device removed during a listing rejects; no partial list', async () => {
+    for (const noBulk of [false, true]) {
+      useDevices({ devices: [{ ...tree(), disconnectAfter: 500, noBulk }] });
+      await assert.rejects(ostrel.GetMtpFilesById('phone'), {
+        message: 'The device was disconnected during the listing (hr = 0x8007048f)',
+      });
+    }
+    useDevices({ devices: [tree()] });
+  });
+
+  await t.test('copies of data and thumbnails are byte for byte, and leave nothing else', async () => {
+    const dir = tempDir();
+    const cases = [
+      ['GetMtpFileById', 'p1', Buffer.from('jpeg bytes')],
+      ['GetMtpFileById', 'v1', patternBytes(300000)],
+      ['GetMtpThumbnailById', 'p1', Buffer.from('tiny')],
+    ];
+    for (const [name, id, expected] of cases) {
+      const dest = path.join(dir, `${name}-${id}`);
+      const r = await ostrel[name]('phone', id, dest);
+      assert.deepEqual(r, { path: dest, bytes: expected.length });
+      assert.ok(fs.readFileSync(dest).equals(expected), `${name} ${id}`);
+    }
+    assert.deepEqual(fs.readdirSync(dir).sort(), cases.map(([n, id]) => `${n}-${id}`).sort());
+    // Names beyond ASCII, on the device and on disk.
+    const unicode = path.join(dir, 'Zoë 日本 📷.jpg');
+    assert.deepEqual(await ostrel.GetMtpFileById('phone', 'p2é', unicode), { path: unicode, bytes: 2 });
+    assert.equal(fs.readFileSync(unicode, 'utf8'), 'ü');
+    fs.rmSync(dir, { recursive: true, force: true });
+  });
+
+  await t.test('an existing destination is refused unless overwrite is asked', async () => {
+    const dir = tempDir();
+    const dest = path.join(dir, 'IMG_1.JPG');
+    fs.writeFileSync(dest, 'mine');
+    for (const name of ['GetMtpFileById', 'GetMtpThumbnailById']) {
+      await assert.rejects(ostrel[name]('phone', 'p1', dest), { message: `The destination already exists: ${dest}` });
+      assert.equal(fs.readFileSync(dest, 'utf8'), 'mine');
+    }
+    assert.deepEqual(await ostrel.GetMtpFileById('phone', 'p1', dest, { overwrite: true }), { path: dest, bytes: 10 });
+    assert.equal(fs.readFileSync(dest, 'utf8'), 'jpeg bytes');
+    assert.deepEqual(fs.readdirSync(dir), ['IMG_1.JPG']);
+    fs.rmSync(dir, { recursive: true, force: true });
+  });
+
+  await t.test('failures reject clearly and leave no partial file', async () => {
+    const dir = tempDir();
+    const dest = path.join(dir, 'out');
+    const cases = [
+      [() => ostrel.GetMtpFileById('phone', 'broken', dest), 'Failed to read object broken after 100000 bytes, hr = 0x80004005'],
+      [() => ostrel.GetMtpThumbnailById('phone', 'v1', dest), 'The object has no thumbnail: v1'],
+      [() => ostrel.GetMtpFileById('phone', 'gone', dest), 'Object not found on the device: gone'],
+      [() => ostrel.GetMtpFileById('no-such-phone', 'p1', dest), 'Failed to open device no-such-phone, hr = 0x80070037'],
+      [() => ostrel.GetMtpFileById('phone', 'p1', path.join(dir, 'missing', 'out')), /^Failed to write .*missing.*out: /],
+    ];
+    for (const [call, message] of cases) {
+      await assert.rejects(call(), (e) => (typeof message === 'string' ? e.message === message : message.test(e.message)) || assert.fail(e.message));
+      assert.deepEqual(fs.readdirSync(dir), []);
+    }
+    useDevices({ devices: [{ ...tree(), disconnectAfter: 1 }] });
+    await assert.rejects(ostrel.GetMtpFileById('phone', 'v1', dest), {
+      message: 'The device was disconnected during the copy (hr = 0x8007048f)',
+    });
+    assert.deepEqual(fs.readdirSync(dir), []);
+    useDevices({ devices: [tree()] });
+    fs.rmSync(dir, { recursive: true, force: true });
+  });
+
+  await t.test('a large copy reports progress and can be cancelled, leaving no file', async () => {
+    useDevices({ devices: [{ ...tree(), slowMs: 5 }] });
+    const dir = tempDir();
+    const dest = path.join(dir, 'big.mp4');
+    const reports = [];
+    const ac = new AbortController();
+    const copy = ostrel.GetMtpFileById('phone', 'big', dest, {
+      signal: ac.signal,
+      onProgress(p) {
+        reports.push(p);
+        if (p.bytes > 0) ac.abort();
+      },
+    });
+    await assert.rejects(copy, { message: 'The copy was cancelled' });
+    assert.ok(reports.length >= 1);
+    assert.deepEqual(Object.keys(reports[0]), ['bytes', 'total']);
+    assert.equal(reports[0].total, 64 * 1024 * 1024);
+    assert.deepEqual(fs.readdirSync(dir), []);
+    fs.rmSync(dir, { recursive: true, force: true });
+    useDevices({ devices: [tree()] });
+  });
+
+  await t.test('process.exit during a copy leaves no partial file; twenty copies at once', async () => {
+    const { file: slow } = useDevices({ devices: [{ ...tree(), slowMs: 5 }] });
+    useDevices({ devices: [tree()] });
+    const dir = tempDir();
+    const r = runChild(
+      `
+      const ostrel = require('.');
+      ostrel.GetMtpFileById('phone', 'big', ${JSON.stringify(path.join(dir, 'big.mp4'))}, {
+        onProgress(p) { if (p.bytes > 0) { console.log('EXITING'); process.exit(0); } },
+      });
+      `,
+      { env: { OSTREL_WPD_DOUBLE: slow } },
+    );
+    assert.equal(r.status, 0, r.stderr);
+    assert.match(r.stdout, /EXITING/);
+    assert.deepEqual(fs.readdirSync(dir), []);
+
+    const copies = await Promise.all(
+      Array.from({ length: 20 }, (_, i) => ostrel.GetMtpFileById('phone', 'v1', path.join(dir, `v${i}`))),
+    );
+    assert.ok(copies.every((c) => c.bytes === 300000));
+    assert.equal(fs.readdirSync(dir).length, 20);
+    fs.rmSync(dir, { recursive: true, force: true });
+  });
+});
