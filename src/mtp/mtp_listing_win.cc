@@ -22,6 +22,10 @@ constexpr ULONG batch_size = 512;
 // How long a cancelled bulk request may take to end before the listing
 // stops waiting for it.
 constexpr auto bulk_cancel_grace = std::chrono::seconds(5);
+// How long a bulk request may go without a single callback before the
+// listing gives up on it and reads that batch object by object: a driver
+// that drops a request must not hang the listing.
+constexpr auto bulk_stall_limit = std::chrono::seconds(10);
 
 [[noreturn]] void fail_listing(HRESULT hr, const std::wstring& folder) {
   if (is_device_gone(hr)) {
@@ -75,7 +79,10 @@ class bulk_receiver final : public IPortableDevicePropertiesBulkCallback {
     return n;
   }
 
-  HRESULT STDMETHODCALLTYPE OnStart(REFGUID) override { return S_OK; }
+  HRESULT STDMETHODCALLTYPE OnStart(REFGUID) override {
+    started_ = true;
+    return S_OK;
+  }
   HRESULT STDMETHODCALLTYPE OnProgress(REFGUID, IPortableDeviceValuesCollection* results) override {
     DWORD count = 0;
     if (!results || FAILED(results->GetCount(&count))) return S_OK;
@@ -103,6 +110,7 @@ class bulk_receiver final : public IPortableDevicePropertiesBulkCallback {
   bool wait(DWORD ms) { return WaitForSingleObject(done_, ms) == WAIT_OBJECT_0; }
   HRESULT status() const { return status_; }
   std::uint64_t received() const { return received_; }
+  bool started() const { return started_; }
   std::unordered_map<std::wstring, object_record> take() {
     std::lock_guard lock(mutex_);
     return std::move(records_);
@@ -113,6 +121,7 @@ class bulk_receiver final : public IPortableDevicePropertiesBulkCallback {
   HANDLE done_;
   std::atomic<HRESULT> status_{S_OK};
   std::atomic<std::uint64_t> received_{0};
+  std::atomic<bool> started_{false};
   std::mutex mutex_;
   std::unordered_map<std::wstring, object_record> records_;
 };
@@ -257,10 +266,25 @@ class lister {
     const std::uint64_t base = control_.done.load();
     bool cancel_sent = false;
     auto cancel_deadline = std::chrono::steady_clock::now();
+    auto last_news = std::chrono::steady_clock::now();
+    std::uint64_t last_received = 0;
+    bool seen_start = false;
     for (;;) {
       const bool ended = receiver->wait(100);
       control_.done = base + receiver->received();
       if (ended) break;
+      const auto now = std::chrono::steady_clock::now();
+      if (receiver->received() != last_received || receiver->started() != seen_start) {
+        last_received = receiver->received();
+        seen_start = receiver->started();
+        last_news = now;
+      } else if (!cancel_sent && now - last_news > bulk_stall_limit) {
+        bulk_->Cancel(context);
+        log::err("A bulk property request got no answer in " + std::to_string(bulk_stall_limit.count()) +
+                 " s; reading object by object");
+        bulk_.reset();
+        return false;
+      }
       if (control_.cancel && !cancel_sent) {
         bulk_->Cancel(context);
         cancel_sent = true;
