@@ -115,6 +115,8 @@ void query_hardware_disks(com_api& com, volume_api& volumes, const query_limits&
       logical.push_back(std::move(l));
     });
     if (o == query_outcome::failed) log::err("WMI query failed.");
+    // Stopped by the limits: the caller has answered or is about to.
+    if (o == query_outcome::stopped) return;
     std::vector<physical_disk> physical;
     if (!limits.stop_now()) {
       o = run_wmi_query(com, disk_drive_query, limits, [&](wmi_object& object) {
@@ -129,6 +131,7 @@ void query_hardware_disks(com_api& com, volume_api& volumes, const query_limits&
         physical.push_back(std::move(p));
       });
       if (o == query_outcome::failed) log::err("WMI query failed.");
+      if (o == query_outcome::stopped) return;
     }
     for (const logical_disk& l : logical) {
       if (limits.stop_now()) break;

@@ -8,7 +8,8 @@ namespace ostrel::storage {
 
 std::uint32_t query_limits::wait_ms() const {
   if (!deadline) return wait_infinite;
-  auto left = std::chrono::duration_cast<std::chrono::milliseconds>(*deadline - std::chrono::steady_clock::now());
+  // Rounded up: a wait that ends has reached the deadline.
+  auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - std::chrono::steady_clock::now());
   if (left.count() <= 0) return 0;
   if (left.count() >= static_cast<long long>(wait_infinite)) return wait_infinite - 1;
   return static_cast<std::uint32_t>(left.count());
