@@ -42,6 +42,7 @@ struct list_call {
   collector<Record> records;
   cancellation_source timer;
   std::atomic<bool> job_done{false};
+  std::atomic<bool> limited{false};  // the job itself ended at the limit
   std::atomic<bool> stopping{false};
   session_registry::ticket ticket;
 };
@@ -66,6 +67,7 @@ void run_job(const std::shared_ptr<list_call<Record>>& call) {
   } catch (...) {
     log_task_failure();
   }
+  call->limited = limits.expired();
   call->job_done = true;
   call->timer.request_cancellation();
 }
@@ -124,7 +126,7 @@ task<void> list_task(std::shared_ptr<list_call<Record>> call) {
     co_await on_pool();
   }
   std::vector<Record> records = call->records.take();
-  if (!call->job_done.load() && !call->stopping.load()) {
+  if ((!call->job_done.load() || call->limited.load()) && !call->stopping.load()) {
     log::err(std::string(call->name) + ": the time limit of " + std::to_string(call->timeout->count()) +
              " ms ran out; resolving with the " + std::to_string(records.size()) + " entries read so far");
   }

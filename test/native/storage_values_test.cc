@@ -69,7 +69,9 @@ TEST(StorageValues, ReadersByVariantKind) {
   };
   for (const row& c : cases) {
     EXPECT_EQ(read_text(c.v), c.text);
-    if (c.v.type != wmi_value::kind::string || c.size) EXPECT_EQ(read_size(c.v), c.size) << c.text;
+    if (c.v.type != wmi_value::kind::string || c.size) {
+      EXPECT_EQ(read_size(c.v), c.size) << c.text;
+    }
     EXPECT_EQ(read_drive_type(c.v), c.drive_type) << c.text;
   }
   EXPECT_THROW(read_size(wmi_value::string("C:")), std::invalid_argument);
