@@ -9,7 +9,8 @@ const { UsageError, CommandError, HelpRequest } = require('../lib/cli/usage');
 const { makeHelp, overview, commandHelp } = require('../lib/cli/help');
 
 const commands = {};
-for (const c of [require('../lib/cli/scan'), require('../lib/cli/watch'), require('../lib/cli/version')]) {
+const storage = require('../lib/cli/storage');
+for (const c of [require('../lib/cli/scan'), require('../lib/cli/watch'), storage.drives, storage.disks, require('../lib/cli/version')]) {
   commands[c.name] = c;
 }
 commands.help = makeHelp(commands);
