@@ -235,7 +235,7 @@ class linux_source : public storage_source {
     block_devices devices(paths_.sysfs);
     for (const mount_entry& m : listed_mounts()) {
       if (limits.stop_now()) {
-        log::err("Drive list stopped at the time limit");
+        log::err(std::string("Drive list stopped early (") + limits.stop_reason() + ")");
         return;
       }
       bool spanned = false;
@@ -255,7 +255,7 @@ class linux_source : public storage_source {
     std::size_t count = 0;
     for (const mount_entry& m : listed_mounts()) {
       if (limits.stop_now()) {
-        log::err("Disk list stopped at the time limit");
+        log::err(std::string("Disk list stopped early (") + limits.stop_reason() + ")");
         return;
       }
       bool spanned = false;

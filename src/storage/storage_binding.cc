@@ -33,6 +33,10 @@ constexpr double max_timeout_ms = 2147483647.0;
 template <typename Record>
 struct list_call {
   list_call(napi_env env, std::shared_ptr<storage_source> s) : result(env), source(std::move(s)) {}
+  ~list_call() {
+    // The environment went away first: nobody waits for this promise.
+    if (stopping.load()) result.abandon();
+  }
 
   promise result;
   std::shared_ptr<storage_source> source;
@@ -131,12 +135,21 @@ task<void> list_task(std::shared_ptr<list_call<Record>> call) {
              " ms ran out; resolving with the " + std::to_string(records.size()) + " entries read so far");
   }
   co_await call->sched->schedule();
+  try {
+    Napi::Env env(call->sched->env());
+    Napi::HandleScope scope(env);
+    Napi::Array list = Napi::Array::New(env, records.size());
+    for (std::size_t i = 0; i < records.size(); ++i) {
+      list.Set(static_cast<std::uint32_t>(i), to_object(env, records[i]));
+    }
+    call->result.resolve(list);
+  } catch (...) {
+    // Script cannot be called any more (a Worker ended while its answer was
+    // being built); anything else is logged by the task's error path.
+    call->result.abandon();
+    throw;
+  }
   call->ticket.reset();
-  Napi::Env env(call->sched->env());
-  Napi::HandleScope scope(env);
-  Napi::Array list = Napi::Array::New(env, records.size());
-  for (std::size_t i = 0; i < records.size(); ++i) list.Set(static_cast<std::uint32_t>(i), to_object(env, records[i]));
-  call->result.resolve(list);
 }
 
 std::optional<std::chrono::milliseconds> read_timeout(Napi::Env env, Napi::Value options, const char* name) {

@@ -25,7 +25,7 @@ std::unique_lock<std::timed_mutex> wait_for_turn(const query_limits& limits) {
   std::unique_lock<std::timed_mutex> turn(wmi_turn(), std::defer_lock);
   while (!turn.try_lock_for(std::chrono::milliseconds(20))) {
     if (limits.stop_now()) {
-      log::err("WMI query not made: the time limit ran out while another query was running");
+      log::err(std::string("WMI query not made: ") + limits.stop_reason() + " while another query was running");
       break;
     }
   }

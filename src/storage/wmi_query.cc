@@ -39,14 +39,14 @@ query_outcome run_wmi_query(com_api& com, const std::string& wql, const query_li
   }
   for (;;) {
     if (limits.stop_now()) {
-      log::err_value("WMI enumeration stopped at the time limit: ", wql);
+      log::err(std::string("WMI enumeration stopped (") + limits.stop_reason() + "): " + wql);
       return query_outcome::stopped;
     }
     bool timed_out = false;
     std::unique_ptr<wmi_object> object = rows->next(limits.wait_ms(), timed_out);
     if (!object) {
       if (timed_out && limits.deadline) {
-        log::err_value("WMI enumeration stopped at the time limit: ", wql);
+        log::err("WMI enumeration stopped (the time limit ran out): " + wql);
         return query_outcome::stopped;
       }
       if (!timed_out) break;

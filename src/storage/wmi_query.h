@@ -22,6 +22,8 @@ struct query_limits {
   bool expired() const { return deadline && std::chrono::steady_clock::now() >= *deadline; }
   // Next's wait: the time left, or no limit.
   std::uint32_t wait_ms() const;
+  // Why stop_now() is true, for the log: "the time limit ran out" or "the caller no longer waits".
+  const char* stop_reason() const { return expired() ? "the time limit ran out" : "the caller no longer waits"; }
 };
 
 enum class query_outcome { done, failed, stopped };
