@@ -7,10 +7,12 @@
 #include <chrono>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "storage/com_guard.h"
 #include "storage/drive_list.h"
 #include "storage/hardware_disks.h"
+#include "storage/storage_source.h"
 #include "storage_fake.h"
 
 namespace ostrel::storage {
@@ -305,6 +307,51 @@ TEST(StorageDisks, BigListStatisticOncePerProcess) {
   EXPECT_EQ(disks_of(m).size(), 31u);
   EXPECT_FALSE(report_big_disk_list(31));  // the list above already recorded it
   EXPECT_FALSE(report_big_disk_list(500));
+}
+
+}  // namespace
+}  // namespace ostrel::storage
+
+namespace ostrel::storage {
+namespace {
+
+// WMI jobs take turns; a job waits at most half of its time limit for a
+// query stuck elsewhere, then queries alongside; one whose limit runs out
+// while it waits makes no query.
+TEST(StorageTurns, ALaterJobDoesNotWaitOutAStuckOne) {
+  auto slow = std::make_shared<fake::machine>();
+  slow->next_delay_ms = 300;
+  slow->logical_disks = {logical("C:", v::string("1"), v::string("1"), 3),
+                         logical("D:", v::string("1"), v::string("1"), 3),
+                         logical("E:", v::string("1"), v::string("1"), 3)};
+  auto quick = std::make_shared<fake::machine>();
+  quick->logical_disks = {logical("Q:", v::string("1"), v::string("1"), 3)};
+  auto slow_source = make_wmi_source(std::make_shared<fake::com>(slow), std::make_shared<fake::volumes>(slow));
+  auto quick_source = make_wmi_source(std::make_shared<fake::com>(quick), std::make_shared<fake::volumes>(quick));
+
+  collector<drive_record> stuck;
+  std::thread first([&] { slow_source->drives({}, stuck); });
+  while (slow->queries.load() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+
+  testing::internal::CaptureStderr();
+  query_limits limits;
+  limits.deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(400);
+  collector<drive_record> alongside;
+  quick_source->drives(limits, alongside);
+  EXPECT_EQ(alongside.take().size(), 1u);
+
+  query_limits none_left;
+  none_left.deadline = std::chrono::steady_clock::now();
+  collector<drive_record> nothing;
+  quick_source->drives(none_left, nothing);
+  std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_TRUE(nothing.take().empty());
+  EXPECT_EQ(quick->queries.load(), 1);  // the second quick job made no query
+  EXPECT_NE(err.find("WMI query made alongside another one that has not ended"), std::string::npos) << err;
+  EXPECT_NE(err.find("WMI query not made: the time limit ran out while another query was running"), std::string::npos)
+      << err;
+  first.join();
+  EXPECT_EQ(stuck.take().size(), 3u);
 }
 
 }  // namespace
