@@ -20,7 +20,7 @@ async function timeAsync(fn) {
 
 function peer() {
   if (isWindows) {
-    execFileSync('wmic', ['logicaldisk', 'get', 'Caption,FreeSpace,Size,VolumeSerialNumber,Description,DriveType'],
+    execFileSync('wmic', ['logicaldisk', 'get', 'Caption,FreeSpace,Size,DriveType'],
       { stdio: ['ignore', 'pipe', 'ignore'] });
   } else {
     execFileSync('df', ['-B1', '--output=target,size,used,avail,fstype'], { stdio: ['ignore', 'pipe', 'ignore'] });
