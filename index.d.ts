@@ -78,6 +78,70 @@ export function StartFileWatch(
   options?: WatchOptions,
 ): () => void;
 
+// ---------------------------------------------------------- storage --
+// See docs/storage.md.
+
+/** One logical drive. Properties in this order. */
+export interface DriveObject {
+  /** The drive: "C:" on Windows, the mount point on Linux. */
+  mounted: string;
+  /** Free bytes. */
+  available: number;
+  /** Size in bytes. */
+  blocks: number;
+  /** blocks - available, computed without a check: wraps to a huge number when available > blocks. */
+  used: number;
+  /** Always "". */
+  capacity: "";
+  /** The drive's description text ("Local Fixed Disk"), not a file system name; "unknown" when the system gives none. */
+  filesystem: string;
+  /** 2 removable, 3 local, 4 network, 5 compact disc, 6 RAM disk; 0 when unknown. */
+  drivetype: number;
+}
+
+/** One mounted logical disk with the physical disk under it. Properties in this order. */
+export interface HardwareDiskObject {
+  /** "C:" on Windows, the mount point on Linux. */
+  mounted: string;
+  storageType: 'SSD' | 'HDD' | 'USB' | 'Unknown';
+  /** The physical disk's number; -1000 when unknown (network drive, spanned volume). */
+  diskNumber: number;
+  /** The drive type code, as DriveObject.drivetype. */
+  driveType: number;
+  /** The file system's name ("NTFS", "ext4"). */
+  fileSystem: string;
+  freeSpace: number;
+  size: number;
+  /** The physical disk's interface ("SCSI", "IDE", "USB"); "" without a physical disk. */
+  interfaceType: string;
+  /** The physical disk's media type; "" without a physical disk. */
+  mediaType: string;
+  /** The physical disk's model; "" without a physical disk. */
+  model: string;
+}
+
+export interface StorageListOptions {
+  /**
+   * Answer after at most this many milliseconds (0 to 2147483647) with the
+   * entries read by then; the system's query is left to end by itself.
+   * Default: wait as long as the system takes. Any other value throws a TypeError.
+   */
+  timeoutMs?: number;
+}
+
+/**
+ * The logical drives, in the system's order. Never rejects: failures are
+ * logged and give an empty (or shorter) list. Arguments other than an
+ * options object are ignored.
+ */
+export function GetDriveList(options?: StorageListOptions): Promise<DriveObject[]>;
+
+/**
+ * The mounted logical disks with their physical disks, in the system's
+ * order. Never rejects, as GetDriveList.
+ */
+export function GetHardwareDisk(options?: StorageListOptions): Promise<HardwareDiskObject[]>;
+
 // ---- Portable devices (docs/mtp.md). Windows; on Linux GetMtpDevices
 // resolves [] and the other three reject "... is not supported on this platform".
 
@@ -171,9 +235,7 @@ export function GetMtpThumbnailById(
 // Error("<name> is not available in this build of ostrel yet") until their
 // subsystems land.
 
-export function GetHardwareDisk(...args: unknown[]): never;
 export function CheckExternalTextureSupport(...args: unknown[]): never;
-export function GetDriveList(...args: unknown[]): never;
 export const CorvexMediaPlayer: new (...args: unknown[]) => never;
 export function CreateMediaPlayer(...args: unknown[]): never;
 export function ReadMediaDuration(...args: unknown[]): never;

@@ -9,10 +9,13 @@ const { UsageError, CommandError, HelpRequest } = require('../lib/cli/usage');
 const { makeHelp, overview, commandHelp } = require('../lib/cli/help');
 
 const commands = {};
+const storage = require('../lib/cli/storage');
 const mtp = require('../lib/cli/devices');
 for (const c of [
   require('../lib/cli/scan'),
   require('../lib/cli/watch'),
+  storage.drives,
+  storage.disks,
   mtp.devices,
   mtp.deviceFiles,
   mtp.copyObject,

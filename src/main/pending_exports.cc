@@ -16,14 +16,8 @@ void attach_pending(Napi::Env env, Napi::Object exports, const char* name) {
 }
 }  // namespace
 
-void register_get_hardware_disk(Napi::Env env, Napi::Object exports) {
-  attach_pending(env, exports, "GetHardwareDisk");
-}
 void register_texture_support(Napi::Env env, Napi::Object exports) {
   attach_pending(env, exports, "CheckExternalTextureSupport");
-}
-void register_get_drive_list(Napi::Env env, Napi::Object exports) {
-  attach_pending(env, exports, "GetDriveList");
 }
 void register_media_player(Napi::Env env, Napi::Object exports) {
   attach_pending(env, exports, "CorvexMediaPlayer");

@@ -113,6 +113,9 @@ class promise {
   // Rejects with an Error whose message is `message` (no code).
   void reject(const std::string& message);
   bool settled() const noexcept { return deferred_ == nullptr; }
+  // The environment went away before the result was ready: the promise can
+  // never settle, and that is not a failure of the task (no log line).
+  void abandon() noexcept { deferred_ = nullptr; }
 
  private:
   napi_env env_;

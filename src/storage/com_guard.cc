@@ -1,0 +1,37 @@
+#include "com_guard.h"
+
+#include <atomic>
+
+#include "runtime/log.h"
+
+namespace ostrel::storage {
+
+namespace {
+std::atomic<std::int32_t> g_live_guards{0};
+}
+
+com_guard::com_guard(com_api& api) : api_(api) {
+  if (failed(api_.initialize())) {
+    log::err("Failed to initialize COM");
+    return;
+  }
+  if (g_live_guards.fetch_add(1) == 0) {
+    hresult hr = api_.initialize_security();
+    if (failed(hr)) {
+      log::err_hresult("Failed to initialize security. Error code = ", static_cast<std::uint32_t>(hr));
+      api_.uninitialize();
+      g_live_guards.store(0);
+    }
+  }
+}
+
+com_guard::~com_guard() {
+  g_live_guards.fetch_sub(1);
+  api_.uninitialize();
+}
+
+std::int32_t com_guard::live() noexcept {
+  return g_live_guards.load();
+}
+
+}  // namespace ostrel::storage
