@@ -31,21 +31,8 @@ void register_get_mtp_thumbnail(Napi::Env env, Napi::Object exports) {
 void register_get_hardware_disk(Napi::Env env, Napi::Object exports) {
   attach_pending(env, exports, "GetHardwareDisk");
 }
-void register_texture_support(Napi::Env env, Napi::Object exports) {
-  attach_pending(env, exports, "CheckExternalTextureSupport");
-}
 void register_get_drive_list(Napi::Env env, Napi::Object exports) {
   attach_pending(env, exports, "GetDriveList");
-}
-void register_media_player(Napi::Env env, Napi::Object exports) {
-  attach_pending(env, exports, "CorvexMediaPlayer");
-  attach_pending(env, exports, "CreateMediaPlayer");
-}
-void register_read_media_duration(Napi::Env env, Napi::Object exports) {
-  attach_pending(env, exports, "ReadMediaDuration");
-}
-void register_init_corvex(Napi::Env env, Napi::Object exports) {
-  attach_pending(env, exports, "InitCorvexSync");
 }
 
 }  // namespace ostrel::exports
