@@ -81,15 +81,15 @@ struct corvex_player {
 /* The SDK's function table, entries 0 to 8 in this order. The module calls
  * entries 0, 1, 6 and 7 only. */
 typedef struct CorvexSdkApi {
-  const char*(CORVEX_CALL* version)(void);                                    /* 0 */
-  int32_t(CORVEX_CALL* bind_network_library)(uint64_t znet_pointer);          /* 1: 0 = success */
-  void*(CORVEX_CALL* entry2)(const char* text);                               /* 2: not called */
-  int32_t(CORVEX_CALL* entry3)(const char* a, const char* b);                 /* 3: not called */
-  int32_t(CORVEX_CALL* entry4)(const char* a, const char* b, char** out);     /* 4: not called */
-  int32_t(CORVEX_CALL* entry5)(void);                                         /* 5: not called */
+  const char*(CORVEX_CALL* version)(void);                                     /* 0 */
+  int32_t(CORVEX_CALL* bind_network_library)(uint64_t znet_pointer);           /* 1: 0 = success */
+  void*(CORVEX_CALL* entry2)(const char* text);                                /* 2: not called */
+  int32_t(CORVEX_CALL* entry3)(const char* a, const char* b);                  /* 3: not called */
+  int32_t(CORVEX_CALL* entry4)(const char* a, const char* b, char** out);      /* 4: not called */
+  int32_t(CORVEX_CALL* entry5)(void);                                          /* 5: not called */
   corvex_player*(CORVEX_CALL* create_player)(const corvex_listener* listener); /* 6: null on failure */
-  void(CORVEX_CALL* destroy_player)(corvex_player* player);                   /* 7 */
-  int64_t(CORVEX_CALL* clock_ns)(void);                                       /* 8: not called */
+  void(CORVEX_CALL* destroy_player)(corvex_player* player);                    /* 7 */
+  int64_t(CORVEX_CALL* clock_ns)(void);                                        /* 8: not called */
 } CorvexSdkApi;
 
 /* The player library's one entry point. */

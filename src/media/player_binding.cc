@@ -168,30 +168,29 @@ task<void> pump(std::shared_ptr<player_mailbox> mailbox, std::weak_ptr<player_se
 }
 
 Napi::Function CorvexMediaPlayer::define(Napi::Env env) {
-  return DefineClass(env, "CorvexMediaPlayer",
-                     {
-                         InstanceAccessor<&CorvexMediaPlayer::version, &CorvexMediaPlayer::ignore_set>("version"),
-                         InstanceAccessor<&CorvexMediaPlayer::current_time, &CorvexMediaPlayer::ignore_set>(
-                             "currentTime"),
-                         InstanceAccessor<&CorvexMediaPlayer::duration, &CorvexMediaPlayer::ignore_set>("duration"),
-                         InstanceAccessor<&CorvexMediaPlayer::playable_duration, &CorvexMediaPlayer::ignore_set>(
-                             "playableDuration"),
-                         InstanceAccessor<&CorvexMediaPlayer::paused, &CorvexMediaPlayer::ignore_set>("paused"),
-                         InstanceAccessor<&CorvexMediaPlayer::playing, &CorvexMediaPlayer::ignore_set>("playing"),
-                         InstanceAccessor<&CorvexMediaPlayer::buffering, &CorvexMediaPlayer::ignore_set>("buffering"),
-                         InstanceMethod<&CorvexMediaPlayer::prepare>("prepare"),
-                         InstanceMethod<&CorvexMediaPlayer::play>("play"),
-                         InstanceMethod<&CorvexMediaPlayer::play_demo>("playDemo"),
-                         InstanceMethod<&CorvexMediaPlayer::pause>("pause"),
-                         InstanceMethod<&CorvexMediaPlayer::stop>("stop"),
-                         InstanceMethod<&CorvexMediaPlayer::set_corvex_str>("setCorvexStr"),
-                         InstanceMethod<&CorvexMediaPlayer::set_play_speed>("setPlaySpeed"),
-                         InstanceMethod<&CorvexMediaPlayer::set_volume>("setVolume"),
-                         InstanceMethod<&CorvexMediaPlayer::set_mute>("setMute"),
-                         InstanceMethod<&CorvexMediaPlayer::seek_to>("seekTo"),
-                         InstanceMethod<&CorvexMediaPlayer::add_event_listener>("addEventListener"),
-                         InstanceMethod<&CorvexMediaPlayer::dispose>("dispose"),
-                     });
+  return DefineClass(
+      env, "CorvexMediaPlayer",
+      {
+          InstanceAccessor<&CorvexMediaPlayer::version, &CorvexMediaPlayer::ignore_set>("version"),
+          InstanceAccessor<&CorvexMediaPlayer::current_time, &CorvexMediaPlayer::ignore_set>("currentTime"),
+          InstanceAccessor<&CorvexMediaPlayer::duration, &CorvexMediaPlayer::ignore_set>("duration"),
+          InstanceAccessor<&CorvexMediaPlayer::playable_duration, &CorvexMediaPlayer::ignore_set>("playableDuration"),
+          InstanceAccessor<&CorvexMediaPlayer::paused, &CorvexMediaPlayer::ignore_set>("paused"),
+          InstanceAccessor<&CorvexMediaPlayer::playing, &CorvexMediaPlayer::ignore_set>("playing"),
+          InstanceAccessor<&CorvexMediaPlayer::buffering, &CorvexMediaPlayer::ignore_set>("buffering"),
+          InstanceMethod<&CorvexMediaPlayer::prepare>("prepare"),
+          InstanceMethod<&CorvexMediaPlayer::play>("play"),
+          InstanceMethod<&CorvexMediaPlayer::play_demo>("playDemo"),
+          InstanceMethod<&CorvexMediaPlayer::pause>("pause"),
+          InstanceMethod<&CorvexMediaPlayer::stop>("stop"),
+          InstanceMethod<&CorvexMediaPlayer::set_corvex_str>("setCorvexStr"),
+          InstanceMethod<&CorvexMediaPlayer::set_play_speed>("setPlaySpeed"),
+          InstanceMethod<&CorvexMediaPlayer::set_volume>("setVolume"),
+          InstanceMethod<&CorvexMediaPlayer::set_mute>("setMute"),
+          InstanceMethod<&CorvexMediaPlayer::seek_to>("seekTo"),
+          InstanceMethod<&CorvexMediaPlayer::add_event_listener>("addEventListener"),
+          InstanceMethod<&CorvexMediaPlayer::dispose>("dispose"),
+      });
 }
 
 CorvexMediaPlayer::CorvexMediaPlayer(const Napi::CallbackInfo& info) : Napi::ObjectWrap<CorvexMediaPlayer>(info) {
@@ -351,8 +350,8 @@ Napi::Value CorvexMediaPlayer::prepare(const Napi::CallbackInfo& info) {
   string_pairs headers = read_headers(env, info[1]);
   auto p = std::make_shared<promise>(env);
   Napi::Value v = p->value();
-  start_async(play_task(session_, session_->holder, p, true, false, std::move(url), std::move(headers),
-                        session_->generation));
+  start_async(
+      play_task(session_, session_->holder, p, true, false, std::move(url), std::move(headers), session_->generation));
   return v;
 }
 
@@ -362,8 +361,8 @@ Napi::Value CorvexMediaPlayer::start_play(Napi::Env env, bool with_source, const
   if (!with_source && !session_->prepared) return rejected(env, "not init");
   auto p = std::make_shared<promise>(env);
   Napi::Value v = p->value();
-  start_async(play_task(session_, session_->holder, p, with_source, true, url, std::move(headers),
-                        session_->generation));
+  start_async(
+      play_task(session_, session_->holder, p, with_source, true, url, std::move(headers), session_->generation));
   return v;
 }
 

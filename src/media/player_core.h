@@ -106,8 +106,8 @@ class player_mailbox {
   mutable std::mutex mutex_;
   std::condition_variable cv_;
   std::deque<notification> queue_;
-  std::uint64_t prepare_id_ = 0;       // the current preparation
-  std::uint64_t answered_id_ = 0;      // the last preparation answered
+  std::uint64_t prepare_id_ = 0;   // the current preparation
+  std::uint64_t answered_id_ = 0;  // the last preparation answered
   prepare_outcome answer_ = prepare_outcome::failed;
   async_auto_reset_event wake_;
 };

@@ -93,7 +93,8 @@ std::string install_location() {
   static const wchar_t* user_key =
       L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\{5d0e7a31-9c42-4b1f-8e67-2a9f13c4d0b8}_is1";
   static const wchar_t* machine_key =
-      L"SOFTWARE\\WOW6432Node\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\{5d0e7a31-9c42-4b1f-8e67-2a9f13c4d0b8}_is1";
+      L"SOFTWARE\\WOW6432Node\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\{5d0e7a31-9c42-4b1f-8e67-2a9f13c4d0b8}_"
+      L"is1";
   std::wstring location = read_install_location(HKEY_CURRENT_USER, user_key);
   if (location.empty()) location = read_install_location(HKEY_LOCAL_MACHINE, machine_key);
   return utf8_of(location.data(), static_cast<int>(location.size()));

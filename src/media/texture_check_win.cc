@@ -20,8 +20,8 @@ bool test_external_texture_support() {
   HMODULE d3d = LoadLibraryA("d3d11.dll");
   if (!d3d) return false;
   bool supported = false;
-  auto create = reinterpret_cast<PFN_D3D11_CREATE_DEVICE>(
-      reinterpret_cast<void*>(GetProcAddress(d3d, "D3D11CreateDevice")));
+  auto create =
+      reinterpret_cast<PFN_D3D11_CREATE_DEVICE>(reinterpret_cast<void*>(GetProcAddress(d3d, "D3D11CreateDevice")));
   if (create) {
     ID3D11Device* device = nullptr;
     create(nullptr, D3D_DRIVER_TYPE_HARDWARE, nullptr, 0, nullptr, 0, D3D11_SDK_VERSION, &device, nullptr, nullptr);
