@@ -56,6 +56,10 @@ struct player_session {
   session_registry::ticket ticket;
   bool held = false;  // a scheduler reference
   CorvexMediaPlayer* owner = nullptr;
+  // The script object is pinned (a strong reference) until dispose: a
+  // player that script no longer references plays on and delivers its
+  // events, as the scheduler reference keeps the loop alive for it.
+  bool pinned = false;
 
   bool muted = false;
   double volume = 1.0;
@@ -67,15 +71,7 @@ struct player_session {
   std::uint64_t generation = 0;
 
   // Main thread; idempotent.
-  void close() {
-    if (mailbox) mailbox->release();
-    holder.reset();
-    ticket.reset();
-    if (held) {
-      held = false;
-      sched->release();
-    }
-  }
+  void close();
 };
 
 // Per environment: the class constructor, released at clean-up.
@@ -125,6 +121,20 @@ class CorvexMediaPlayer : public Napi::ObjectWrap<CorvexMediaPlayer> {
   std::map<std::int32_t, Napi::FunctionReference> listeners_;
 };
 
+void player_session::close() {
+  if (mailbox) mailbox->release();
+  holder.reset();
+  ticket.reset();
+  if (held) {
+    held = false;
+    sched->release();
+  }
+  if (pinned) {
+    pinned = false;
+    if (owner) owner->Unref();
+  }
+}
+
 // The payload handed to a listener: { what, name, extra1, extra2 }, plus
 // "infoName" for an info event (200) and "info" (the map, in the SDK's
 // order) when the event carries one.
@@ -149,20 +159,47 @@ Napi::Object payload(Napi::Env env, const notification& n) {
 // stopped) it frees nothing that needs the main thread.
 task<void> pump(std::shared_ptr<player_mailbox> mailbox, std::weak_ptr<player_session> weak,
                 std::shared_ptr<scheduler> sched) {
+  // At most this many notifications, for at most this long, per turn on
+  // the main thread: between turns the pump queues behind other work, so a
+  // storm of events or a slow listener cannot hold the event loop.
+  constexpr std::size_t per_turn = 64;
+  constexpr auto turn_budget = std::chrono::milliseconds(20);
+  // Drops are logged at most once a second, with their count.
+  std::size_t dropped_unreported = 0;
+  auto last_drop_log = std::chrono::steady_clock::now() - std::chrono::seconds(2);
   for (;;) {
     co_await mailbox->wake();
     // TRICKY: the wake may resume us on an SDK thread, inside its
     // notification; nothing before the hop below may touch script or block.
     if (mailbox->released()) co_return;
-    co_await sched->schedule();
-    std::shared_ptr<player_session> s = weak.lock();
-    if (!s || !s->owner || mailbox->released()) co_return;
-    std::vector<notification> batch = mailbox->take_all();
-    for (const notification& n : batch) {
-      // A listener may dispose the player: nothing is delivered after that.
-      if (!s->owner || mailbox->released()) co_return;
-      Napi::HandleScope scope(Napi::Env(sched->env()));
-      s->owner->deliver(n);
+    for (;;) {
+      co_await sched->schedule();
+      std::shared_ptr<player_session> s = weak.lock();
+      if (!s || !s->owner || mailbox->released()) co_return;
+      const auto turn_start = std::chrono::steady_clock::now();
+      std::size_t dropped = 0;
+      std::size_t delivered = 0;
+      bool more = true;
+      while (delivered < per_turn && std::chrono::steady_clock::now() - turn_start < turn_budget) {
+        std::vector<notification> one = mailbox->take(1, dropped);
+        dropped_unreported += dropped;
+        if (dropped_unreported > 0 && std::chrono::steady_clock::now() - last_drop_log > std::chrono::seconds(1)) {
+          log::err("CorvexMediaPlayer dropped " + std::to_string(dropped_unreported) +
+                   " notifications: its listeners fall behind the player");
+          dropped_unreported = 0;
+          last_drop_log = std::chrono::steady_clock::now();
+        }
+        if (one.empty()) {
+          more = false;
+          break;
+        }
+        ++delivered;
+        // A listener may dispose the player: nothing is delivered after that.
+        if (!s->owner || mailbox->released()) co_return;
+        Napi::HandleScope scope(Napi::Env(sched->env()));
+        s->owner->deliver(one.front());
+      }
+      if (!more) break;
     }
   }
 }
@@ -205,6 +242,8 @@ CorvexMediaPlayer::CorvexMediaPlayer(const Napi::CallbackInfo& info) : Napi::Obj
   session_->mailbox = session_->holder->mailbox();
   session_->sched->add_ref();
   session_->held = true;
+  Ref();
+  session_->pinned = true;
   std::weak_ptr<player_session> weak = session_;
   std::shared_ptr<player_mailbox> mailbox = session_->mailbox;
   std::shared_ptr<scheduler> sched = session_->sched;

@@ -1,5 +1,6 @@
 #include "player_core.h"
 
+#include <algorithm>
 #include <exception>
 #include <map>
 #include <stdexcept>
@@ -146,8 +147,12 @@ void player_mailbox::on_notify(std::int32_t what, std::int32_t extra1, std::int3
       cv_.notify_all();
     }
     if (queue_events_ && !released_) {
-      queue_.push_back(std::move(n));
-      queued = true;
+      if (queue_.size() < max_queued) {
+        queue_.push_back(std::move(n));
+        queued = true;
+      } else {
+        ++dropped_;
+      }
     }
   } catch (...) {
     report_media_stat("onNotifyError", 0, false, "onNotifyError", -1, {});
@@ -157,10 +162,13 @@ void player_mailbox::on_notify(std::int32_t what, std::int32_t extra1, std::int3
   if (queued) wake_.set();
 }
 
-std::vector<notification> player_mailbox::take_all() {
+std::vector<notification> player_mailbox::take(std::size_t max, std::size_t& dropped) {
   std::lock_guard lock(mutex_);
-  std::vector<notification> out(std::make_move_iterator(queue_.begin()), std::make_move_iterator(queue_.end()));
-  queue_.clear();
+  std::size_t n = std::min(max, queue_.size());
+  std::vector<notification> out(std::make_move_iterator(queue_.begin()),
+                                std::make_move_iterator(queue_.begin() + static_cast<std::ptrdiff_t>(n)));
+  queue_.erase(queue_.begin(), queue_.begin() + static_cast<std::ptrdiff_t>(n));
+  dropped = std::exchange(dropped_, 0);
   return out;
 }
 

@@ -72,9 +72,20 @@ class player_mailbox {
   bool paused() const noexcept { return paused_.load(std::memory_order_relaxed); }
   bool buffering() const noexcept { return buffering_.load(std::memory_order_relaxed); }
 
-  // The pump: awaits `wake()`, then takes every queued notification.
+  // At most this many notifications wait for the pump; more are dropped
+  // (and counted) until it catches up: a listener slower than the SDK must
+  // not grow the queue without bound.
+  static constexpr std::size_t max_queued = 10000;
+
+  // The pump: awaits `wake()`, then takes queued notifications, oldest
+  // first, at most `max` at a time. `dropped` receives (and resets) the count
+  // of notifications dropped since the last take.
   async_auto_reset_event& wake() noexcept { return wake_; }
-  std::vector<notification> take_all();
+  std::vector<notification> take(std::size_t max, std::size_t& dropped);
+  std::vector<notification> take_all() {
+    std::size_t dropped = 0;
+    return take(static_cast<std::size_t>(-1), dropped);
+  }
 
   // A preparation: begin before asking the SDK (its answer may come at
   // once), then wait for event 1 (prepared) or 100 (error), for
@@ -106,6 +117,7 @@ class player_mailbox {
   mutable std::mutex mutex_;
   std::condition_variable cv_;
   std::deque<notification> queue_;
+  std::size_t dropped_ = 0;
   std::uint64_t prepare_id_ = 0;   // the current preparation
   std::uint64_t answered_id_ = 0;  // the last preparation answered
   prepare_outcome answer_ = prepare_outcome::failed;
