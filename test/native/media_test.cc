@@ -27,10 +27,10 @@ TEST(MediaNames, EventNames) {
     std::int32_t code;
     const char* name;
   };
-  for (const row& r : {row{0, "MEDIA_NOP"}, row{1, "MEDIA_PREPARED"}, row{5, "MEDIA_SET_VIDEO_SIZE"},
-                       row{9, "MEDIA_SKIPPED"}, row{12, "UNKNOWN"}, row{100, "MEDIA_ERROR"}, row{200, "MEDIA_INFO"},
-                       row{211, "MEDIA_TIME_DISCONTINUITY"}, row{10000, "MEDIA_AUDIO_ROUTING_CHANGED"},
-                       row{-1, "UNKNOWN"}}) {
+  for (const row& r :
+       {row{0, "MEDIA_NOP"}, row{1, "MEDIA_PREPARED"}, row{5, "MEDIA_SET_VIDEO_SIZE"}, row{9, "MEDIA_SKIPPED"},
+        row{12, "UNKNOWN"}, row{100, "MEDIA_ERROR"}, row{200, "MEDIA_INFO"}, row{211, "MEDIA_TIME_DISCONTINUITY"},
+        row{10000, "MEDIA_AUDIO_ROUTING_CHANGED"}, row{-1, "UNKNOWN"}}) {
     EXPECT_EQ(event_name(r.code), r.name) << r.code;
   }
 }
@@ -40,10 +40,10 @@ TEST(MediaNames, InfoNames) {
     std::int32_t code;
     const char* name;
   };
-  for (const row& r : {row{1, "MEDIA_INFO_UNKNOWN"}, row{602, "MEDIA_INFO_T3"}, row{701, "MEDIA_INFO_BUFFERING_START"},
-                       row{702, "MEDIA_INFO_BUFFERING_END"}, row{803, "MEDIA_INFO_UNKNOWN(803)"},
-                       row{906, "MEDIA_INFO_STAT_INFO"}, row{907, "MEDIA_INFO_AUDIO_NO_DRIVER"},
-                       row{0, "MEDIA_INFO_UNKNOWN(0)"}, row{-5, "MEDIA_INFO_UNKNOWN(-5)"}}) {
+  for (const row& r :
+       {row{1, "MEDIA_INFO_UNKNOWN"}, row{602, "MEDIA_INFO_T3"}, row{701, "MEDIA_INFO_BUFFERING_START"},
+        row{702, "MEDIA_INFO_BUFFERING_END"}, row{803, "MEDIA_INFO_UNKNOWN(803)"}, row{906, "MEDIA_INFO_STAT_INFO"},
+        row{907, "MEDIA_INFO_AUDIO_NO_DRIVER"}, row{0, "MEDIA_INFO_UNKNOWN(0)"}, row{-5, "MEDIA_INFO_UNKNOWN(-5)"}}) {
     EXPECT_EQ(info_name(r.code), r.name) << r.code;
   }
 }
@@ -53,10 +53,10 @@ TEST(MediaNames, ListenerCodesCompareExactlyAndFallBackToInfo) {
     const char* name;
     std::int32_t code;
   };
-  for (const row& r : {row{"prepared", 1}, row{"playback_complete", 2}, row{"buffering_update", 3},
-                       row{"seek_complete", 4}, row{"started", 6}, row{"paused", 7}, row{"stopped", 8},
-                       row{"skipped", 9}, row{"error", 100}, row{"info", 200}, row{"Prepared", 200},
-                       row{"prepared ", 200}, row{"", 200}, row{"stop", 200}}) {
+  for (const row& r :
+       {row{"prepared", 1}, row{"playback_complete", 2}, row{"buffering_update", 3}, row{"seek_complete", 4},
+        row{"started", 6}, row{"paused", 7}, row{"stopped", 8}, row{"skipped", 9}, row{"error", 100}, row{"info", 200},
+        row{"Prepared", 200}, row{"prepared ", 200}, row{"", 200}, row{"stop", 200}}) {
     EXPECT_EQ(listener_code(r.name), r.code) << r.name;
   }
 }
@@ -155,10 +155,10 @@ TEST(MediaMailbox, StateFlagsFollowEvents) {
     std::int32_t what, extra1;
     bool paused, buffering;
   };
-  for (const row& r : {row{6, 0, false, false}, row{200, 701, false, true}, row{7, 0, true, true},
-                       row{6, 0, false, true}, row{200, 702, false, false}, row{200, 701, false, true},
-                       row{2, 0, true, false}, row{6, 0, false, false}, row{200, 701, false, true},
-                       row{8, 0, true, false}}) {
+  for (const row& r :
+       {row{6, 0, false, false}, row{200, 701, false, true}, row{7, 0, true, true}, row{6, 0, false, true},
+        row{200, 702, false, false}, row{200, 701, false, true}, row{2, 0, true, false}, row{6, 0, false, false},
+        row{200, 701, false, true}, row{8, 0, true, false}}) {
     notify(m, r.what, r.extra1);
     EXPECT_EQ(m.paused(), r.paused) << r.what << "/" << r.extra1;
     EXPECT_EQ(m.buffering(), r.buffering) << r.what << "/" << r.extra1;
@@ -205,7 +205,7 @@ TEST(MediaMailbox, ReleaseWakesAWaitAtOnceAndStopsQueueing) {
   EXPECT_EQ(m.wait_prepare(m.begin_prepare(), 1s), prepare_outcome::released);
 }
 
-TEST(MediaMailbox, NotificationsFromSeveralThreadsAreAllQueuedInPerThreadOrder) {
+TEST(MediaMailbox, NotificationsFromSeveralThreadsKeepTheirOrderAndDropsAreCounted) {
   player_mailbox m(true);
   constexpr int threads = 8;
   constexpr int each = 2000;
@@ -218,18 +218,40 @@ TEST(MediaMailbox, NotificationsFromSeveralThreadsAreAllQueuedInPerThreadOrder) 
     });
   }
   std::vector<notification> all;
-  while (all.size() < static_cast<std::size_t>(threads * each)) {
-    auto batch = m.take_all();
+  std::size_t dropped_total = 0;
+  while (all.size() + dropped_total < static_cast<std::size_t>(threads * each)) {
+    std::size_t dropped = 0;
+    auto batch = m.take(500, dropped);
+    dropped_total += dropped;
     all.insert(all.end(), batch.begin(), batch.end());
     std::this_thread::yield();
   }
   for (auto& s : senders) s.join();
-  std::vector<int> next(threads, 0);
+  // Each thread's notifications arrive in the order it sent them (some may
+  // have been dropped while the queue was full).
+  std::vector<int> last(threads, -1);
   for (const notification& n : all) {
-    ASSERT_EQ(n.extra1, next[n.extra2]++);
+    ASSERT_GT(n.extra1, last[n.extra2]);
+    last[n.extra2] = n.extra1;
     EXPECT_EQ(n.has_info, n.extra1 % 2 == 1);
   }
   EXPECT_EQ(m.notifications(), static_cast<std::size_t>(threads * each));
+  m.release();
+}
+
+TEST(MediaMailbox, AFullQueueDropsAndCountsTheRest) {
+  player_mailbox m(true);
+  const std::size_t total = player_mailbox::max_queued + 25;
+  for (std::size_t i = 0; i < total; ++i) notify(m, 3, static_cast<std::int32_t>(i));
+  std::size_t dropped = 0;
+  auto first = m.take(10, dropped);
+  EXPECT_EQ(dropped, 25u);
+  ASSERT_EQ(first.size(), 10u);
+  EXPECT_EQ(first.front().extra1, 0);
+  auto rest = m.take(static_cast<std::size_t>(-1), dropped);
+  EXPECT_EQ(dropped, 0u);
+  EXPECT_EQ(rest.size(), player_mailbox::max_queued - 10);
+  EXPECT_EQ(rest.back().extra1, static_cast<std::int32_t>(player_mailbox::max_queued - 1));
   m.release();
 }
 
