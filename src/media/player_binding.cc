@@ -54,7 +54,6 @@ struct player_session {
   std::shared_ptr<player_holder> holder;  // null once disposed
   std::shared_ptr<player_mailbox> mailbox;
   session_registry::ticket ticket;
-  bool held = false;  // a scheduler reference
   CorvexMediaPlayer* owner = nullptr;
   // The script object is pinned (a strong reference) until dispose: a
   // player that script no longer references plays on and delivers its
@@ -125,10 +124,6 @@ void player_session::close() {
   if (mailbox) mailbox->release();
   holder.reset();
   ticket.reset();
-  if (held) {
-    held = false;
-    sched->release();
-  }
   if (pinned) {
     pinned = false;
     if (owner) owner->Unref();
@@ -154,9 +149,11 @@ Napi::Object payload(Napi::Env env, const notification& n) {
 }
 
 // The pump: one per player, for the player's whole life. It holds the
-// mailbox and only a weak link to the session, so that wherever it ends
-// (the main thread, or the thread that woke it when the scheduler has
-// stopped) it frees nothing that needs the main thread.
+// mailbox and only a weak link to the session, so that wherever it ends it
+// frees nothing that needs the main thread. It owns the player's scheduler
+// reference and gives it back on the main thread as it ends: had dispose
+// released it instead, a pump queued on the scheduler at that moment would
+// be dropped with the queue and never freed.
 task<void> pump(std::shared_ptr<player_mailbox> mailbox, std::weak_ptr<player_session> weak,
                 std::shared_ptr<scheduler> sched) {
   // At most this many notifications, for at most this long, per turn on
@@ -167,19 +164,24 @@ task<void> pump(std::shared_ptr<player_mailbox> mailbox, std::weak_ptr<player_se
   // Drops are logged at most once a second, with their count.
   std::size_t dropped_unreported = 0;
   auto last_drop_log = std::chrono::steady_clock::now() - std::chrono::seconds(2);
-  for (;;) {
+  bool ended = false;
+  while (!ended) {
     co_await mailbox->wake();
     // TRICKY: the wake may resume us on an SDK thread, inside its
-    // notification; nothing before the hop below may touch script or block.
-    if (mailbox->released()) co_return;
+    // notification (or inside dispose); nothing before this hop may touch
+    // script or block. Once stopped (environment clean-up) the hop throws
+    // and the pump ends where it is, its reference gone with the scheduler.
+    co_await sched->schedule();
     for (;;) {
-      co_await sched->schedule();
       std::shared_ptr<player_session> s = weak.lock();
-      if (!s || !s->owner || mailbox->released()) co_return;
+      if (!s || !s->owner || mailbox->released()) {
+        ended = true;
+        break;
+      }
       const auto turn_start = std::chrono::steady_clock::now();
       std::size_t dropped = 0;
       std::size_t delivered = 0;
-      bool more = true;
+      bool drained = false;
       while (delivered < per_turn && std::chrono::steady_clock::now() - turn_start < turn_budget) {
         std::vector<notification> one = mailbox->take(1, dropped);
         dropped_unreported += dropped;
@@ -189,19 +191,21 @@ task<void> pump(std::shared_ptr<player_mailbox> mailbox, std::weak_ptr<player_se
           dropped_unreported = 0;
           last_drop_log = std::chrono::steady_clock::now();
         }
-        if (one.empty()) {
-          more = false;
+        // A listener may have disposed the player: nothing is delivered
+        // after that.
+        if (one.empty() || !s->owner || mailbox->released()) {
+          drained = true;
           break;
         }
         ++delivered;
-        // A listener may dispose the player: nothing is delivered after that.
-        if (!s->owner || mailbox->released()) co_return;
         Napi::HandleScope scope(Napi::Env(sched->env()));
         s->owner->deliver(one.front());
       }
-      if (!more) break;
+      if (drained) break;
+      co_await sched->schedule();  // the next turn, behind other work
     }
   }
+  sched->release();  // on the main thread
 }
 
 Napi::Function CorvexMediaPlayer::define(Napi::Env env) {
@@ -240,8 +244,7 @@ CorvexMediaPlayer::CorvexMediaPlayer(const Napi::CallbackInfo& info) : Napi::Obj
   session_->holder = player_holder::create(true);
   if (!session_->holder) return;
   session_->mailbox = session_->holder->mailbox();
-  session_->sched->add_ref();
-  session_->held = true;
+  session_->sched->add_ref();  // given back by the pump as it ends
   Ref();
   session_->pinned = true;
   std::weak_ptr<player_session> weak = session_;
