@@ -68,6 +68,28 @@ test('dispose twice, and dispose from inside a listener', () => {
   assert.match(r.stdout, /^AFTER 0 true false 0$/m);
 });
 
+test('a notification the SDK sends late after a stop is delivered; after dispose none is', () => {
+  const r = run(`
+    (async () => {
+      for (const disposeFirst of [false, true]) {
+        const p = await m.CreateMediaPlayer();
+        const seen = [];
+        p.addEventListener('stopped', () => seen.push('stopped'));
+        p.addEventListener('buffering_update', (e) => seen.push('late:' + e.extra1));
+        await p.play('sim://media?duration=600000&late=150');
+        p.stop();
+        if (disposeFirst) p.dispose();
+        await sleep(400);
+        console.log('SEEN ' + disposeFirst + ' ' + seen.join(','));
+        if (!disposeFirst) p.dispose();
+      }
+    })();
+  `);
+  assert.equal(r.status, 0, r.stderr);
+  assert.match(r.stdout, /^SEEN false stopped,late:100$/m);
+  assert.match(r.stdout, /^SEEN true $/m);
+});
+
 test('an undisposed player keeps the process alive; disposing it lets the process end', () => {
   const held = run(`
     m.CreateMediaPlayer().then((p) => { globalThis.p = p; console.log('CREATED'); });
