@@ -353,8 +353,11 @@ bool read_url(const Napi::Value& v, std::string& url) {
 
 enum class play_step { ok, prepare_failed, start_failed };
 
-task<void> play_task(std::shared_ptr<player_session> s, std::shared_ptr<player_holder> h, std::shared_ptr<promise> p,
-                     bool do_prepare, bool do_start, std::string url, string_pairs headers, std::uint64_t generation) {
+// Holds the session only weakly: a task that ends off the main thread (its
+// environment ending) must not be the one to free it.
+task<void> play_task(std::weak_ptr<player_session> weak, std::shared_ptr<scheduler> sched,
+                     std::shared_ptr<player_holder> h, std::shared_ptr<promise> p, bool do_prepare, bool do_start,
+                     std::string url, string_pairs headers, std::uint64_t generation) {
   auto job = on_own_thread([h, do_prepare, do_start, url, headers]() -> play_step {
     if (do_prepare && h->prepare(url, headers, prepare_wait) != prepare_outcome::prepared) {
       return play_step::prepare_failed;
@@ -364,14 +367,15 @@ task<void> play_task(std::shared_ptr<player_session> s, std::shared_ptr<player_h
   });
   play_step r = co_await job;
   h.reset();
-  co_await s->sched->schedule();
-  if (r == play_step::ok && do_prepare && generation == s->generation && s->holder) {
+  co_await sched->schedule();
+  std::shared_ptr<player_session> s = weak.lock();
+  if (s && r == play_step::ok && do_prepare && generation == s->generation && s->holder) {
     s->prepared = true;
     s->url = std::move(url);
     s->headers = std::move(headers);
   }
   if (r == play_step::ok) {
-    p->resolve(Napi::Env(s->sched->env()).Undefined());
+    p->resolve(Napi::Env(sched->env()).Undefined());
   } else {
     p->reject(do_start ? "play failed" : "prepare failed");
   }
@@ -392,8 +396,8 @@ Napi::Value CorvexMediaPlayer::prepare(const Napi::CallbackInfo& info) {
   string_pairs headers = read_headers(env, info[1]);
   auto p = std::make_shared<promise>(env);
   Napi::Value v = p->value();
-  start_async(
-      play_task(session_, session_->holder, p, true, false, std::move(url), std::move(headers), session_->generation));
+  start_async(play_task(session_, session_->sched, session_->holder, p, true, false, std::move(url), std::move(headers),
+                        session_->generation));
   return v;
 }
 
@@ -403,8 +407,8 @@ Napi::Value CorvexMediaPlayer::start_play(Napi::Env env, bool with_source, const
   if (!with_source && !session_->prepared) return rejected(env, "not init");
   auto p = std::make_shared<promise>(env);
   Napi::Value v = p->value();
-  start_async(
-      play_task(session_, session_->holder, p, with_source, true, url, std::move(headers), session_->generation));
+  start_async(play_task(session_, session_->sched, session_->holder, p, with_source, true, url, std::move(headers),
+                        session_->generation));
   return v;
 }
 
