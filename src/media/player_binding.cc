@@ -344,6 +344,15 @@ string_pairs read_headers(Napi::Env env, const Napi::Value& options) {
   return out;
 }
 
+// True when a header's name or value holds a NUL character, which the SDK's
+// C strings would cut short unseen.
+bool has_nul(const string_pairs& headers) {
+  for (const auto& [k, v] : headers) {
+    if (k.find('\0') != std::string::npos || v.find('\0') != std::string::npos) return true;
+  }
+  return false;
+}
+
 // A URL argument: a string without NUL characters; false otherwise.
 bool read_url(const Napi::Value& v, std::string& url) {
   if (!v.IsString()) return false;
@@ -394,6 +403,7 @@ Napi::Value CorvexMediaPlayer::prepare(const Napi::CallbackInfo& info) {
   if (info.Length() == 0 || !read_url(info[0], url)) return rejected(env, "invalid arguments");
   if (!has_player()) return rejected(env, "not init");
   string_pairs headers = read_headers(env, info[1]);
+  if (has_nul(headers)) return rejected(env, "invalid arguments");
   auto p = std::make_shared<promise>(env);
   Napi::Value v = p->value();
   start_async(play_task(session_, session_->sched, session_->holder, p, true, false, std::move(url), std::move(headers),
@@ -417,7 +427,9 @@ Napi::Value CorvexMediaPlayer::play(const Napi::CallbackInfo& info) {
   if (info.Length() == 0) return start_play(env, false, {}, {});
   std::string url;
   if (!read_url(info[0], url)) return rejected(env, "invalid arguments");
-  return start_play(env, true, url, read_headers(env, info[1]));
+  string_pairs headers = read_headers(env, info[1]);
+  if (has_nul(headers)) return rejected(env, "invalid arguments");
+  return start_play(env, true, url, std::move(headers));
 }
 
 Napi::Value CorvexMediaPlayer::play_demo(const Napi::CallbackInfo& info) {
@@ -450,13 +462,16 @@ Napi::Value CorvexMediaPlayer::set_corvex_str(const Napi::CallbackInfo& info) {
   std::size_t length = 0;
   napi_check(env, napi_get_value_string_utf8(env, arg, nullptr, 0, &length));
   std::string text = info[0].As<Napi::String>().Utf8Value();
-  bool ok = has_player() && session_->holder->set_option("rw.instance.corvex_str", text) == 0;
+  // The SDK takes C strings: a NUL would cut the text short unseen.
+  bool ok = has_player() && text.find('\0') == std::string::npos &&
+            session_->holder->set_option("rw.instance.corvex_str", text) == 0;
   return Napi::Boolean::New(env, ok);
 }
 
 Napi::Value CorvexMediaPlayer::set_play_speed(const Napi::CallbackInfo& info) {
   std::string speed = info[0].ToString().Utf8Value();
-  bool ok = has_player() && session_->holder->set_option("rw.instance.set_playback_speed", speed) == 0;
+  bool ok = has_player() && speed.find('\0') == std::string::npos &&
+            session_->holder->set_option("rw.instance.set_playback_speed", speed) == 0;
   return Napi::Boolean::New(info.Env(), ok);
 }
 

@@ -60,6 +60,17 @@ test('the class: construction, properties before any source, read-only propertie
   assert.equal(p.dispose(), true);
 });
 
+test('methods and getters called on anything but a player throw and change nothing', () => {
+  const proto = m.CorvexMediaPlayer.prototype;
+  for (const name of Object.getOwnPropertyNames(proto)) {
+    if (name === 'constructor') continue;
+    const d = Object.getOwnPropertyDescriptor(proto, name);
+    for (const self of [{}, null, 5, Object.create(proto)]) {
+      assert.throws(() => (d.get ? d.get.call(self) : d.value.call(self, 'sim://media')), Error, name);
+    }
+  }
+});
+
 test('prepare and play: argument checks, "not init" before a source and after stop', async () => {
   const { p } = await recordedPlayer();
   for (const args of [[], [5], [null], ['a\0b'], [{}]]) {
@@ -167,6 +178,8 @@ test('options: setCorvexStr and setPlaySpeed', async () => {
   assert.equal(p.setPlaySpeed('1.5'), true);
   assert.equal(p.setPlaySpeed({ toString: () => '3' }), true);
   assert.equal(p.setPlaySpeed('fast'), false);
+  assert.equal(p.setCorvexStr('a\0b'), false);
+  assert.equal(p.setPlaySpeed('2\0'), false);
   assert.equal(p.setPlaySpeed(undefined), false);
   assert.throws(() => p.setPlaySpeed(Symbol('s')), TypeError);
   p.dispose();
@@ -189,6 +202,17 @@ test('request headers: the own enumerable properties of options.headers, as stri
     await waitFor(() => events.slice(n).some(([name]) => name === 'prepared'), 'prepared');
     assert.deepEqual(events.slice(n).find(([name]) => name === 'prepared')[1].info, expected);
   }
+  // A NUL would be cut off at the SDK's C strings: refused.
+  await assert.rejects(p.prepare('sim://media', { headers: { a: 'x\0y' } }), { message: 'invalid arguments' });
+  await assert.rejects(p.play('sim://media', { headers: { 'a\0': 'x' } }), { message: 'invalid arguments' });
+  // Many headers and a huge URL arrive whole.
+  const many = Object.fromEntries(Array.from({ length: 500 }, (_, i) => [`h${i}`, 'v'.repeat(i)]));
+  const huge = 'sim://media?duration=321&pad=' + 'x'.repeat(4 * 1024 * 1024);
+  const n = events.length;
+  await p.prepare(huge, { headers: many });
+  assert.equal(p.duration, 321);
+  await waitFor(() => events.slice(n).some(([name]) => name === 'prepared'), 'prepared');
+  assert.deepEqual(events.slice(n).find(([name]) => name === 'prepared')[1].info, many);
   // A throwing getter is the script's own error, thrown at once.
   assert.throws(() => p.prepare('sim://media', { headers: { get bad() { throw new Error('getter'); } } }), { message: 'getter' });
   p.dispose();
