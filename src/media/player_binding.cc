@@ -263,8 +263,9 @@ CorvexMediaPlayer::CorvexMediaPlayer(const Napi::CallbackInfo& info) : Napi::Obj
 }
 
 CorvexMediaPlayer::~CorvexMediaPlayer() {
-  // Collected, or the environment is ending: a player never disposed is
-  // disposed now. Finalizers run on the main thread.
+  // Collected after dispose (a player is pinned until then), or the
+  // environment is ending: a player never disposed is disposed now.
+  // Finalizers run on the main thread.
   if (session_) {
     session_->owner = nullptr;
     session_->close();
