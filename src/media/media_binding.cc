@@ -47,7 +47,7 @@ Napi::Value init_corvex_sync(const Napi::CallbackInfo& info) {
   napi_value dir_value;
   napi_check(env, napi_get_named_property(env, options, "corvexDir", &dir_value));
   std::string dir = utf8_argument(env, dir_value, "InitCorvexSync");
-  InitCorvexV2(dir);
+  if (!InitCorvexV2(dir)) return env.Undefined();  // another environment got there first
 
   bool pointer_ok = false;
   bool available = false;

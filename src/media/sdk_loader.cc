@@ -156,10 +156,10 @@ void InitCorvex() {
   log::out("End Init Corvex from " + tried + " " + flag(success) + " " + std::to_string(code));
 }
 
-void InitCorvexV2(const std::string& dir) {
+bool InitCorvexV2(const std::string& dir) {
   sdk_state& s = state();
   std::lock_guard lock(s.lock);
-  if (s.inited) return;
+  if (s.inited) return false;
   log::out("Start Init Corvex...");
   auto start = std::chrono::steady_clock::now();
   std::string message = "Init Corvex";
@@ -189,6 +189,7 @@ void InitCorvexV2(const std::string& dir) {
                      {"bl3", success ? "" : message},
                      {"c2", std::to_string(code)}});
   log::out("End Init Corvex from " + dir + " " + flag(success) + " " + std::to_string(code));
+  return true;
 }
 
 void BindZNetPointer(bool pointer_ok, bool available, std::uint64_t pointer, const std::string& read_error) {

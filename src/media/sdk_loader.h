@@ -31,8 +31,10 @@ int LoadCorvexSdk(const std::string& dir);
 
 // The automatic search over the module's layout (see sdk_paths.h).
 void InitCorvex();
-// Initialises from one directory.
-void InitCorvexV2(const std::string& dir);
+// Initialises from one directory. False when the SDK was already
+// initialised (nothing done, nothing logged): of several environments
+// racing to initialise, only one goes on to bind the network library.
+bool InitCorvexV2(const std::string& dir);
 
 // The network-library half of InitCorvexSync, after InitCorvexV2:
 // `pointer_ok` (a BigInt was given), `available` (znetAvailable), `pointer`;

@@ -93,6 +93,33 @@ test('InitCorvexSync loads from a directory, binds the network library once, and
   assert.equal(created[0].w_succ, 1);
 });
 
+test('several environments initialising at once load the SDK once and bind the network library once', () => {
+  const r = runMedia(`
+    const { Worker } = require('worker_threads');
+    const src = \`
+      const { workerData, parentPort } = require('worker_threads');
+      const m = require(workerData.module);
+      m.InitCorvexSync({ corvexDir: workerData.dir, znetPointer: BigInt(workerData.i + 1), znetAvailable: true });
+      (async () => {
+        const p = await m.CreateMediaPlayer();
+        await p.play('sim://media?duration=50');
+        const d = await m.ReadMediaDuration('sim://media?duration=' + (100 + workerData.i));
+        p.dispose();
+        parentPort.postMessage(d);
+      })();
+    \`;
+    const results = await Promise.all(Array.from({ length: 4 }, (_, i) => new Promise((resolve, reject) => {
+      const w = new Worker(src, { eval: true, workerData: { module: ${JSON.stringify(modulePath)}, dir: ${JSON.stringify(full)}, i } });
+      w.once('message', resolve);
+      w.once('error', reject);
+    })));
+    out('durations', results);
+  `);
+  assert.deepEqual(r.outs.durations, [100, 101, 102, 103]);
+  assert.equal(r.stdout.match(/^corvex-sim: bind network library/gm).length, 1, r.stdout);
+  assert.equal(r.stdout.match(/^Start Init Corvex\.\.\.$/gm).length, 1, r.stdout);
+});
+
 test('InitCorvexSync: the network library is bound only with a BigInt and znetAvailable true', () => {
   const cases = [
     ['{ znetPointer: 5n, znetAvailable: false }', 'true', 'false', 'BindZNetPointer Unavailable'],
