@@ -207,7 +207,10 @@ test('many players at once, each calling back from several threads, disposed tog
 });
 
 test('1,000 create/play/dispose cycles: no crash and flat memory', () => {
+  // A reporter takes the statistics' event records, which would otherwise
+  // wait (and grow) until one registers.
   const r = run(`
+    m.RegisterTvkReporter({ report() {} });
     (async () => {
       const cycle = async () => {
         const p = await m.CreateMediaPlayer();
@@ -222,9 +225,14 @@ test('1,000 create/play/dispose cycles: no crash and flat memory', () => {
       await sleep(200);
       const end = process.memoryUsage().rss;
       console.log('RSS ' + base + ' ' + end);
+      m.UnRegisterTvkReporters();
     })();
   `, { timeout: 300000 });
   assert.equal(r.status, 0, r.stderr);
   const [, base, end] = lines(r, 'RSS ')[0].split(' ').map(Number);
-  assert.ok(end - base < 32 * 1024 * 1024, `rss grew from ${base} to ${end}`);
+  // ThreadSanitizer keeps state for every thread that ever ran (each cycle
+  // starts a few): memory is measured on the other builds.
+  if (!/tsan/.test(process.env.OSTREL_TEST_PRESET || '')) {
+    assert.ok(end - base < 16 * 1024 * 1024, `rss grew from ${base} to ${end}`);
+  }
 });
