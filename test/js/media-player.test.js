@@ -110,6 +110,17 @@ test('events reach the listeners in order, on the main thread, with their payloa
   p.dispose();
 });
 
+test('playDemo plays the demo stream (a 60 s network source in the simulator)', async () => {
+  const { p, events } = await recordedPlayer();
+  await p.playDemo();
+  assert.equal(p.playing, true);
+  assert.equal(p.duration, 60000);
+  await waitFor(() => events.some(([, e]) => e.extra1 === 702), 'buffering end');
+  assert.ok(events.some(([, e]) => e.extra1 === 701));
+  p.dispose();
+  await assert.rejects(p.playDemo(), { message: 'not init' });
+});
+
 test('pause, resume, seek bounds and the state properties', async () => {
   const { p, events } = await recordedPlayer();
   assert.equal(p.pause(), false); // nothing playing
