@@ -230,16 +230,104 @@ export function GetMtpThumbnailById(
   options?: MtpCopyOptions,
 ): Promise<MtpCopyResult>;
 
-// ------------------------------------------------------ not yet available --
-// These exports exist (the table's order is fixed) but throw
-// Error("<name> is not available in this build of ostrel yet") until their
-// subsystems land.
+// ----------------------------------------------------------------- media --
+// The media bridge over the closed media SDK (see docs/media.md). The SDK is
+// found automatically by CreateMediaPlayer and ReadMediaDuration, or named
+// with InitCorvexSync.
 
-export function CheckExternalTextureSupport(...args: unknown[]): never;
-export const CorvexMediaPlayer: new (...args: unknown[]) => never;
-export function CreateMediaPlayer(...args: unknown[]): never;
-export function ReadMediaDuration(...args: unknown[]): never;
-export function InitCorvexSync(...args: unknown[]): never;
+export interface InitCorvexOptions {
+  /** The folder holding the SDK's three libraries; "" loads them by bare name. */
+  corvexDir: string;
+  /** The address of the host's network library instance. */
+  znetPointer?: bigint;
+  /** Bind the network library (only with a BigInt znetPointer). */
+  znetAvailable?: boolean;
+}
+
+/**
+ * Initialises the SDK from `options.corvexDir` and binds the network
+ * library. Does nothing once the SDK is initialised. Throws the Node-API
+ * error for a missing or non-string corvexDir, and an Error for a NUL
+ * character in it; load failures are only logged and reported.
+ */
+export function InitCorvexSync(options: InitCorvexOptions): undefined;
+
+/** Script event names; any other name is registered as "info". */
+export type CorvexEventName =
+  | 'prepared' | 'playback_complete' | 'buffering_update' | 'seek_complete' | 'started'
+  | 'paused' | 'stopped' | 'skipped' | 'error' | 'info';
+
+/** What a listener receives for one SDK notification. */
+export interface CorvexEvent {
+  /** The SDK's event code (1 prepared, 2 playback complete, 200 info ...). */
+  what: number;
+  /** Its name: "MEDIA_PREPARED", "MEDIA_INFO" ...; "UNKNOWN" for other codes. */
+  name: string;
+  /** For info events (200) the info code. */
+  extra1: number;
+  extra2: number;
+  /** Info events only: "MEDIA_INFO_BUFFERING_START", "MEDIA_INFO_UNKNOWN(803)" ... */
+  infoName?: string;
+  /** The notification's string map, in the SDK's order, when it has one. */
+  info?: Record<string, string>;
+}
+
+export interface CorvexPrepareOptions {
+  /** Request headers: own enumerable properties, names and values converted to strings. */
+  headers?: Record<string, unknown>;
+}
+
+/**
+ * One player of the media SDK. Hold it until dispose(): an undisposed player
+ * keeps the process (or Worker) alive and goes on delivering its events even
+ * when script no longer references it.
+ */
+export class CorvexMediaPlayer {
+  /** Creates the SDK player when the SDK is initialised; otherwise every command fails. */
+  constructor();
+  /** The SDK's version text ("" without a function table). */
+  readonly version: string;
+  /** Milliseconds; 0 when unknown. */
+  readonly currentTime: number;
+  readonly duration: number;
+  readonly playableDuration: number;
+  readonly paused: boolean;
+  readonly playing: boolean;
+  readonly buffering: boolean;
+  /** Rejects "invalid arguments" (no or a non-string url), "not init" (no player), "prepare failed". */
+  prepare(url: string, options?: CorvexPrepareOptions): Promise<void>;
+  /** With a url: prepares and starts it; without: starts the prepared source, else rejects "not init". Rejects "play failed". */
+  play(url?: string, options?: CorvexPrepareOptions): Promise<void>;
+  /** Plays the fixed demo URL, as play(url). */
+  playDemo(): Promise<void>;
+  pause(): boolean;
+  /** Stops, forgets the prepared source, volume back to 1.0, unmuted; always true. */
+  stop(): true;
+  setCorvexStr(text: string): boolean;
+  setPlaySpeed(speed: unknown): boolean;
+  /** Stores min(volume, 1); applied unless muted. */
+  setVolume(volume: number): boolean;
+  setMute(muted: boolean): boolean;
+  /** False without an SDK call outside 0..duration. */
+  seekTo(positionMs: number): boolean;
+  addEventListener(name: CorvexEventName | string, listener: (this: CorvexMediaPlayer, event: CorvexEvent) => void): void;
+  /** Destroys the SDK player and releases everything; true, also when called again. */
+  dispose(): true;
+}
+
+/** Resolves a new player; rejects "CreateMediaPlayer failed: corvex not initialized" without an SDK. */
+export function CreateMediaPlayer(): Promise<CorvexMediaPlayer>;
+
+/**
+ * The playing time of a file or URL in milliseconds. Throws "Wrong number of
+ * arguments" for other than one argument; rejects "ReadMediaDuration failed:
+ * Corvex not inited" without an SDK and "ReadMediaDurationAsync failed" when
+ * the SDK cannot prepare it within 10 s.
+ */
+export function ReadMediaDuration(path: string): Promise<number>;
+
+/** Whether video frames can be shared as GPU textures; computed once per process. */
+export function CheckExternalTextureSupport(): boolean;
 
 // ------------------------------------------------------------- telemetry --
 // Script-side receivers of the add-on's telemetry. Every delivery happens

@@ -1,6 +1,6 @@
 // The registration steps of the export table, one per subsystem step, run by
 // the initialiser in table order. Each subsystem's binding file defines its
-// steps; pending_exports.cc holds those of subsystems not built yet.
+// steps.
 #pragma once
 
 #include <napi.h>

@@ -124,6 +124,7 @@ void scheduler::dispatch(uv_async_t* h) {
               "napi_open_callback_scope");
 
   std::unique_lock lock(lock_);
+  bool budget_spent = false;
   for (;;) {
     if (stopped_ || queue_.empty() || async_handle_ != h) break;
     resumable op = queue_.front();
@@ -131,7 +132,10 @@ void scheduler::dispatch(uv_async_t* h) {
     lock.unlock();
     op.resume();
     raise_pending_exception(env);
-    if (monotonic_ns() - start > dispatch_budget_ns) break;  // budget spent; lock stays released
+    if (monotonic_ns() - start > dispatch_budget_ns) {  // lock stays released
+      budget_spent = true;
+      break;
+    }
     lock.lock();
   }
   if (lock.owns_lock()) lock.unlock();
@@ -158,7 +162,10 @@ void scheduler::dispatch(uv_async_t* h) {
     }
     remaining = queue_.size();
   }
-  if (is_active && remaining > 0) {
+  // Work queued after the loop (by the microtasks that run as the callback
+  // scope closes, or by a worker meanwhile) has sent its own wake-up; only a
+  // run that spent its budget waits before the rest of the queue runs.
+  if (is_active && remaining > 0 && budget_spent) {
     // Yield to the event loop for a while before the rest of the queue runs.
     resend_pending_.store(true, std::memory_order_release);
     spawn_delayed_wake(h);

@@ -1,0 +1,239 @@
+'use strict';
+// Players at the edges of their life, each case in a child process: dispose
+// while the simulator calls back from several threads, dispose twice and
+// from inside a listener, the event loop held by an undisposed player,
+// process.exit() and Worker termination with players alive, and many
+// create/play/dispose cycles with flat memory.
+const test = require('node:test');
+const assert = require('node:assert/strict');
+const { runChild } = require('./helpers');
+const { modulePath, simDir } = require('./media-fixture');
+
+const head = `
+  const m = require(${JSON.stringify(modulePath)});
+  m.InitCorvexSync({ corvexDir: ${JSON.stringify(simDir('full'))} });
+  const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
+  process.on('unhandledRejection', (e) => { console.error('UNHANDLED', e); process.exit(3); });
+`;
+const storm = 'sim://media?duration=600000&storm=6&storm_count=100000000';
+
+function run(body, opts) {
+  const r = runChild(`${head}\n${body}`, opts);
+  return r;
+}
+const lines = (r, prefix) => r.stdout.split(/\r?\n/).filter((l) => l.startsWith(prefix));
+
+test('dispose while the simulator calls back from several threads stops every delivery', () => {
+  const r = run(`
+    (async () => {
+      for (let round = 0; round < 10; round++) {
+        const p = await m.CreateMediaPlayer();
+        let count = 0;
+        let after = 0;
+        let disposed = false;
+        p.addEventListener('buffering_update', () => { count++; if (disposed) after++; });
+        await p.play(${JSON.stringify(storm)});
+        while (count < 50) await sleep(1);
+        disposed = true;
+        if (p.dispose() !== true) throw new Error('dispose');
+        await sleep(30);
+        console.log('ROUND ' + round + ' ' + (count > 0) + ' ' + after);
+      }
+    })();
+  `);
+  assert.equal(r.status, 0, r.stderr);
+  const rounds = lines(r, 'ROUND ');
+  assert.equal(rounds.length, 10, r.stdout + r.stderr);
+  for (const l of rounds) assert.match(l, / true 0$/);
+});
+
+test('dispose twice, and dispose from inside a listener', () => {
+  const r = run(`
+    (async () => {
+      const p = await m.CreateMediaPlayer();
+      let after = 0;
+      let disposedInside = false;
+      p.addEventListener('buffering_update', () => {
+        if (disposedInside) { after++; return; }
+        disposedInside = true;
+        console.log('INSIDE ' + p.dispose() + ' ' + p.dispose());
+      });
+      await p.play(${JSON.stringify(storm)});
+      await sleep(200);
+      console.log('AFTER ' + after + ' ' + p.dispose() + ' ' + p.playing + ' ' + p.currentTime);
+    })();
+  `);
+  assert.equal(r.status, 0, r.stderr);
+  assert.match(r.stdout, /^INSIDE true true$/m);
+  assert.match(r.stdout, /^AFTER 0 true false 0$/m);
+});
+
+test('a notification the SDK sends late after a stop is delivered; after dispose none is', () => {
+  const r = run(`
+    (async () => {
+      for (const disposeFirst of [false, true]) {
+        const p = await m.CreateMediaPlayer();
+        const seen = [];
+        p.addEventListener('stopped', () => seen.push('stopped'));
+        p.addEventListener('buffering_update', (e) => seen.push('late:' + e.extra1));
+        await p.play('sim://media?duration=600000&late=150');
+        p.stop();
+        if (disposeFirst) p.dispose();
+        await sleep(400);
+        console.log('SEEN ' + disposeFirst + ' ' + seen.join(','));
+        if (!disposeFirst) p.dispose();
+      }
+    })();
+  `);
+  assert.equal(r.status, 0, r.stderr);
+  assert.match(r.stdout, /^SEEN false stopped,late:100$/m);
+  assert.match(r.stdout, /^SEEN true $/m);
+});
+
+test('an undisposed player keeps the process alive; disposing it lets the process end', () => {
+  const held = run(`
+    m.CreateMediaPlayer().then((p) => { globalThis.p = p; console.log('CREATED'); });
+  `, { timeout: 4000 });
+  assert.match(held.stdout, /^CREATED$/m);
+  assert.notEqual(held.signal, null, 'the process should still have been running');
+
+  const released = run(`
+    m.CreateMediaPlayer().then((p) => {
+      setTimeout(() => { p.dispose(); console.log('DISPOSED ' + Date.now()); }, 500);
+    });
+    process.on('exit', () => console.log('EXIT ' + Date.now()));
+  `, { timeout: 20000 });
+  assert.equal(released.status, 0, released.stderr);
+  assert.match(released.stdout, /^DISPOSED \d+$/m);
+  assert.match(released.stdout, /^EXIT \d+$/m);
+});
+
+test('a player that script no longer references plays on and delivers its events', () => {
+  const r = run(`
+    const v8 = require('v8');
+    v8.setFlagsFromString('--expose-gc');
+    const gc = require('vm').runInNewContext('gc');
+    (async () => {
+      await (async () => {
+        const p = await m.CreateMediaPlayer();
+        p.addEventListener('playback_complete', () => { console.log('COMPLETE'); process.exit(0); });
+        await p.play('sim://media?duration=300');
+      })();
+      for (let i = 0; i < 5; i++) { gc(); await sleep(20); }
+    })();
+  `, { timeout: 20000 });
+  assert.equal(r.status, 0, r.stderr);
+  assert.match(r.stdout, /^COMPLETE$/m);
+});
+
+test('process.exit() with players playing, calling back, and waiting for a prepare', () => {
+  for (const when of ['listener', 'timer']) {
+    const r = run(`
+      (async () => {
+        const players = [];
+        for (let i = 0; i < 4; i++) players.push(await m.CreateMediaPlayer());
+        players[0].prepare('sim://media?prepare_ms=60000');
+        players[1].play(${JSON.stringify(storm)});
+        players[2].play('sim://media?duration=600000&buffering=1');
+        m.ReadMediaDuration('sim://media?prepare_ms=60000');
+        if (${JSON.stringify(when)} === 'listener') {
+          players[1].addEventListener('buffering_update', () => { console.log('EXITING'); process.exit(0); });
+        } else {
+          setTimeout(() => { console.log('EXITING'); process.exit(0); }, 100);
+        }
+      })();
+    `, { timeout: 20000 });
+    assert.equal(r.status, 0, `${when}: ${r.signal} ${r.stderr}`);
+    assert.match(r.stdout, /^EXITING$/m);
+    assert.match(r.stdout, /^Ostrel Cleaning \.\.\.$/m);
+  }
+});
+
+test('a Worker with players alive: terminated inside a listener, and ending by process.exit()', () => {
+  const r = run(`
+    const { Worker } = require('worker_threads');
+    const workerSource = \`
+      const { parentPort, workerData } = require('worker_threads');
+      const m = require(workerData.module);
+      m.InitCorvexSync({ corvexDir: workerData.sim });
+      (async () => {
+        const players = [];
+        for (let i = 0; i < 3; i++) players.push(await m.CreateMediaPlayer());
+        players[0].prepare('sim://media?prepare_ms=60000');
+        let told = false;
+        players[1].addEventListener('buffering_update', () => {
+          if (!told) { told = true; parentPort.postMessage('inside'); }
+          const until = Date.now() + 20;
+          while (Date.now() < until) {}
+          if (workerData.exit) process.exit(0);
+        });
+        players[1].play(workerData.storm);
+        players[2].play(workerData.storm);
+      })();
+    \`;
+    (async () => {
+      for (const exit of [false, true, false]) {
+        const w = new Worker(workerSource, { eval: true, workerData: { module: ${JSON.stringify(modulePath)}, sim: ${JSON.stringify(simDir('full'))}, storm: ${JSON.stringify(storm)}, exit } });
+        const ended = new Promise((resolve) => w.on('exit', resolve));
+        if (!exit) {
+          await new Promise((resolve) => w.once('message', resolve));
+          await w.terminate();
+        }
+        console.log('WORKER ' + exit + ' ' + (await ended));
+      }
+      // The main thread's own player still works.
+      const p = await m.CreateMediaPlayer();
+      console.log('MAIN ' + (await m.ReadMediaDuration('sim://media?duration=77')) + ' ' + p.dispose());
+    })();
+  `, { timeout: 60000 });
+  assert.equal(r.status, 0, r.stderr);
+  assert.equal(lines(r, 'WORKER ').length, 3, r.stdout + r.stderr);
+  assert.match(r.stdout, /^MAIN 77 true$/m);
+});
+
+test('many players at once, each calling back from several threads, disposed together', () => {
+  const r = run(`
+    (async () => {
+      const players = await Promise.all(Array.from({ length: 30 }, () => m.CreateMediaPlayer()));
+      let events = 0;
+      for (const p of players) p.addEventListener('buffering_update', () => events++);
+      await Promise.all(players.map((p) => p.play('sim://media?duration=600000&storm=2&storm_count=2000')));
+      while (events < 1000) await sleep(5);
+      console.log('DISPOSED ' + players.map((p) => p.dispose()).every(Boolean));
+    })();
+  `, { timeout: 60000 });
+  assert.equal(r.status, 0, r.stderr);
+  assert.match(r.stdout, /^DISPOSED true$/m);
+});
+
+test('1,000 create/play/dispose cycles: no crash and flat memory', () => {
+  // A reporter takes the statistics' event records, which would otherwise
+  // wait (and grow) until one registers.
+  const r = run(`
+    m.RegisterTvkReporter({ report() {} });
+    (async () => {
+      const cycle = async () => {
+        const p = await m.CreateMediaPlayer();
+        p.addEventListener('started', () => {});
+        await p.play('sim://media?duration=20&buffering=1');
+        p.dispose();
+      };
+      for (let i = 0; i < 200; i++) await cycle();
+      await sleep(200);
+      const base = process.memoryUsage().rss;
+      for (let i = 0; i < 800; i++) await cycle();
+      await sleep(200);
+      const end = process.memoryUsage().rss;
+      console.log('RSS ' + base + ' ' + end);
+      m.UnRegisterTvkReporters();
+    })();
+  `, { timeout: 300000 });
+  assert.equal(r.status, 0, r.stderr);
+  const [, base, end] = lines(r, 'RSS ')[0].split(' ').map(Number);
+  // The sanitizers hold memory of their own (AddressSanitizer's quarantine
+  // of freed blocks, ThreadSanitizer's state for every thread that ever ran,
+  // and each cycle starts a few): memory is judged on the plain builds.
+  if (!/asan|tsan/.test(process.env.OSTREL_TEST_PRESET || '')) {
+    assert.ok(end - base < 16 * 1024 * 1024, `rss grew from ${base} to ${end}`);
+  }
+});

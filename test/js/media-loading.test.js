@@ -1,0 +1,303 @@
+'use strict';
+// Finding, loading and initialising the media SDK (the simulator): the
+// development and installed layouts, InitCorvexSync, load failures and
+// their texts, and the statistics of each attempt. Each case runs in a
+// child: the SDK's state is the process's and never reset.
+const test = require('node:test');
+const assert = require('node:assert/strict');
+const fs = require('fs');
+const path = require('path');
+const { execFileSync } = require('child_process');
+const { modulePath, simDir, libNames, tempDir, copySim, runMedia, isWindows } = require('./media-fixture');
+
+const sep = isWindows ? '\\' : '/';
+const full = simDir('full');
+const platformDir = isWindows ? 'win' : 'linux';
+const uninstallKey =
+  'SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\{5d0e7a31-9c42-4b1f-8e67-2a9f13c4d0b8}_is1';
+const machineKey =
+  'SOFTWARE\\WOW6432Node\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\{5d0e7a31-9c42-4b1f-8e67-2a9f13c4d0b8}_is1';
+
+function reg(args) {
+  try {
+    execFileSync('reg', args, { stdio: 'ignore' });
+  } catch {
+    // deleting a key that is not there
+  }
+}
+function clearRegistry() {
+  reg(['delete', `HKCU\\${uninstallKey}`, '/f']);
+  reg(['delete', `HKLM\\${machineKey}`, '/f']);
+}
+
+// A copy of the module at `dir`/<parts...>/ostrel.node.
+function placeModule(dir, ...parts) {
+  const target = path.join(dir, ...parts);
+  fs.mkdirSync(target, { recursive: true });
+  const file = path.join(target, 'ostrel.node');
+  fs.copyFileSync(modulePath, file);
+  return file;
+}
+
+test('without an SDK every call searches again and fails with its own message', () => {
+  const r = runMedia(`
+    await m.CreateMediaPlayer().then(() => out('created'), (e) => out('create', e.message));
+    await m.ReadMediaDuration('x.wav').then(() => out('read'), (e) => out('read', e.message));
+    for (const args of [[], ['a', 'b']]) {
+      try { m.ReadMediaDuration(...args); } catch (e) { out('count' + args.length, e.message); }
+    }
+  `);
+  assert.equal(r.outs.create, 'CreateMediaPlayer failed: corvex not initialized');
+  assert.equal(r.outs.read, 'ReadMediaDuration failed: Corvex not inited');
+  assert.equal(r.outs.count0, 'Wrong number of arguments');
+  assert.equal(r.outs.count2, 'Wrong number of arguments');
+  // Four searches: one per call, the throwing ones included.
+  assert.equal(r.stdout.match(/^Start Init Corvex\.\.\.$/gm).length, 4);
+  const stats = r.stats('InitCorvex');
+  assert.equal(stats.length, 4);
+  // The module sits in build/<preset>/: the development layout, whose last
+  // candidate is P3/corvex_lib/<platform>/lib/x86_64.
+  const lastTried = path.join(path.dirname(path.dirname(path.dirname(modulePath))), 'corvex_lib', platformDir, 'lib', 'x86_64');
+  for (const s of stats) {
+    assert.equal(s.w_succ, 0);
+    assert.equal(s.bl1, path.normalize(modulePath));
+    assert.equal(s.bl2, lastTried);
+    assert.equal(s.c2, s.code);
+    assert.equal(s.message, 'Init Corvex');
+  }
+  assert.ok(r.stdout.includes(`End Init Corvex from ${lastTried} 0 `), r.stdout);
+});
+
+test('InitCorvexSync loads from a directory, binds the network library once, and a second call does nothing', () => {
+  const r = runMedia(`
+    m.InitCorvexSync({ corvexDir: ${JSON.stringify(full)}, znetPointer: 0x7bn, znetAvailable: true });
+    m.InitCorvexSync({ corvexDir: 'elsewhere', znetPointer: 0x99n, znetAvailable: true });
+    const p = await m.CreateMediaPlayer();
+    out('version', p.version);
+    p.dispose();
+  `);
+  assert.match(r.stdout, /^Corvex inited\. corvex_source: $/m);
+  assert.ok(r.stdout.includes(`End Init Corvex from ${full} 1 0`), r.stdout);
+  assert.equal(r.stdout.match(/^corvex-sim: bind network library/gm).length, 1);
+  assert.match(r.stdout, /^corvex-sim: bind network library 0x7b$/m);
+  assert.match(r.stdout, /^Corvex already inited\.$/m);
+  assert.equal(r.outs.version, 'corvex-sim 1.0 placebo-291');
+  const [v2] = r.stats('InitCorvexV2');
+  assert.equal(r.stats('InitCorvexV2').length, 1);
+  assert.deepEqual([v2.w_succ, v2.bl1, v2.bl2, v2.bl3, v2.c2], [1, '', '', '', '0']);
+  const binds = r.stats('CorvexbindZNetPointer');
+  assert.equal(binds.length, 1);
+  assert.deepEqual([binds[0].c2, binds[0].c3, binds[0].c4, binds[0].bl1, binds[0].w_succ], ['true', 'true', '0', 'BindZNetPointer Succeed', 1]);
+  const created = r.stats('CreateUniqueMediaPlayer');
+  assert.equal(created.length, 1);
+  assert.equal(created[0].w_succ, 1);
+});
+
+test('several environments initialising at once load the SDK once and bind the network library once', () => {
+  const r = runMedia(`
+    const { Worker } = require('worker_threads');
+    const src = \`
+      const { workerData, parentPort } = require('worker_threads');
+      const m = require(workerData.module);
+      m.InitCorvexSync({ corvexDir: workerData.dir, znetPointer: BigInt(workerData.i + 1), znetAvailable: true });
+      (async () => {
+        const p = await m.CreateMediaPlayer();
+        await p.play('sim://media?duration=50');
+        const d = await m.ReadMediaDuration('sim://media?duration=' + (100 + workerData.i));
+        p.dispose();
+        parentPort.postMessage(d);
+      })();
+    \`;
+    const results = await Promise.all(Array.from({ length: 4 }, (_, i) => new Promise((resolve, reject) => {
+      const w = new Worker(src, { eval: true, workerData: { module: ${JSON.stringify(modulePath)}, dir: ${JSON.stringify(full)}, i } });
+      w.once('message', resolve);
+      w.once('error', reject);
+    })));
+    out('durations', results);
+  `);
+  assert.deepEqual(r.outs.durations, [100, 101, 102, 103]);
+  assert.equal(r.stdout.match(/^corvex-sim: bind network library/gm).length, 1, r.stdout);
+  assert.equal(r.stdout.match(/^Start Init Corvex\.\.\.$/gm).length, 1, r.stdout);
+});
+
+test('InitCorvexSync: the network library is bound only with a BigInt and znetAvailable true', () => {
+  const cases = [
+    ['{ znetPointer: 5n, znetAvailable: false }', 'true', 'false', 'BindZNetPointer Unavailable'],
+    ['{ znetPointer: 5, znetAvailable: true }', 'false', 'true', 'BindZNetPointer Unavailable'],
+    ['{}', 'false', 'false', 'BindZNetPointer Unavailable'],
+    ["{ znetPointer: 5n, znetAvailable: 'yes' }", 'true', 'false', 'A boolean was expected'],
+    ['{ znetPointer: 0n, znetAvailable: true }', 'true', 'true', ''],
+  ];
+  for (const [extra, c2, c3, bl1] of cases) {
+    const r = runMedia(`m.InitCorvexSync({ corvexDir: ${JSON.stringify(full)}, ...${extra} });`);
+    const binds = r.stats('CorvexbindZNetPointer');
+    assert.equal(binds.length, 1, extra);
+    assert.deepEqual([binds[0].c2, binds[0].c3, binds[0].bl1, binds[0].w_succ], [c2, c3, bl1, 1], extra);
+    if (extra.startsWith('{ znetPointer: 0n')) {
+      // The simulator refuses a null pointer: the status is reported.
+      assert.equal(binds[0].c4, '-2');
+      assert.match(r.stdout, /^BindZNetPointer Failed $/m);
+    }
+  }
+});
+
+test('InitCorvexSync: argument errors are thrown and change nothing', () => {
+  const r = runMedia(`
+    for (const args of [[], [5], [{}], [{ corvexDir: 7 }], [{ corvexDir: 'a\\0b' }], [null]]) {
+      try { m.InitCorvexSync(...args); out(JSON.stringify(args), 'returned'); } catch (e) { out(String(args.length) + typeof args[0] + JSON.stringify(args[0]), e.message); }
+    }
+    await m.CreateMediaPlayer().then(() => out('created', true), (e) => out('created', e.message));
+  `);
+  const messages = Object.values(r.outs);
+  assert.ok(messages.includes('A string was expected'), JSON.stringify(r.outs));
+  assert.ok(messages.includes('InitCorvexSync: the path must not contain a NUL character'), JSON.stringify(r.outs));
+  assert.ok(!messages.includes('returned'), JSON.stringify(r.outs));
+  assert.equal(r.outs.created, 'CreateMediaPlayer failed: corvex not initialized');
+  assert.equal(r.stats('InitCorvexV2').length, 0);
+});
+
+test('a directory gets one separator before each library name', () => {
+  const missing = path.join(tempDir('sep'), 'nothing');
+  for (const [dir, expected] of [
+    [missing, `${missing}${sep}${libNames[0]}`],
+    [missing + '/', `${missing}/${libNames[0]}`],
+    [missing + '\\', `${missing}\\${libNames[0]}`],
+  ]) {
+    const r = runMedia(`m.InitCorvexSync({ corvexDir: ${JSON.stringify(dir)} });`);
+    const [s] = r.stats('InitCorvexV2');
+    assert.equal(s.w_succ, 0);
+    assert.equal(s.bl1, 'custom_init');
+    assert.equal(s.bl2, dir);
+    assert.ok(s.bl3.startsWith(`Error code: -1 open ${expected} error:`), s.bl3);
+    if (isWindows) assert.equal(s.bl3, `Error code: -1 open ${expected} error:126`);
+    assert.ok(r.stdout.includes(`Corvex init failed. corvex_source: ${s.bl3}${dir}`), r.stdout);
+    assert.ok(r.stdout.includes(`End Init Corvex from ${dir} 0 `), r.stdout);
+  }
+  // A trailing separator loads as well as none.
+  const r = runMedia(`m.InitCorvexSync({ corvexDir: ${JSON.stringify(full + sep)} }); out('ok', (await m.CreateMediaPlayer()).dispose());`);
+  assert.equal(r.outs.ok, true);
+});
+
+test('with the renderer missing the load stops there and names it', () => {
+  const dir = simDir('noplacebo');
+  const r = runMedia(`
+    m.InitCorvexSync({ corvexDir: ${JSON.stringify(dir)}, znetPointer: 1n, znetAvailable: true });
+    await m.CreateMediaPlayer().then(() => out('created'), (e) => out('create', e.message));
+    // The decoder, loaded before the renderer failed, was released again.
+    if (process.platform === 'linux') out('mapped', require('fs').readFileSync('/proc/self/maps', 'utf8').includes('libcorvexffmpeg'));
+  `);
+  if (!isWindows) assert.equal(r.outs.mapped, false);
+  const [s] = r.stats('InitCorvexV2');
+  const expected = `Error code: -1 open ${dir}${sep}libplacebo-291${isWindows ? '.dll' : '.so'} error:`;
+  assert.ok(s.bl3.startsWith(expected), s.bl3);
+  if (isWindows) assert.equal(s.bl3, expected + '126');
+  assert.equal(s.message, s.bl3);
+  // Binding without a table: status -1, message the load error.
+  const [b] = r.stats('CorvexbindZNetPointer');
+  assert.equal(b.c4, '-1');
+  assert.equal(b.bl1, s.bl3.replace('Error code: -1 ', ''));
+  assert.equal(r.outs.create, 'CreateMediaPlayer failed: corvex not initialized');
+});
+
+test('a player library without the entry point fails once, then counts as loaded without a table', () => {
+  const r = runMedia(`
+    m.InitCorvexSync({ corvexDir: ${JSON.stringify(simDir('noentry'))} });
+    m.InitCorvexSync({ corvexDir: 'anywhere-at-all', znetPointer: 1n, znetAvailable: true });
+    await m.CreateMediaPlayer().then(() => out('created'), (e) => out('create', e.message));
+    const p = new m.CorvexMediaPlayer();
+    out('version', p.version);
+    out('play', await p.play('sim://media').then(() => 'resolved', (e) => e.message));
+    out('seek', p.seekTo(0));
+    out('dispose', p.dispose());
+  `);
+  const v2 = r.stats('InitCorvexV2');
+  assert.equal(v2.length, 2);
+  assert.equal(v2[0].w_succ, 0);
+  assert.equal(v2[0].bl3, 'Error code: -1 ');
+  assert.equal(v2[1].w_succ, 1);
+  assert.ok(r.stdout.includes('End Init Corvex from anywhere-at-all 1 0'), r.stdout);
+  assert.deepEqual(r.stats('CorvexbindZNetPointer').map((b) => b.c4), ['0', '-1']);
+  assert.equal(r.outs.create, 'CreateMediaPlayer failed: CreateUniqueMediaPlayer failed');
+  assert.match(r.stderr, /^CreateUniqueMediaPlayer failed$/m);
+  assert.ok(r.stats('CreateUniqueMediaPlayer').every((s) => s.w_succ === 0));
+  assert.equal(r.outs.version, '');
+  assert.equal(r.outs.play, 'not init');
+  assert.equal(r.outs.seek, false);
+  assert.equal(r.outs.dispose, true);
+});
+
+test('an empty corvexDir loads the libraries by bare name through the system search', () => {
+  // Windows searches the current directory, Linux LD_LIBRARY_PATH.
+  const r = runMedia(`m.InitCorvexSync({ corvexDir: '' }); out('ok', (await m.CreateMediaPlayer()).dispose());`, {
+    cwd: full,
+    env: isWindows ? {} : { LD_LIBRARY_PATH: full },
+  });
+  assert.equal(r.outs.ok, true);
+  assert.ok(r.stdout.includes('End Init Corvex from  1 0'), r.stdout);
+});
+
+test('development layout: a module under build/<config>/ finds the SDK beside the checkout', () => {
+  const root = tempDir('dev');
+  // P3/corvex_lib/<platform>/lib/x86_64
+  const lib = placeModule(root, 'app', 'build', 'Release');
+  copySim(path.join(root, 'app', 'corvex_lib', platformDir, 'lib', 'x86_64'));
+  let r = runMedia(`out('ok', (await m.CreateMediaPlayer()).dispose());`, { module: lib });
+  assert.equal(r.outs.ok, true);
+  assert.match(r.stdout, /^Corvex inited\. corvex_source: win_dev_lib$/m);
+  const [s] = r.stats('InitCorvex');
+  assert.deepEqual([s.w_succ, s.bl1, s.bl2, s.c2], [1, '', '', '0']);
+
+  // P8/assets/corvex (the folder a).
+  const deep = placeModule(root, 'a', 'b', 'c', 'd', 'e', 'f', 'build', 'Release');
+  copySim(path.join(root, 'a', 'assets', 'corvex'));
+  r = runMedia(`out('ok', (await m.CreateMediaPlayer()).dispose());`, { module: deep });
+  assert.equal(r.outs.ok, true);
+  assert.match(r.stdout, /^Corvex inited\. corvex_source: win_dev_workspace$/m);
+  // P7/assets/corvex (a/b here) comes before P8 (a).
+  copySim(path.join(root, 'a', 'b', 'assets', 'corvex'));
+  r = runMedia(`out('ok', (await m.CreateMediaPlayer()).dispose());`, { module: deep });
+  assert.match(r.stdout, /^Corvex inited\. corvex_source: win_relative_corvex$/m);
+
+  // "Build" is not "build": the installed layout, which never tries the
+  // development candidates.
+  const upper = placeModule(root, 'a2', 'Build', 'Release');
+  copySim(path.join(root, 'a2', 'corvex_lib', platformDir, 'lib', 'x86_64'));
+  if (isWindows) clearRegistry();
+  r = runMedia(`await m.CreateMediaPlayer().catch((e) => out('create', e.message));`, {
+    module: upper,
+    env: { OSTREL_CORVEX_INSTALL_LOCATION: '' },
+  });
+  assert.equal(r.outs.create, 'CreateMediaPlayer failed: corvex not initialized');
+  const [failed] = r.stats('InitCorvex');
+  assert.equal(failed.w_succ, 0);
+  assert.equal(failed.bl2, '');
+  assert.equal(failed.bl1, upper);
+  assert.match(r.stdout, /^End Init Corvex from  0 \d+$/m);
+});
+
+test('installed layout: the install location gives InstallLocation/resources/assets/corvex', (t) => {
+  const root = tempDir('inst');
+  const lib = placeModule(root, 'app', 'resources', 'app');
+  const install = path.join(root, 'app');
+  copySim(path.join(install, 'resources', 'assets', 'corvex'));
+  const check = (env) => {
+    const r = runMedia(`out('ok', (await m.CreateMediaPlayer()).dispose());`, { module: lib, env });
+    assert.equal(r.outs.ok, true, r.stdout + r.stderr);
+    assert.match(r.stdout, /^Corvex inited\. corvex_source: win_absolute_install$/m);
+    const tried = path.join(install, 'resources', 'assets', 'corvex');
+    assert.ok(r.stdout.includes(`End Init Corvex from ${tried} 1 0`), r.stdout);
+  };
+  if (!isWindows) {
+    check({ OSTREL_CORVEX_INSTALL_LOCATION: install });
+    return;
+  }
+  t.after(clearRegistry);
+  clearRegistry();
+  // The user's key first ...
+  execFileSync('reg', ['add', `HKCU\\${uninstallKey}`, '/v', 'InstallLocation', '/t', 'REG_SZ', '/d', install, '/f']);
+  check({});
+  // ... then the machine's 32-bit key when the user's is absent.
+  clearRegistry();
+  execFileSync('reg', ['add', `HKLM\\${machineKey}`, '/v', 'InstallLocation', '/t', 'REG_SZ', '/d', install, '/f']);
+  check({});
+});

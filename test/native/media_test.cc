@@ -1,0 +1,274 @@
+// The media bridge's native logic: the name tables, the T3 text, the costs of
+// statistics maps, library paths and the layout choice, and the mailbox's
+// preparation waits and queue under notifications from several threads.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "media/corvex_names.h"
+#include "media/media_stats.h"
+#include "media/player_core.h"
+#include "media/sdk_paths.h"
+
+namespace ostrel::media {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+TEST(MediaNames, EventNames) {
+  struct row {
+    std::int32_t code;
+    const char* name;
+  };
+  for (const row& r :
+       {row{0, "MEDIA_NOP"}, row{1, "MEDIA_PREPARED"}, row{5, "MEDIA_SET_VIDEO_SIZE"}, row{9, "MEDIA_SKIPPED"},
+        row{12, "UNKNOWN"}, row{100, "MEDIA_ERROR"}, row{200, "MEDIA_INFO"}, row{211, "MEDIA_TIME_DISCONTINUITY"},
+        row{10000, "MEDIA_AUDIO_ROUTING_CHANGED"}, row{-1, "UNKNOWN"}}) {
+    EXPECT_EQ(event_name(r.code), r.name) << r.code;
+  }
+}
+
+TEST(MediaNames, InfoNames) {
+  struct row {
+    std::int32_t code;
+    const char* name;
+  };
+  for (const row& r :
+       {row{1, "MEDIA_INFO_UNKNOWN"}, row{602, "MEDIA_INFO_T3"}, row{701, "MEDIA_INFO_BUFFERING_START"},
+        row{702, "MEDIA_INFO_BUFFERING_END"}, row{803, "MEDIA_INFO_UNKNOWN(803)"}, row{906, "MEDIA_INFO_STAT_INFO"},
+        row{907, "MEDIA_INFO_AUDIO_NO_DRIVER"}, row{0, "MEDIA_INFO_UNKNOWN(0)"}, row{-5, "MEDIA_INFO_UNKNOWN(-5)"}}) {
+    EXPECT_EQ(info_name(r.code), r.name) << r.code;
+  }
+}
+
+TEST(MediaNames, ListenerCodesCompareExactlyAndFallBackToInfo) {
+  struct row {
+    const char* name;
+    std::int32_t code;
+  };
+  for (const row& r :
+       {row{"prepared", 1}, row{"playback_complete", 2}, row{"buffering_update", 3}, row{"seek_complete", 4},
+        row{"started", 6}, row{"paused", 7}, row{"stopped", 8}, row{"skipped", 9}, row{"error", 100}, row{"info", 200},
+        row{"Prepared", 200}, row{"prepared ", 200}, row{"", 200}, row{"stop", 200}}) {
+    EXPECT_EQ(listener_code(r.name), r.code) << r.name;
+  }
+}
+
+TEST(MediaNames, T3TextJoinsEveryEntryAndEscapesCommas) {
+  EXPECT_EQ(join_t3({}), "");
+  EXPECT_EQ(join_t3({{"startMs", "1"}, {"note", "a,b,,c"}, {"k,", "v"}}), "startMs=1,note=a@b@@c,k,=v,");
+}
+
+TEST(MediaStats, CostsOfMaps) {
+  EXPECT_EQ(t3_cost({{"startMs", "1000"}, {"endMs", "1250"}}), 250);
+  EXPECT_EQ(t3_cost({{"startMs", "1000"}}), -1000);  // no end: reported as it is
+  EXPECT_EQ(t3_cost({}), 0);
+  EXPECT_EQ(stat_info_cost({{"an_f_start", "2000"}, {"an_t3", "2300"}}), 300);
+  for (const char* bad : {"soon", "12x", "", "1 "}) {
+    EXPECT_THROW(t3_cost({{"startMs", bad}}), std::invalid_argument) << bad;
+  }
+  EXPECT_THROW(t3_cost({{"endMs", "99999999999999999999999"}}), std::out_of_range);
+}
+
+TEST(MediaStats, AFailureNeverRecordsAsSuccess) {
+  EXPECT_EQ(aggregate_code(true, 5), 0);
+  EXPECT_EQ(aggregate_code(false, 0), -1);
+  EXPECT_EQ(aggregate_code(false, 126), 126);
+}
+
+TEST(MediaPaths, LibraryPathSeparators) {
+  struct row {
+    const char* dir;
+    char sep;
+    const char* out;
+  };
+  for (const row& r : {row{"", '\\', "lib.dll"}, row{"D:\\x", '\\', "D:\\x\\lib.dll"},
+                       row{"D:\\x\\", '\\', "D:\\x\\lib.dll"}, row{"D:/x/", '\\', "D:/x/lib.dll"},
+                       row{"/opt/x", '/', "/opt/x/lib.dll"}, row{"/opt/x\\", '/', "/opt/x\\lib.dll"}}) {
+    EXPECT_EQ(join_library_path(r.dir, "lib.dll", r.sep), r.out) << r.dir;
+  }
+}
+
+fs::path native(std::initializer_list<const char*> parts) {
+#ifdef _WIN32
+  fs::path p = "X:\\";
+#else
+  fs::path p = "/";
+#endif
+  for (const char* part : parts) p /= part;
+  return p;
+}
+
+TEST(MediaPaths, LayoutChoice) {
+  EXPECT_EQ(choose_layout(native({"app", "build", "Release", "ostrel.node"})), sdk_layout::development);
+  EXPECT_EQ(choose_layout(native({"app", "Build", "Release", "ostrel.node"})), sdk_layout::installed);
+  EXPECT_EQ(choose_layout(native({"app", "builds", "Release", "ostrel.node"})), sdk_layout::installed);
+  EXPECT_EQ(choose_layout(native({"app", "build", "ostrel.node"})), sdk_layout::installed);
+  EXPECT_EQ(choose_layout(fs::path("ostrel.node")), sdk_layout::installed);
+  EXPECT_EQ(choose_layout(fs::path()), sdk_layout::installed);
+}
+
+TEST(MediaPaths, DevelopmentCandidatesInOrder) {
+  fs::path module = native({"a", "b", "c", "d", "e", "f", "app", "build", "Release", "ostrel.node"});
+  auto c = development_candidates(module);
+  ASSERT_EQ(c.size(), 3u);
+  EXPECT_EQ(c[0].dir, native({"a", "b", "c", "assets", "corvex"}));
+  EXPECT_EQ(c[0].label, "win_relative_corvex");
+  EXPECT_EQ(c[1].dir, native({"a", "b", "assets", "corvex"}));
+  EXPECT_EQ(c[1].label, "win_dev_workspace");
+#ifdef _WIN32
+  EXPECT_EQ(c[2].dir, native({"a", "b", "c", "d", "e", "f", "app", "corvex_lib", "win", "lib", "x86_64"}));
+#else
+  EXPECT_EQ(c[2].dir, native({"a", "b", "c", "d", "e", "f", "app", "corvex_lib", "linux", "lib", "x86_64"}));
+#endif
+  EXPECT_EQ(c[2].label, "win_dev_lib");
+  // A shallow module: the ancestors stop at the root.
+  auto shallow = development_candidates(native({"build", "Release", "ostrel.node"}));
+  EXPECT_EQ(shallow[0].dir, native({"assets", "corvex"}));
+}
+
+TEST(MediaPaths, InstalledCandidate) {
+  EXPECT_TRUE(installed_candidates(fs::path()).empty());
+  auto c = installed_candidates(native({"Programs", "App"}));
+  ASSERT_EQ(c.size(), 1u);
+  EXPECT_EQ(c[0].dir, native({"Programs", "App", "resources", "assets", "corvex"}));
+  EXPECT_EQ(c[0].label, "win_absolute_install");
+  EXPECT_EQ(path_from_utf8(path_to_utf8(native({"d\xC3\xA9j\xC3\xA0", "x"}))), native({"d\xC3\xA9j\xC3\xA0", "x"}));
+}
+
+void notify(player_mailbox& m, std::int32_t what, std::int32_t e1 = 0, std::int32_t e2 = 0,
+            const corvex_string_map* info = nullptr) {
+  const corvex_listener* l = m.listener();
+  l->notify(l->context, what, e1, e2, info);
+}
+
+TEST(MediaMailbox, StateFlagsFollowEvents) {
+  player_mailbox m(false);
+  struct row {
+    std::int32_t what, extra1;
+    bool paused, buffering;
+  };
+  for (const row& r :
+       {row{6, 0, false, false}, row{200, 701, false, true}, row{7, 0, true, true}, row{6, 0, false, true},
+        row{200, 702, false, false}, row{200, 701, false, true}, row{2, 0, true, false}, row{6, 0, false, false},
+        row{200, 701, false, true}, row{8, 0, true, false}}) {
+    notify(m, r.what, r.extra1);
+    EXPECT_EQ(m.paused(), r.paused) << r.what << "/" << r.extra1;
+    EXPECT_EQ(m.buffering(), r.buffering) << r.what << "/" << r.extra1;
+  }
+}
+
+TEST(MediaMailbox, PrepareOutcomes) {
+  player_mailbox m(false);
+  auto id = m.begin_prepare();
+  notify(m, 1);  // the answer may come before the wait
+  EXPECT_EQ(m.wait_prepare(id, 1s), prepare_outcome::prepared);
+
+  id = m.begin_prepare();
+  notify(m, 8);  // a late stop does not answer a preparation
+  EXPECT_EQ(m.wait_prepare(id, 50ms), prepare_outcome::timed_out);
+  notify(m, 100, -1004);
+  EXPECT_EQ(m.wait_prepare(id, 1s), prepare_outcome::failed);
+
+  id = m.begin_prepare();
+  m.cancel_prepare();
+  EXPECT_EQ(m.wait_prepare(id, 1s), prepare_outcome::failed);
+
+  auto first = m.begin_prepare();
+  auto second = m.begin_prepare();
+  notify(m, 1);
+  EXPECT_EQ(m.wait_prepare(first, 1s), prepare_outcome::failed);  // superseded
+  EXPECT_EQ(m.wait_prepare(second, 1s), prepare_outcome::prepared);
+}
+
+TEST(MediaMailbox, ReleaseWakesAWaitAtOnceAndStopsQueueing) {
+  player_mailbox m(true);
+  auto id = m.begin_prepare();
+  std::thread releaser([&] {
+    std::this_thread::sleep_for(20ms);
+    m.release();
+  });
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(m.wait_prepare(id, 30s), prepare_outcome::released);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+  releaser.join();
+  notify(m, 6);
+  EXPECT_TRUE(m.take_all().empty());
+  m.release();  // twice is harmless
+  EXPECT_EQ(m.wait_prepare(m.begin_prepare(), 1s), prepare_outcome::released);
+}
+
+TEST(MediaMailbox, NotificationsFromSeveralThreadsKeepTheirOrderAndDropsAreCounted) {
+  player_mailbox m(true);
+  constexpr int threads = 8;
+  constexpr int each = 2000;
+  std::vector<std::thread> senders;
+  for (int t = 0; t < threads; ++t) {
+    senders.emplace_back([&m, t] {
+      corvex_string_pair pair{"k", "v"};
+      corvex_string_map map{1, &pair};
+      for (int i = 0; i < each; ++i) notify(m, 3, i, t, i % 2 ? &map : nullptr);
+    });
+  }
+  std::vector<notification> all;
+  std::size_t dropped_total = 0;
+  while (all.size() + dropped_total < static_cast<std::size_t>(threads * each)) {
+    std::size_t dropped = 0;
+    auto batch = m.take(500, dropped);
+    dropped_total += dropped;
+    all.insert(all.end(), batch.begin(), batch.end());
+    std::this_thread::yield();
+  }
+  for (auto& s : senders) s.join();
+  // Each thread's notifications arrive in the order it sent them (some may
+  // have been dropped while the queue was full).
+  std::vector<int> last(threads, -1);
+  for (const notification& n : all) {
+    ASSERT_GT(n.extra1, last[n.extra2]);
+    last[n.extra2] = n.extra1;
+    EXPECT_EQ(n.has_info, n.extra1 % 2 == 1);
+  }
+  EXPECT_EQ(m.notifications(), static_cast<std::size_t>(threads * each));
+  m.release();
+}
+
+TEST(MediaMailbox, AFullQueueDropsAndCountsTheRest) {
+  player_mailbox m(true);
+  const std::size_t total = player_mailbox::max_queued + 25;
+  for (std::size_t i = 0; i < total; ++i) notify(m, 3, static_cast<std::int32_t>(i));
+  std::size_t dropped = 0;
+  auto first = m.take(10, dropped);
+  EXPECT_EQ(dropped, 25u);
+  ASSERT_EQ(first.size(), 10u);
+  EXPECT_EQ(first.front().extra1, 0);
+  auto rest = m.take(static_cast<std::size_t>(-1), dropped);
+  EXPECT_EQ(dropped, 0u);
+  EXPECT_EQ(rest.size(), player_mailbox::max_queued - 10);
+  EXPECT_EQ(rest.back().extra1, static_cast<std::int32_t>(player_mailbox::max_queued - 1));
+  m.release();
+}
+
+TEST(MediaMailbox, AProbeMailboxKeepsNoQueueAndNullMapEntriesAreEmpty) {
+  player_mailbox m(false);
+  corvex_string_pair pair{nullptr, nullptr};
+  corvex_string_map map{1, &pair};
+  notify(m, 200, 3, 0, &map);
+  EXPECT_TRUE(m.take_all().empty());
+  player_mailbox q(true);
+  notify(q, 200, 3, 0, &map);
+  auto all = q.take_all();
+  ASSERT_EQ(all.size(), 1u);
+  ASSERT_EQ(all[0].info.size(), 1u);
+  EXPECT_EQ(all[0].info[0].first, "");
+  q.release();
+}
+
+}  // namespace
+}  // namespace ostrel::media
