@@ -83,9 +83,20 @@ class bulk_receiver final : public IPortableDevicePropertiesBulkCallback {
     started_ = true;
     return S_OK;
   }
+  // Called by the driver: nothing may escape into its code.
   HRESULT STDMETHODCALLTYPE OnProgress(REFGUID, IPortableDeviceValuesCollection* results) override {
+    try {
+      take_batch(results);
+    } catch (const std::exception& e) {
+      log::err(std::string("Failed to take bulk property results: ") + e.what());
+    } catch (...) {
+      log::err("Failed to take bulk property results");
+    }
+    return S_OK;
+  }
+  void take_batch(IPortableDeviceValuesCollection* results) {
     DWORD count = 0;
-    if (!results || FAILED(results->GetCount(&count))) return S_OK;
+    if (!results || FAILED(results->GetCount(&count))) return;
     std::vector<std::pair<std::wstring, object_record>> batch;
     batch.reserve(count);
     for (DWORD i = 0; i < count; ++i) {
@@ -98,7 +109,6 @@ class bulk_receiver final : public IPortableDevicePropertiesBulkCallback {
     std::lock_guard lock(mutex_);
     for (auto& [id, record] : batch) records_.insert_or_assign(std::move(id), std::move(record));
     received_ += batch.size();
-    return S_OK;
   }
   HRESULT STDMETHODCALLTYPE OnEnd(REFGUID, HRESULT status) override {
     status_ = status;

@@ -2,6 +2,7 @@
 // any thread only append to a queue and start one of these tasks; the tasks
 // take the queue and call script on the main thread.
 #include <exception>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 
@@ -51,10 +52,27 @@ class first_failure {
   std::exception_ptr error_;
 };
 
+// TRICKY: a batch is taken and its deliveries queued on each main thread
+// in one step under this lock (deliver_to queues before its first
+// suspension), so that two deliveries started on two pool workers reach a
+// main thread in the order their batches were taken.
+std::mutex& take_mutex() {
+  static std::mutex m;
+  return m;
+}
+
+// `on_stopped`, when given, gets the batch back if the environment stopped
+// before it could be delivered.
 template <typename Records, typename Deliver>
 task<void> deliver_to(std::shared_ptr<env_targets> t, script_registry env_targets::*which, Records batch,
-                      Deliver deliver) {
-  co_await t->sched->schedule();
+                      Deliver deliver, void (*on_stopped)(Records&&) = nullptr) {
+  try {
+    co_await t->sched->schedule();
+  } catch (const scheduler_stopped&) {
+    if (!on_stopped) throw;
+    on_stopped(std::move(batch));
+    co_return;
+  }
   Napi::Env env(t->sched->env());
   Napi::HandleScope scope(env);
   first_failure failure;
@@ -110,26 +128,22 @@ Napi::Object to_script_object(Napi::Env env, const TvkRecord& record) {
 }
 
 task<void> deliver_events() {
+  std::lock_guard lock(take_mutex());
   // Without a reporter anywhere the records stay queued for the delivery
   // that the first registration starts.
   auto targets = with_targets(&env_targets::reporters);
   if (targets.empty()) co_return;
   auto batch = global().events.take_all();
   if (batch.empty()) co_return;
-  if (targets.size() == 1) {
-    try {
-      co_await deliver_to(targets.front(), &env_targets::reporters, batch, &deliver_event);
-    } catch (const scheduler_stopped&) {
-      // The environment went away meanwhile: keep the records for a later
-      // delivery.
-      global().events.requeue_front(std::move(batch));
-    }
-    co_return;
-  }
-  for (auto& t : targets) spawn(deliver_to(t, &env_targets::reporters, batch, &deliver_event), runtime::alive());
+  // A lone environment that went away meanwhile leaves the records for a
+  // later delivery.
+  void (*keep)(decltype(batch)&&) = nullptr;
+  if (targets.size() == 1) keep = [](decltype(batch)&& b) { global().events.requeue_front(std::move(b)); };
+  for (auto& t : targets) spawn(deliver_to(t, &env_targets::reporters, batch, &deliver_event, keep), runtime::alive());
 }
 
 task<void> deliver_facts() {
+  std::lock_guard lock(take_mutex());
   auto targets = with_targets(&env_targets::fact_sinks);
   if (targets.empty()) co_return;  // no sink: the facts are dropped as they come
   auto batch = global().facts.take_all();
