@@ -10,6 +10,7 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <type_traits>
 #include <string>
 #include <vector>
 
@@ -339,13 +340,19 @@ task<void> devices_task(std::shared_ptr<scheduler> sched, std::shared_ptr<promis
   });
 }
 
-task<void> listing_task(std::shared_ptr<call_state> state, std::shared_ptr<promise> p, listing_request request) {
-  std::vector<object_record> objects;
+// Runs `work` (a blocking job reading `*control`) on a thread of its own,
+// then settles `p` on the main thread: rejected with the job's failure, or
+// resolved with what `to_script` makes of its result.
+template <typename Work, typename ToScript>
+task<void> operation_task(std::shared_ptr<call_state> state, std::shared_ptr<promise> p, Work work,
+                          ToScript to_script) {
+  using result_t = std::invoke_result_t<Work&, operation_control&>;
+  result_t result{};
   std::optional<std::string> failure;
   std::shared_ptr<operation_control> control = state->control();
-  auto job = on_own_thread([request, control] { return list_objects(request, *control); });
+  auto job = on_own_thread([work, control]() mutable { return work(*control); });
   try {
-    objects = co_await job;
+    result = co_await job;
   } catch (const std::exception& e) {
     failure = e.what();
   }
@@ -356,34 +363,28 @@ task<void> listing_task(std::shared_ptr<call_state> state, std::shared_ptr<promi
   settle_guarded([&] {
     Napi::HandleScope scope(env);
     if (failure) return p->reject(*failure);
-    p->resolve(file_list_object(env, objects));
+    p->resolve(to_script(env, result));
   });
-  // The list was copied into script: give its memory back now.
-  std::vector<object_record>().swap(objects);
+  // The result was copied into script: give its memory back now.
+  result = result_t{};
+}
+
+task<void> listing_task(std::shared_ptr<call_state> state, std::shared_ptr<promise> p, listing_request request) {
+  return operation_task(
+      std::move(state), std::move(p), [request](operation_control& control) { return list_objects(request, control); },
+      [](napi_env env, const std::vector<object_record>& objects) { return file_list_object(env, objects); });
 }
 
 task<void> copy_task(std::shared_ptr<call_state> state, std::shared_ptr<promise> p, copy_request request) {
-  std::uint64_t bytes = 0;
-  std::optional<std::string> failure;
-  std::shared_ptr<operation_control> control = state->control();
-  auto job = on_own_thread([request, control] { return copy_object(request, *control); });
-  try {
-    bytes = co_await job;
-  } catch (const std::exception& e) {
-    failure = e.what();
-  }
-  state->finish();
-  co_await state->sched().schedule();
-  state->settle();
-  napi_env env = state->sched().env();
-  settle_guarded([&] {
-    Napi::HandleScope scope(env);
-    if (failure) return p->reject(*failure);
-    Napi::Object result = Napi::Object::New(env);
-    result.Set("path", Napi::String::New(env, request.destination_utf8));
-    result.Set("bytes", Napi::Number::New(env, double(bytes)));
-    p->resolve(result);
-  });
+  std::string destination = request.destination_utf8;
+  return operation_task(
+      std::move(state), std::move(p), [request](operation_control& control) { return copy_object(request, control); },
+      [destination](napi_env env, std::uint64_t bytes) -> napi_value {
+        Napi::Object result = Napi::Object::New(env);
+        result.Set("path", Napi::String::New(env, destination));
+        result.Set("bytes", Napi::Number::New(env, double(bytes)));
+        return result;
+      });
 }
 
 // ---- exports
