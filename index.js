@@ -32,7 +32,7 @@ function load() {
   throw new Error(
     `ostrel: no native module for ${tag}; looked for:\n  ${tried.join('\n  ')}\n` +
       (['win32-x64', 'linux-x64'].includes(tag)
-        ? "In a clone of the repository, build it with 'npm run build' (or 'npm run prebuild' for prebuilds/)."
+        ? "In a clone of the repository, build it with 'npm run compile' (or 'npm run prebuild' for prebuilds/)."
         : 'The package holds modules for win32-x64 and linux-x64 only.'),
   );
 }
