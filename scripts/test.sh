@@ -61,6 +61,13 @@ count() {
 count_gtest() { count "$1" "$2" '^\[  PASSED  \] [0-9]+' '^\[  FAILED  \] [0-9]+ tests?'; }
 # node's test runner: "# pass N" and "# fail N".
 count_node() { count "$1" "$2" '^(# |ℹ )pass [0-9]+' '^(# |ℹ )fail [0-9]+'; }
+# The five slowest top-level tests of a node test-runner log (TAP), where
+# a suite's time goes.
+slowest() {
+  awk '/^(not )?ok [0-9]+ - / { sub(/^(not )?ok [0-9]+ - /, ""); name = $0 }
+       /^  duration_ms: / && name != "" { printf "%8.1f s  %s\n", $2 / 1000, name; name = "" }' "$1" |
+    sort -rn | head -5 | sed 's/^/    slowest: /'
+}
 # One check that passes when the command does.
 count_one() {
   local p=1 f=0
@@ -131,6 +138,7 @@ run_suite() {
         rc=$?
         [ $rc -eq 0 ] || grep -B2 -A25 '^not ok' "$log" | head -150
         count_node "$log" $rc
+        slowest "$log"
       } >"$out"
       ;;
     wine-js)
@@ -154,6 +162,7 @@ run_suite() {
         rc=$?
         [ $rc -eq 0 ] || grep -B2 -A25 '^not ok' "$log" | head -150
         count_node "$log" $rc
+        slowest "$log"
         if ((${#restricted[@]})); then
           unset OSTREL_DENIED_FIXTURE
           WINEPREFIX="$root/build/wine-prefix" wineserver -k 2>/dev/null || true
