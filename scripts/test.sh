@@ -30,9 +30,12 @@ start_all=$SECONDS
 read -r -a js_files <<<"${OSTREL_JS_FILES:-$(echo test/js/*.test.js)}"
 js_pattern=()
 [ -n "${OSTREL_JS_PATTERN:-}" ] && js_pattern=(--test-name-pattern="$OSTREL_JS_PATTERN")
-# The sanitizer builds run slower and print more: one file at a time there.
-case "$preset" in *san*) default_concurrency=1 ;; *) default_concurrency=3 ;; esac
-js_concurrency=(--test-concurrency="${OSTREL_JS_CONCURRENCY:-$default_concurrency}")
+# Files at a time: three natively, two under Wine (each node.exe and its
+# children share one Wine server); one on the sanitizer builds, which run
+# slower and print more.
+case "$preset" in *san*) native_concurrency=1 ;; *) native_concurrency=3 ;; esac
+native_js_concurrency=(--test-concurrency="${OSTREL_JS_CONCURRENCY:-$native_concurrency}")
+wine_js_concurrency=(--test-concurrency="${OSTREL_JS_CONCURRENCY:-2}")
 export OSTREL_TEST_PRESET="$preset"
 
 has_suite() { case " $suites " in *" $1 "*) return 0 ;; esac; return 1; }
@@ -133,7 +136,7 @@ run_suite() {
             sanitizer_env=(LD_PRELOAD="$(gcc -print-file-name=libtsan.so)"
               TSAN_OPTIONS="halt_on_error=1 suppressions=$root/scripts/tsan-node.supp") ;;
         esac
-        env "${sanitizer_env[@]}" OSTREL_BUILD_DIR="build/$preset" node --test --test-reporter=tap "${js_concurrency[@]}" \
+        env "${sanitizer_env[@]}" OSTREL_BUILD_DIR="build/$preset" node --test --test-reporter=tap "${native_js_concurrency[@]}" \
           "${js_pattern[@]}" "${js_files[@]}" >"$log" 2>&1
         rc=$?
         [ $rc -eq 0 ] || grep -B2 -A25 '^not ok' "$log" | head -150
@@ -157,7 +160,7 @@ run_suite() {
           WINEPREFIX="$root/build/wine-prefix" wineserver -k 2>/dev/null || true
           export OSTREL_DENIED_FIXTURE="$denied"
         fi
-        "${restricted[@]}" scripts/wine-node --test --test-reporter=tap "${js_concurrency[@]}" "${js_pattern[@]}" \
+        "${restricted[@]}" scripts/wine-node --test --test-reporter=tap "${native_js_concurrency[@]}" "${js_pattern[@]}" \
           "${js_files[@]}" >"$log" 2>&1
         rc=$?
         [ $rc -eq 0 ] || grep -B2 -A25 '^not ok' "$log" | head -150
