@@ -245,7 +245,7 @@ wait "$native_lane" "$wine_lane"
 passed=0
 failed=0
 for s in $suites; do
-  read -r p f <"$logs/$s.counts" 2>/dev/null || { p=0; f=1; }
+  read -r p f 2>/dev/null <"$logs/$s.counts" || { p=0; f=1; }
   passed=$((passed + p))
   failed=$((failed + f))
 done
