@@ -13,8 +13,8 @@
 #   OSTREL_JS_PATTERN="wake-ups" scripts/test.sh         JS tests whose name matches
 #   OSTREL_JS_CONCURRENCY=1 scripts/test.sh              JS files one at a time
 # The native suites and the Wine suites are independent: they run side by
-# side (two lanes, each building its own target first), and node's test
-# runner runs several files at once. Each suite's report is printed when it
+# side (lanes, each building its own target first; the typings check in a
+# third), and node's test runner runs several files at once. Each suite's report is printed when it
 # ends, with its time; the raw output is in build/test-logs/<suite>.log.
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -224,23 +224,28 @@ other=()
 for s in $suites; do
   case "$s" in
     native-*) native+=("$s") ;;
-    wine-*) wine+=("$s") ;;
+    # The install test runs node.exe under Wine too: never while wine-js
+    # restarts the Wine server.
+    wine-* | install) wine+=("$s") ;;
     *) other+=("$s") ;;
   esac
 done
 if ((${#wine[@]})) || has_suite native-js; then fixtures; fi
 
-# The typings and the install test need no build of their own; they run in
-# the native lane, the lane with less to do.
+# Three lanes side by side: the typings check needs no build; the native
+# suites build the native preset first, the Wine suites win32 (the install
+# test packs the prebuilds and needs no build).
 native_build=""
 ((${#native[@]})) && native_build="$preset"
 wine_build=""
-((${#wine[@]})) && wine_build="win32"
-lane "$native_build" "${other[@]}" "${native[@]}" &
+case " ${wine[*]} " in *" wine-"*) wine_build="win32" ;; esac
+lane "" "${other[@]}" &
+other_lane=$!
+lane "$native_build" "${native[@]}" &
 native_lane=$!
 lane "$wine_build" "${wine[@]}" &
 wine_lane=$!
-wait "$native_lane" "$wine_lane"
+wait "$other_lane" "$native_lane" "$wine_lane"
 
 passed=0
 failed=0
