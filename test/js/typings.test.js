@@ -91,7 +91,9 @@ test('watch events and failures have the declared properties, in order', async (
   const session = await watch(dir);
   try {
     fs.writeFileSync(path.join(dir, 'new.txt'), 'x');
-    await session.waitFor(() => session.events.some((e) => e.fileName === 'new.txt'));
+    // The shape is the point here, not the delay: a busy machine under Wine
+    // may take many seconds.
+    await session.waitFor(() => session.events.some((e) => e.fileName === 'new.txt'), 60000);
     const event = session.events.find((e) => e.fileName === 'new.txt');
     conforms(event, 'WatchEvent');
     conforms(event.fileStat, 'WatchFileStat');
@@ -99,7 +101,7 @@ test('watch events and failures have the declared properties, in order', async (
       // The root's removal (under Wine it is noticed late and slowly; the
       // OVERFLOW error's keys are checked by watch.test.js there too).
       fs.rmSync(dir, { recursive: true, force: true });
-      await session.waitFor(() => session.errors.length > 0);
+      await session.waitFor(() => session.errors.length > 0, 60000);
       conforms(session.errors[0], 'WatchError');
     }
   } finally {
