@@ -30,15 +30,16 @@ start_all=$SECONDS
 read -r -a js_files <<<"${OSTREL_JS_FILES:-$(echo test/js/*.test.js)}"
 js_pattern=()
 [ -n "${OSTREL_JS_PATTERN:-}" ] && js_pattern=(--test-name-pattern="$OSTREL_JS_PATTERN")
-# Files at a time: one per core natively (at least two), two under Wine
-# (each node.exe and its children share one Wine server); one on the
-# sanitizer builds, which run slower and print more. Some cases time their
+# Files at a time: one per core natively (at least two); one under Wine
+# (with two, node.exe's test runner once stayed alive after its last report
+# until killed); one on the sanitizer builds, which run slower and print
+# more. Some cases time their
 # children in seconds: more files at once than cores made them fail on a
 # machine already busy.
 cores=$(nproc)
 case "$preset" in *san*) native_concurrency=1 ;; *) native_concurrency=$((cores > 2 ? cores : 2)) ;; esac
 native_js_concurrency=(--test-concurrency="${OSTREL_JS_CONCURRENCY:-$native_concurrency}")
-wine_js_concurrency=(--test-concurrency="${OSTREL_JS_CONCURRENCY:-2}")
+wine_js_concurrency=(--test-concurrency="${OSTREL_JS_CONCURRENCY:-1}")
 export OSTREL_TEST_PRESET="$preset"
 
 has_suite() { case " $suites " in *" $1 "*) return 0 ;; esac; return 1; }
