@@ -4,6 +4,7 @@
 // answers in large batches on its own thread), or, where the device does
 // not offer bulk requests, with one GetValues call per object on a shared
 // key collection. Folders and storages are descended into depth first.
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <mutex>
@@ -285,8 +286,11 @@ class lister {
       control_.done = base + receiver->received();
       if (ended) break;
       const auto now = std::chrono::steady_clock::now();
-      if (receiver->received() != last_received || receiver->started() != seen_start) {
-        last_received = receiver->received();
+      // News is a result the request can still owe: a driver repeating
+      // results without end does not keep the listing waiting.
+      const std::uint64_t received = std::min<std::uint64_t>(receiver->received(), ids.size());
+      if (received != last_received || receiver->started() != seen_start) {
+        last_received = received;
         seen_start = receiver->started();
         last_news = now;
       } else if (!cancel_sent && now - last_news > bulk_stall_limit) {
