@@ -148,12 +148,20 @@ export type MtpContentType = 'IMAGE' | 'VIDEO' | 'FOLDER' | 'UNKNOW';
 export interface MtpFile {
   objectId: string;
   parentId: string;
-  /** The original file name, else the object name, else "". */
+  /**
+   * The original file name, else the object name, else "". The device's own
+   * text: may hold "..", separators, control characters or reserved names;
+   * never join it into a local path unchecked (docs/mtp.md, "Names").
+   */
   name: string;
   contentType: MtpContentType;
   /** Bytes; 0 when the device does not say. */
   size: number;
-  /** Milliseconds since 1970-01-01 UTC, null when the device does not say. */
+  /**
+   * The device's wall-clock time (an MTP date has no zone) as milliseconds
+   * since 1970-01-01 of that reading taken as UTC: read it with the getUTC*
+   * methods. null when the device does not say (docs/mtp.md, "Dates").
+   */
   createdMs: number | null;
   modifiedMs: number | null;
   /** The storage (top-level functional object) the object lives on. */

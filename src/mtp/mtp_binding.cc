@@ -273,9 +273,9 @@ napi_value file_list_object(napi_env env, const std::vector<object_record>& obje
   napi_value list;
   napi_check(env, napi_create_array_with_length(env, objects.size(), &list));
   for (std::size_t i = 0; i < objects.size(); ++i) {
-    // A scope per few objects keeps the handle count bounded.
-    napi_handle_scope scope;
-    napi_check(env, napi_open_handle_scope(env, &scope));
+    // A scope per object keeps the handle count bounded; closed on every
+    // path, also when a call below throws.
+    Napi::HandleScope scope(env);
     const object_record& r = objects[i];
     napi_value o;
     napi_check(env, napi_create_object(env, &o));
@@ -289,7 +289,6 @@ napi_value file_list_object(napi_env env, const std::vector<object_record>& obje
                             make_string(env, r.storage_id)};
     for (int k = 0; k < 8; ++k) napi_check(env, napi_set_property(env, o, keys[k], values[k]));
     napi_check(env, napi_set_element(env, list, static_cast<std::uint32_t>(i), o));
-    napi_check(env, napi_close_handle_scope(env, scope));
   }
   listing_totals t = tally(objects);
   napi_value result;
