@@ -81,14 +81,16 @@ for suite in $suites; do
       # override capabilities it gets "access denied" like a Windows user
       # would, so the suites can test unreadable files. The fixture is made
       # here because node.exe cannot set Unix permissions.
-      # The 200,000-file tree of the exit tests: node.exe under Wine would
-      # take minutes to write it.
-      big="build/test-fixtures/big-200k"
-      if [ ! -f "$big/.complete" ]; then
-        rm -rf "$big"
-        for d in $(seq 0 199); do mkdir -p "$big/d$d" && (cd "$big/d$d" && touch f{0..999}.txt); done
-        touch "$big/.complete"
-      fi
+      # The 200,000- and 120,000-file trees of the lifecycle tests: node.exe
+      # under Wine would take minutes to write them.
+      for folders in 200 120; do
+        big="build/test-fixtures/big-${folders}k"
+        if [ ! -f "$big/.complete" ]; then
+          rm -rf "$big"
+          for d in $(seq 0 $((folders - 1))); do mkdir -p "$big/d$d" && (cd "$big/d$d" && touch f{0..999}.txt); done
+          touch "$big/.complete"
+        fi
+      done
       denied="build/test-fixtures/denied"
       [ -d "$denied" ] && chmod -R u+rwx "$denied"
       rm -rf "$denied" && mkdir -p "$denied"
