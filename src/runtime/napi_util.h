@@ -128,9 +128,10 @@ class promise {
 // may share. It is deleted only on its environment's main thread before
 // that environment's clean-up. When the last owner lets go anywhere else (a
 // pool worker ending a task after the environment was cleaned up, or even
-// freed), the reference is left to the environment, which frees all of its
-// references when it ends: a Node-API call there would write into an
-// environment that another thread is using or that no longer exists.
+// freed), the reference is left to the environment, whose end releases
+// what it held (node keeps only the reference's small record): a Node-API
+// call there would write into an environment that another thread is using
+// or that no longer exists.
 class script_ref {
  public:
   script_ref() = default;
