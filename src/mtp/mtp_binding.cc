@@ -111,8 +111,12 @@ class call_state {
         sched_(owner->shared_scheduler()),
         sessions_(owner->sessions()),
         control_(std::make_shared<operation_control>()) {}
+  // An export that fails after holding its callbacks (a signal whose
+  // addEventListener throws) ends here with no reference on the scheduler,
+  // which is then stopped although the environment lives: release unless the
+  // environment has been cleaned up or this is another thread.
   ~call_state() {
-    if (sched_->is_main_thread() && !sched_->is_stopped()) release_script();
+    if (sched_->is_live_main_thread()) release_script();
   }
 
   scheduler& sched() { return *sched_; }
