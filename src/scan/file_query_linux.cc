@@ -15,8 +15,9 @@
 namespace ostrel::scan {
 
 namespace {
-constexpr unsigned statx_mask =
-    STATX_TYPE | STATX_MODE | STATX_INO | STATX_SIZE | STATX_MTIME | STATX_CTIME | STATX_BTIME;
+// Only what the record needs: the type (not the permission bits), the
+// file id, the size and the three times.
+constexpr unsigned statx_mask = STATX_TYPE | STATX_INO | STATX_SIZE | STATX_MTIME | STATX_CTIME | STATX_BTIME;
 
 double to_ms(const struct statx_timestamp& t) {
   return unix_time_to_ms(t.tv_sec, t.tv_nsec);
@@ -58,6 +59,8 @@ query_outcome query_file_info_at(int dir_fd, const char* name, FileInfo& info) {
                    static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count()),
                    error);
   if (rc == 0) {
+    // A link was followed: what it leads to decides.
+    if (!S_ISREG(st.stx_mode) && !S_ISDIR(st.stx_mode)) return query_outcome::special;
     fill_from_statx(info, st, info.name);
     return query_outcome::filled;
   }
