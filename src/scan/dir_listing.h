@@ -14,6 +14,7 @@
 #include "file_query.h"
 #include "native_path.h"
 #include "runtime/strings.h"
+#include "scan_stats.h"
 
 namespace ostrel::scan {
 
@@ -126,6 +127,8 @@ class dir_listing {
   std::vector<char> buffer_;
   std::size_t filled_ = 0;
   std::size_t pos_ = 0;
+  // The default mode's successful statx calls, recorded when it closes.
+  mutable call_tally tally_;
 #endif
 };
 

@@ -8,12 +8,33 @@
 
 #include "dir_listing.h"
 #include "file_query_linux.h"
+#include "scan_stats.h"
 
 namespace ostrel::scan {
 
 namespace {
 // Enough for a few hundred entries per system call.
 constexpr std::size_t listing_buffer_bytes = 32 * 1024;
+
+// Listing buffers a thread gave back, for its next folders: a fresh one
+// per folder is an allocation big enough to make glibc consolidate its
+// small free blocks every time.
+struct buffer_cache {
+  std::vector<std::vector<char>> spare;
+};
+thread_local buffer_cache cache;
+
+std::vector<char> take_buffer() {
+  if (cache.spare.empty()) return std::vector<char>(listing_buffer_bytes);
+  std::vector<char> b = std::move(cache.spare.back());
+  cache.spare.pop_back();
+  return b;
+}
+
+void give_back(std::vector<char>& b) {
+  if (b.size() == listing_buffer_bytes && cache.spare.size() < 4) cache.spare.push_back(std::move(b));
+  std::vector<char>().swap(b);
+}
 }  // namespace
 
 dir_listing::~dir_listing() {
@@ -21,9 +42,10 @@ dir_listing::~dir_listing() {
 }
 
 void dir_listing::close() noexcept {
+  tally_.flush("statx");
   if (fd_ >= 0) ::close(fd_);
   fd_ = -1;
-  std::vector<char>().swap(buffer_);
+  give_back(buffer_);
   filled_ = pos_ = 0;
   at_end_ = false;
 }
@@ -72,7 +94,7 @@ listing_status dir_listing::open(const native_string& path, const dir_listing* p
     id_.low = static_cast<std::uint64_t>(st.st_ino);
     id_.known = true;
   }
-  buffer_.resize(listing_buffer_bytes);
+  buffer_ = take_buffer();
   return listing_status::listed;
 }
 
@@ -86,7 +108,7 @@ bool dir_listing::next(dir_entry& entry) {
       // The folder stays open: queries of its entries still use it.
       if (n < 0) fail_listing(errno);
       at_end_ = true;
-      std::vector<char>().swap(buffer_);
+      give_back(buffer_);
       return false;
     }
     filled_ = static_cast<std::size_t>(n);
@@ -111,7 +133,7 @@ bool dir_listing::next(dir_entry& entry) {
 
 query_outcome dir_listing::query_name(FileInfo& info, native_string_view entry_name) const {
   const char* name = entry_name.data();  // NUL-terminated
-  if (!fast_) return query_file_info_at(fd_, name, info);
+  if (!fast_) return query_file_info_at(fd_, name, info, &tally_);
   // The fast mode: the entry's own metadata (a link is not followed), no
   // call statistic.
   struct statx st;

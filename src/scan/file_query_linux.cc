@@ -49,15 +49,18 @@ query_outcome classify_errno(int error) {
   }
 }
 
-query_outcome query_file_info_at(int dir_fd, const char* name, FileInfo& info) {
+query_outcome query_file_info_at(int dir_fd, const char* name, FileInfo& info, call_tally* tally) {
   struct statx st;
   auto start = std::chrono::steady_clock::now();
   int rc = statx(dir_fd, name, 0, statx_mask, &st);
   int error = rc == 0 ? 0 : errno;
   auto elapsed = std::chrono::steady_clock::now() - start;
-  record_call_stat("statx", "FillFileInfoAsync",
-                   static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count()),
-                   error);
+  auto ms = static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count());
+  if (tally && error == 0) {
+    tally->add(ms);
+  } else {
+    record_call_stat("statx", "FillFileInfoAsync", ms, error);
+  }
   if (rc == 0) {
     // A link was followed: what it leads to decides.
     if (!S_ISREG(st.stx_mode) && !S_ISDIR(st.stx_mode)) return query_outcome::special;

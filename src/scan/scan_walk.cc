@@ -415,6 +415,7 @@ class walker {
     const bool empty_folders = !f_.needDirs && f_.returnEmptyFolder;
     bool had_entries = w.continuation;
     std::size_t seen = 0;
+    w.items.reserve(32);
     dir_entry e;
     for (;;) {
       if (seen == entries_per_piece) {
