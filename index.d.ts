@@ -355,6 +355,14 @@ export interface LoopedFolder {
   sameAs: string;
 }
 
+/** A folder holding entries whose names are not valid Unicode, which the scan left out. */
+export interface InvalidNameFolder {
+  /** Its path, formed as SkippedFolder.path. */
+  path: string;
+  /** How many of its entries were left out. */
+  count: number;
+}
+
 /** The argument of the result callback, in this property order. */
 export interface ScanResult {
   /** totalFileCount reached 10,000,000 (the walk still goes on). */
@@ -366,10 +374,27 @@ export interface ScanResult {
   /** Files with both the hidden and the system attribute (Windows). */
   hiddenSystemFileCount: number;
   /**
-   * True when `skippedFolders` is empty: every folder the walk reached was
-   * listed to its end, apart from folders that vanished during the scan or
-   * may not be listed (access denied), which are left out silently below
-   * the root. False means files may exist that the updates did not report:
+   * Entries that are neither regular files nor folders, not delivered: FIFOs,
+   * sockets, character and block devices (Linux), and in the default mode
+   * links that lead to one (a link to /dev/null). Counted in
+   * `totalFileCount` too, after the filters (a filtered one counts as
+   * filtered). The fast mode reports links as themselves, so only the
+   * entries themselves count there.
+   */
+  specialFileCount: number;
+  /**
+   * Entries (files and folders) whose names are not valid Unicode (bytes
+   * that are not UTF-8 on Linux, an unpaired surrogate on Windows): never
+   * delivered, since the path script would get does not exist; a folder
+   * among them is not walked. `invalidNameFolders` names where they are.
+   */
+  invalidNameCount: number;
+  /**
+   * True when `skippedFolders` and `invalidNameFolders` are empty: every
+   * folder the walk reached was listed to its end, apart from folders that
+   * vanished during the scan or may not be listed (access denied), which
+   * are left out silently below the root, and every entry listed could be
+   * reported. False means files may exist that the updates did not report:
    * a caller that acts on missing files (deleting copies) must not.
    */
   complete: boolean;
@@ -384,6 +409,8 @@ export interface ScanResult {
   skippedFolders: SkippedFolder[];
   /** Folders not walked again because they lead back to an ancestor. Informational: they do not make the scan incomplete. */
   loopedFolders: LoopedFolder[];
+  /** Folders holding entries whose names are not valid Unicode, each once, with how many; they make the scan incomplete. */
+  invalidNameFolders: InvalidNameFolder[];
 }
 
 /** An extension filter: extensions without the dot; "" means "no extension". */

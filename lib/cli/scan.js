@@ -5,9 +5,9 @@
 // the scan's counts and the elapsed time. --json prints every file object as
 // one JSON line on standard output and the summary on standard error.
 // A root that cannot be listed fails the command (status 1, the reason on
-// standard error); folders below it that cannot be listed make the scan
-// incomplete (status 3): the summary names them and a warning goes to
-// standard error.
+// standard error); folders below it that cannot be listed, and entries whose
+// names are not valid Unicode, make the scan incomplete (status 3): the
+// summary names the folders and a warning goes to standard error.
 const { UsageError, CommandError, parseCommandArgs, folderArgument } = require('./usage');
 const format = require('./format');
 const { collectStats } = require('./stats');
@@ -40,8 +40,9 @@ options:
   --stats         after the summary, list the module's native calls (count, total and longest time)
 
 exit status: 0 done; 1 the folder cannot be scanned (missing, no folder, may not be listed);
-2 wrong usage; 3 the scan is incomplete: folders that could not be listed are named on
-standard error, and their files are missing from the output; 130 interrupted.
+2 wrong usage; 3 the scan is incomplete: folders that could not be listed, or that hold
+names that are not valid Unicode, are named in the summary, and those files are missing
+from the output; 130 interrupted.
 `;
 
 function extList(text) {
@@ -100,6 +101,8 @@ function summary(dir, stats, result, seconds, interrupted) {
       `  totalFileCount         ${result.totalFileCount}`,
       `  filteredFileCount      ${result.filteredFileCount}`,
       `  hiddenSystemFileCount  ${result.hiddenSystemFileCount}`,
+      `  specialFileCount       ${result.specialFileCount || 0}`,
+      `  invalidNameCount       ${result.invalidNameCount || 0}`,
       `  fileCountBeyondLimit   ${result.fileCountBeyondLimit}`,
       `  complete               ${result.complete}`,
     );
@@ -108,6 +111,11 @@ function summary(dir, stats, result, seconds, interrupted) {
     if (skipped.length) {
       lines.push(`  skipped folders (${skipped.length}), their files are missing:`);
       for (const s of skipped) lines.push(`    ${describeSkip(s)}`);
+    }
+    const invalid = result.invalidNameFolders || [];
+    if (invalid.length) {
+      lines.push(`  folders holding names that are not valid Unicode (${invalid.length}), those entries are missing:`);
+      for (const f of invalid) lines.push(`    ${f.path}: ${f.count} ${f.count === 1 ? 'name' : 'names'}`);
     }
     if (looped.length) {
       lines.push(`  folders leading back to an ancestor, not walked again (${looped.length}):`);
@@ -142,10 +150,19 @@ function run(args, io) {
     // there; the summary names the folders.
     const warnIncomplete = (r) => {
       const n = (r.skippedFolders || []).length;
-      io.stderr.write(
-        `ostrel scan: warning: incomplete scan: ${n} folder${n === 1 ? '' : 's'} could not be listed ` +
-          '(see the summary); their files are missing from the output\n',
-      );
+      if (n) {
+        io.stderr.write(
+          `ostrel scan: warning: incomplete scan: ${n} folder${n === 1 ? '' : 's'} could not be listed ` +
+            '(see the summary); their files are missing from the output\n',
+        );
+      }
+      const bad = r.invalidNameCount || 0;
+      if (bad) {
+        io.stderr.write(
+          `ostrel scan: warning: incomplete scan: ${bad} name${bad === 1 ? ' is' : 's are'} not valid Unicode ` +
+            '(see the summary); those entries are missing from the output\n',
+        );
+      }
     };
     const finish = (code, result, { interrupted = false, quiet = false } = {}) => {
       if (finished) return;

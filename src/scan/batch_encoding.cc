@@ -72,8 +72,9 @@ void encode_record(Text& text, const FileInfo& r, Convert convert, double* out) 
 
 }  // namespace
 
-encoded_batch encode_batch(const std::vector<FileInfo>& files, const std::vector<FileInfo>& folders) {
-  encoded_batch batch;
+void encode_batch(const std::vector<FileInfo>& files, const std::vector<FileInfo>& folders, encoded_batch& batch) {
+  batch.text8.clear();
+  batch.text16.clear();
   batch.file_count = files.size();
   batch.record_count = files.size() + folders.size();
   batch.numbers.resize(batch.record_count * fields_per_record);
@@ -94,7 +95,6 @@ encoded_batch encode_batch(const std::vector<FileInfo>& files, const std::vector
   };
   for (const auto& r : files) encode_one(r);
   for (const auto& r : folders) encode_one(r);
-  return batch;
 }
 
 }  // namespace ostrel::scan

@@ -45,6 +45,13 @@ struct encoded_batch {
 
 // Encodes `files` then `folders`. Offsets and lengths count UTF-16 units of
 // the record's text.
-encoded_batch encode_batch(const std::vector<FileInfo>& files, const std::vector<FileInfo>& folders);
+// `into` is emptied first and its buffers reused (the delivery loop keeps
+// one batch for the whole scan).
+void encode_batch(const std::vector<FileInfo>& files, const std::vector<FileInfo>& folders, encoded_batch& into);
+inline encoded_batch encode_batch(const std::vector<FileInfo>& files, const std::vector<FileInfo>& folders) {
+  encoded_batch batch;
+  encode_batch(files, folders, batch);
+  return batch;
+}
 
 }  // namespace ostrel::scan

@@ -1,6 +1,9 @@
 // One open folder being listed: the directory-information class of
-// GetFileInformationByHandleEx on Windows, readdir on a descriptor opened
-// relative to the parent on Linux.
+// GetFileInformationByHandleEx on Windows, getdents64 on a descriptor opened
+// relative to the parent on Linux. It is the scanner's reusable listing of
+// one folder (the walk in scan_walk.cc builds on it): open, next until the
+// end, end_status for how the listing ended, id for the loop guard, query
+// for an entry's metadata in the default mode. One thread at a time.
 #pragma once
 
 #include <cstdint>
@@ -11,12 +14,16 @@
 #include "file_query.h"
 #include "native_path.h"
 #include "runtime/strings.h"
+#include "scan_stats.h"
 
 namespace ostrel::scan {
 
 struct dir_entry {
   native_string_view name;
   bool is_dir = false;
+  // Linux: the listing says it is a FIFO, a socket or a device, no file to
+  // report (a link to one is only found out by its query).
+  bool special = false;
   // Windows: a reparse point (a junction, a symbolic link, a mount point),
   // which may lead to another volume.
   bool link = false;
@@ -112,9 +119,16 @@ class dir_listing {
   std::size_t offset_ = 0;
   std::wstring name_;
 #else
-  void* dir_ = nullptr;  // DIR*
   int fd_ = -1;
   bool fast_ = false;
+  bool at_end_ = false;
+  // getdents64 records; dropped once the listing has ended (the folder
+  // stays open for the queries and opens relative to it).
+  std::vector<char> buffer_;
+  std::size_t filled_ = 0;
+  std::size_t pos_ = 0;
+  // The default mode's successful statx calls, recorded when it closes.
+  mutable call_tally tally_;
 #endif
 };
 

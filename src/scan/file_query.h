@@ -15,6 +15,7 @@ enum class query_outcome {
   filled,   // metadata written into the record
   denied,   // no right to read it: the record becomes unreadable
   missing,  // the entry is gone
+  special,  // neither a regular file nor a folder (a FIFO, a socket, a device, or a link to one): not a file to report
   retry,    // a transient failure, already logged: try again later
 };
 
@@ -33,6 +34,7 @@ inline int settle_outcome(FileInfo& info, query_outcome outcome) {
       info.clear_metadata();
       return 1;
     case query_outcome::missing:
+    case query_outcome::special:
       return 0;
     case query_outcome::retry:
       break;
@@ -45,8 +47,9 @@ inline constexpr int max_attempt = 10;
 
 // Fills `info`, retrying a transient failure 100 ms apart, for attempts
 // `attempt` to 10. True: the record may be used as it stands (filled, or
-// unreadable). False: the entry is gone, or every attempt failed (then the
-// record is unreadable with zero metadata). A set `stop` ends the retries
+// unreadable). False: the entry is gone, is no regular file or folder
+// (query_outcome::special), or every attempt failed (then the record is
+// unreadable with zero metadata). A set `stop` ends the retries
 // early with false.
 task<bool> FillFileInfoAsync(std::shared_ptr<FileInfo> info, int attempt = 0,
                              std::shared_ptr<const std::atomic<bool>> stop = nullptr);

@@ -15,8 +15,9 @@
 namespace ostrel::scan {
 
 namespace {
-constexpr unsigned statx_mask =
-    STATX_TYPE | STATX_MODE | STATX_INO | STATX_SIZE | STATX_MTIME | STATX_CTIME | STATX_BTIME;
+// Only what the record needs: the type (not the permission bits), the
+// file id, the size and the three times.
+constexpr unsigned statx_mask = STATX_TYPE | STATX_INO | STATX_SIZE | STATX_MTIME | STATX_CTIME | STATX_BTIME;
 
 double to_ms(const struct statx_timestamp& t) {
   return unix_time_to_ms(t.tv_sec, t.tv_nsec);
@@ -48,16 +49,21 @@ query_outcome classify_errno(int error) {
   }
 }
 
-query_outcome query_file_info_at(int dir_fd, const char* name, FileInfo& info) {
+query_outcome query_file_info_at(int dir_fd, const char* name, FileInfo& info, call_tally* tally) {
   struct statx st;
   auto start = std::chrono::steady_clock::now();
   int rc = statx(dir_fd, name, 0, statx_mask, &st);
   int error = rc == 0 ? 0 : errno;
   auto elapsed = std::chrono::steady_clock::now() - start;
-  record_call_stat("statx", "FillFileInfoAsync",
-                   static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count()),
-                   error);
+  auto ms = static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count());
+  if (tally && error == 0) {
+    tally->add(ms);
+  } else {
+    record_call_stat("statx", "FillFileInfoAsync", ms, error);
+  }
   if (rc == 0) {
+    // A link was followed: what it leads to decides.
+    if (!S_ISREG(st.stx_mode) && !S_ISDIR(st.stx_mode)) return query_outcome::special;
     fill_from_statx(info, st, info.name);
     return query_outcome::filled;
   }

@@ -10,7 +10,9 @@ struct statx;
 namespace ostrel::scan {
 
 // statx of `name` relative to `dir_fd` (AT_FDCWD: `name` is a path).
-query_outcome query_file_info_at(int dir_fd, const char* name, FileInfo& info);
+// With `tally`, a success is added to it rather than recorded on its own.
+struct call_tally;
+query_outcome query_file_info_at(int dir_fd, const char* name, FileInfo& info, call_tally* tally = nullptr);
 // Writes a statx result into the record; `name` decides `hidden`.
 void fill_from_statx(FileInfo& info, const struct statx& st, std::string_view name);
 // ENOENT/ENOTDIR/ELOOP: missing; EACCES/EPERM: denied; anything else: retry.

@@ -32,6 +32,18 @@ bool is_valid_utf8(std::string_view text) {
 }  // namespace
 
 #ifdef _WIN32
+bool is_valid_name(native_string_view name) {
+  for (std::size_t i = 0; i < name.size(); ++i) {
+    wchar_t c = name[i];
+    if (c >= 0xD800 && c <= 0xDBFF) {
+      if (i + 1 == name.size() || name[i + 1] < 0xDC00 || name[i + 1] > 0xDFFF) return false;
+      ++i;
+    } else if (c >= 0xDC00 && c <= 0xDFFF) {
+      return false;
+    }
+  }
+  return true;
+}
 std::string native_to_utf8(native_string_view text) {
   return to_utf8(text);
 }
@@ -42,6 +54,9 @@ std::wstring native_to_wide(native_string_view text) {
   return std::wstring(text);
 }
 #else
+bool is_valid_name(native_string_view name) {
+  return is_valid_utf8(name);
+}
 std::string native_to_utf8(native_string_view text) {
   if (is_valid_utf8(text)) return std::string(text);
   return to_utf8(to_wide(text));

@@ -19,6 +19,11 @@ inline constexpr native_char native_separator = '/';
 using native_string = std::basic_string<native_char>;
 using native_string_view = std::basic_string_view<native_char>;
 
+// True when `name` converts to script text and back unchanged: well-formed
+// UTF-8 on Linux (names there are bytes), no unpaired surrogate on Windows.
+// A name that is not would reach script as a path that does not exist.
+bool is_valid_name(native_string_view name);
+
 // UTF-8 of a native string (invalid sequences become U+FFFD).
 std::string native_to_utf8(native_string_view text);
 // The native form of a UTF-8 string from script.

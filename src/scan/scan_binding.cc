@@ -125,6 +125,10 @@ void scan_session::deliver_result() {
   result.Set("totalFileCount", Napi::Number::New(env, static_cast<double>(total)));
   result.Set("filteredFileCount", Napi::Number::New(env, static_cast<double>(d.filteredFileCount.load())));
   result.Set("hiddenSystemFileCount", Napi::Number::New(env, static_cast<double>(d.hiddenSystemFileCount.load())));
+  // Entries not delivered for what they are: no regular file or folder, or
+  // a name that is not valid Unicode.
+  result.Set("specialFileCount", Napi::Number::New(env, static_cast<double>(d.specialFileCount.load())));
+  result.Set("invalidNameCount", Napi::Number::New(env, static_cast<double>(d.invalid_name_count())));
   // What the walk could not cover, after the counts.
   result.Set("complete", Napi::Boolean::New(env, d.complete()));
   std::vector<skipped_folder> skipped = d.skipped_folders();
@@ -146,6 +150,15 @@ void scan_session::deliver_result() {
     looped_array.Set(static_cast<std::uint32_t>(i), entry);
   }
   result.Set("loopedFolders", looped_array);
+  std::vector<invalid_name_folder> invalid = d.invalid_name_folders();
+  Napi::Array invalid_array = Napi::Array::New(env, invalid.size());
+  for (std::size_t i = 0; i < invalid.size(); ++i) {
+    Napi::Object entry = Napi::Object::New(env);
+    entry.Set("path", Napi::String::New(env, invalid[i].path));
+    entry.Set("count", Napi::Number::New(env, static_cast<double>(invalid[i].count)));
+    invalid_array.Set(static_cast<std::uint32_t>(i), entry);
+  }
+  result.Set("invalidNameFolders", invalid_array);
   call(result_, result, "Caught Napi::Error in ScanFileResult: ");
 }
 
@@ -183,6 +196,9 @@ task<void> scan_task(std::shared_ptr<scan_session> session) {
   data.begin_work();
   spawn(walk_task(session->shared_data()), runtime::alive());
   bool more = false;  // records left from the last update: no waiting
+  // Kept for the whole scan: their buffers serve every update.
+  scan_update update;
+  encoded_batch batch;
   for (;;) {
     if (!more) {
       co_await data.batch_ready;
@@ -193,10 +209,10 @@ task<void> scan_task(std::shared_ptr<scan_session> session) {
     }
     // Read before taking: once finished, nothing can be collected any more.
     bool last = data.finished();
-    encoded_batch batch;
+    batch.record_count = 0;
     try {
-      scan_update update = data.take_update(ScanData::update_record_limit, more);
-      batch = encode_batch(update.files, update.folders);
+      data.take_update(ScanData::update_record_limit, more, update);
+      encode_batch(update.files, update.folders, batch);
     } catch (const std::exception& e) {
       log::out_value("Exception caught in Update Vectors move: ", e.what());
     } catch (...) {
@@ -223,6 +239,8 @@ task<void> scan_task(std::shared_ptr<scan_session> session) {
     log::out_value("Exception caught in dispatching scan file update: ", e.what());
   }
   session->end();
+  update = {};
+  batch = {};
   // The walk's threads freed what they allocated; give it back now rather
   // than keep it in their allocator arenas for the life of the process.
   co_await on_pool();
@@ -239,9 +257,8 @@ Napi::Value scan_all_sub_files(const Napi::CallbackInfo& info) {
   data->root_utf8 = path_argument(info[0], "ScanAllSubFiles");
   data->root = walk_root(utf8_to_native(data->root_utf8));
   read_scan_options(env, info[3].As<Napi::Object>(), data->filters);
-  // With two or more cores one helper thread shares the metadata queries
-  // (measured on two cores, 1,000,000 files: about 1.3x to 1.5x the rate
-  // without it, with updates capped so the script heap stays small).
+  // With two or more cores one helper thread lists and queries folders
+  // beside the walking one (see docs/scan.md, "Speed").
   data->filters.metadata_helpers = std::thread::hardware_concurrency() >= 2 ? 1 : 0;
 
   auto owner = environment::current();

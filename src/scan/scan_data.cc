@@ -1,5 +1,6 @@
 #include "scan_data.h"
 
+#include <algorithm>
 #include <chrono>
 #include <iterator>
 
@@ -49,7 +50,16 @@ void ScanData::collect(FileInfo&& info, bool may_wait) {
     std::lock_guard lock(mutex_);
     if (info.isFile) {
       collected_size_ += info.size;
-      files_.push_back(std::move(info));
+      if (file_chunks_.empty() || file_chunks_.back().size() >= update_record_limit) {
+        std::vector<FileInfo> chunk;
+        if (!spare_chunks_.empty()) {
+          chunk = std::move(spare_chunks_.back());
+          spare_chunks_.pop_back();
+        }
+        chunk.reserve(update_record_limit);
+        file_chunks_.push_back(std::move(chunk));
+      }
+      file_chunks_.back().push_back(std::move(info));
     } else {
       folders_.push_back(std::move(info));
     }
@@ -58,28 +68,46 @@ void ScanData::collect(FileInfo&& info, bool may_wait) {
   if (first) batch_ready.set();
 }
 
-scan_update ScanData::take_update(std::size_t max_records, bool& more) {
-  scan_update update;
+void ScanData::take_update(std::size_t max_records, bool& more, scan_update& into) {
+  // The records of the last update are freed here, outside the lock.
+  into.files.clear();
+  into.folders.clear();
+  into.size = 0;
   std::lock_guard lock(mutex_);
-  auto take = [&](std::vector<FileInfo>& from, std::vector<FileInfo>& to, std::size_t limit) {
-    if (from.size() <= limit) {
-      to.swap(from);
-      from.clear();
-      return;
+  while (!file_chunks_.empty() && into.files.size() < max_records) {
+    std::vector<FileInfo>& front = file_chunks_.front();
+    const std::size_t room = max_records - into.files.size();
+    if (into.files.empty() && front.size() <= room) {
+      // The whole piece changes hands; the update's empty buffer is kept
+      // for the pieces to come.
+      std::swap(into.files, front);
+      if (front.capacity() >= update_record_limit && spare_chunks_.size() < 2) {
+        spare_chunks_.push_back(std::move(front));
+      }
+      file_chunks_.pop_front();
+      continue;
     }
-    to.reserve(limit);
-    std::move(from.begin(), from.begin() + static_cast<std::ptrdiff_t>(limit), std::back_inserter(to));
-    from.erase(from.begin(), from.begin() + static_cast<std::ptrdiff_t>(limit));
-  };
-  take(files_, update.files, max_records);
-  take(folders_, update.folders, max_records - update.files.size());
-  for (const FileInfo& f : update.files) update.size += f.size;
-  collected_size_ -= update.size;
-  more = !files_.empty() || !folders_.empty();
+    const auto n = static_cast<std::ptrdiff_t>(std::min(room, front.size()));
+    into.files.insert(into.files.end(), std::make_move_iterator(front.begin()),
+                      std::make_move_iterator(front.begin() + n));
+    front.erase(front.begin(), front.begin() + n);
+    if (front.empty()) file_chunks_.pop_front();
+  }
+  const std::size_t room = max_records - into.files.size();
+  if (folders_.size() <= room) {
+    into.folders.swap(folders_);
+  } else {
+    const auto n = static_cast<std::ptrdiff_t>(room);
+    into.folders.insert(into.folders.end(), std::make_move_iterator(folders_.begin()),
+                        std::make_move_iterator(folders_.begin() + n));
+    folders_.erase(folders_.begin(), folders_.begin() + n);
+  }
+  for (const FileInfo& f : into.files) into.size += f.size;
+  collected_size_ -= into.size;
+  more = !file_chunks_.empty() || !folders_.empty();
   // Still pending while records are left: the next collect must not signal
   // a new batch, the delivery loop takes the rest without waiting.
   update_pending_.store(more, std::memory_order_release);
-  return update;
 }
 
 void ScanData::release_backlog(std::size_t count) {
@@ -123,6 +151,40 @@ void ScanData::add_looped(native_string_view relative, native_string_view same_a
   looped_.push_back({path, script_path(same_as)});
 }
 
+void ScanData::add_invalid_names(native_string_view relative, std::uint64_t count) {
+  if (count == 0) return;
+  std::string path = script_path(relative);
+  std::size_t folders;
+  {
+    std::lock_guard lock(account_mutex_);
+    invalid_name_count_ += count;
+    for (auto& f : invalid_names_) {
+      if (f.path == path) {  // met again (another rule): named once
+        invalid_name_count_ -= count;
+        return;
+      }
+    }
+    invalid_names_.push_back({path, count});
+    folders = invalid_names_.size();
+  }
+  if (folders <= logged_skip_limit) {
+    log::err("ScanAllSubFiles: " + std::to_string(count) + (count == 1 ? " name" : " names") + " in " + path +
+             " left out: not valid Unicode (" + (sizeof(native_char) == 1 ? "UTF-8" : "UTF-16") + ")");
+  } else if (folders == logged_skip_limit + 1) {
+    log::err("ScanAllSubFiles: more folders hold names that are not valid Unicode; the result names them all");
+  }
+}
+
+std::vector<invalid_name_folder> ScanData::invalid_name_folders() const {
+  std::lock_guard lock(account_mutex_);
+  return invalid_names_;
+}
+
+std::uint64_t ScanData::invalid_name_count() const {
+  std::lock_guard lock(account_mutex_);
+  return invalid_name_count_;
+}
+
 std::vector<skipped_folder> ScanData::skipped_folders() const {
   std::lock_guard lock(account_mutex_);
   return skipped_;
@@ -135,7 +197,7 @@ std::vector<looped_folder> ScanData::looped_folders() const {
 
 bool ScanData::complete() const {
   std::lock_guard lock(account_mutex_);
-  return skipped_.empty();
+  return skipped_.empty() && invalid_names_.empty();
 }
 
 void ScanData::end_work() {

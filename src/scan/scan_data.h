@@ -6,6 +6,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -39,6 +40,14 @@ struct looped_folder {
   std::string same_as;  // the ancestor it leads back to, in the same form
 };
 
+// A folder holding entries whose names are not valid text (not UTF-8 on
+// Linux, an unpaired surrogate on Windows): they are not delivered, since
+// no path script could use would lead to them.
+struct invalid_name_folder {
+  std::string path;  // as skipped_folder::path
+  std::uint64_t count = 0;
+};
+
 class ScanData {
  public:
   static constexpr std::uint64_t file_count_limit = 10'000'000;
@@ -66,6 +75,9 @@ class ScanData {
   std::atomic<std::uint64_t> totalFileCount{0};
   std::atomic<std::uint64_t> filteredFileCount{0};
   std::atomic<std::uint64_t> hiddenSystemFileCount{0};
+  // Entries that are neither regular files nor folders (FIFOs, sockets,
+  // devices, and links to them where links are followed): not delivered.
+  std::atomic<std::uint64_t> specialFileCount{0};
 
   // The stop flag: set once, by CloseScanFiles or the clean-up hook.
   const std::shared_ptr<std::atomic<bool>>& stop_flag() const noexcept { return stop_; }
@@ -83,10 +95,18 @@ class ScanData {
   // waits while too many records are undelivered; the I/O service's thread,
   // which runs the delivery timer, never waits.
   void collect(FileInfo&& info, bool may_wait);
-  // Moves at most `max_records` collected records out (files first, then
-  // folders, each in collection order). `more` tells whether records were
-  // left behind for the next update.
-  scan_update take_update(std::size_t max_records, bool& more);
+  // Moves at most `max_records` collected records into `into` (files
+  // first, then folders, each in collection order), after emptying it.
+  // `more` tells whether records were left behind for the next update.
+  // The buffers circulate: the update's emptied vectors hold the next
+  // records collected, so a scan maps its record storage once instead of
+  // growing a vector from nothing for every update.
+  void take_update(std::size_t max_records, bool& more, scan_update& into);
+  scan_update take_update(std::size_t max_records, bool& more) {
+    scan_update update;
+    take_update(max_records, more, update);
+    return update;
+  }
   // `count` records have been turned into script objects (or dropped).
   void release_backlog(std::size_t count);
   void set_backlog_limit(std::size_t limit) noexcept { backlog_limit_ = limit; }
@@ -108,11 +128,19 @@ class ScanData {
   // first few per scan only.
   void add_skipped(native_string_view relative, int code, std::string reason);
   void add_looped(native_string_view relative, native_string_view same_as);
+  // `count` entries of the folder at `relative` were left out for their
+  // names (is_valid_name). One line on standard error per folder, the
+  // first few per scan only.
+  void add_invalid_names(native_string_view relative, std::uint64_t count);
   // Read once the scan has finished.
   std::vector<skipped_folder> skipped_folders() const;
   std::vector<looped_folder> looped_folders() const;
-  // True when no folder was skipped: every folder the walk reached was
-  // listed to its end (folders that vanished or may not be listed aside).
+  std::vector<invalid_name_folder> invalid_name_folders() const;
+  std::uint64_t invalid_name_count() const;
+  // True when no folder was skipped and no entry was left out for its name:
+  // every folder the walk reached was listed to its end (folders that
+  // vanished or may not be listed aside) and everything listed could be
+  // reported.
   bool complete() const;
   // The path of a folder below the root as script sees it.
   std::string script_path(native_string_view relative) const;
@@ -125,13 +153,18 @@ class ScanData {
   std::atomic<bool> update_pending_{false};
 
   std::mutex mutex_;
-  std::vector<FileInfo> files_;
+  // Collected files in pieces of at most update_record_limit, each reserved
+  // whole, so that collecting never moves records to grow a vector.
+  std::deque<std::vector<FileInfo>> file_chunks_;
+  std::vector<std::vector<FileInfo>> spare_chunks_;  // emptied pieces, for reuse
   std::vector<FileInfo> folders_;
   std::uint64_t collected_size_ = 0;
 
   mutable std::mutex account_mutex_;
   std::vector<skipped_folder> skipped_;
   std::vector<looped_folder> looped_;
+  std::vector<invalid_name_folder> invalid_names_;
+  std::uint64_t invalid_name_count_ = 0;
   std::unordered_set<std::string> accounted_;  // paths in either list
 
   std::mutex backlog_mutex_;

@@ -9,8 +9,13 @@
 
 namespace ostrel::scan {
 
-// Walks the scan's tree on the calling thread (the fine-grained walk when
-// the scan has rules). Returns when the tree is done or the scan stopped.
+// Walks the scan's tree (the fine-grained walk when the scan has rules):
+// the calling thread and `filters.metadata_helpers` helper threads each
+// list and query whole folders (dir_listing); the calling thread collects
+// the records depth first, in listing order. Entries that are no regular
+// file or folder count in specialFileCount; names that are not valid
+// Unicode are left out and accounted (ScanData::add_invalid_names).
+// Returns when the tree is done or the scan stopped.
 // A folder that cannot be listed is skipped and the walk goes on; the scan
 // accounts for it (ScanData::add_skipped) unless it went away or may not be
 // listed (the root is accounted for whatever the reason). A folder that

@@ -24,6 +24,23 @@ void api_stats::record(std::string_view name, std::uint64_t value_ms, std::int32
   }
 }
 
+void api_stats::record_successes(std::string_view name, std::uint64_t count, std::uint64_t sum_ms,
+                                 std::uint64_t max_ms) {
+  if (count == 0) return;
+  const hashed_name key{std::hash<std::string_view>{}(name), name};
+  std::lock_guard lock(lock_);
+  auto it = entries_.find(key);
+  if (it == entries_.end()) {
+    it = entries_.emplace(stat_key{key.hash, std::string(name)}, ApiStatEntry{}).first;
+    it->second.name = it->first.name;
+  }
+  ApiStatEntry& e = it->second;
+  e.count += count;
+  e.sum += sum_ms;
+  if (e.max < max_ms) e.max = max_ms;
+  e.other += count;
+}
+
 double api_stats::elapsed_ms(std::int64_t now_ns) const {
   std::lock_guard lock(lock_);
   return static_cast<double>(now_ns - last_flush_ns_) / 1e9 * 1000.0;

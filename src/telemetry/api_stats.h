@@ -34,6 +34,8 @@ class api_stats {
   // success, and every failure after the stored one) counts in `other`.
   // The asymmetry is what the dashboards expect and must stay.
   void record(std::string_view name, std::uint64_t value_ms, std::int32_t code, std::string_view message);
+  // `count` successful calls at once.
+  void record_successes(std::string_view name, std::uint64_t count, std::uint64_t sum_ms, std::uint64_t max_ms);
 
   // Milliseconds since the last flush, as a double.
   double elapsed_ms(std::int64_t now_ns) const;

@@ -57,4 +57,10 @@ void record_stat(std::string_view name, std::uint64_t value_ms, std::int32_t cod
   request_flush();
 }
 
+void record_stats(std::string_view name, std::uint64_t count, std::uint64_t sum_ms, std::uint64_t max_ms) {
+  if (count == 0) return;
+  global().stats.record_successes(name, count, sum_ms, max_ms);
+  request_flush();
+}
+
 }  // namespace ostrel::telemetry

@@ -266,6 +266,28 @@ test('a scan that could not list some folders names them and exits with status 3
   assert.match(r.stderr, /^ostrel scan: warning: incomplete scan: 1 folder could not be listed/m);
 });
 
+test('scan names the folders holding names that are not UTF-8, counts special files and exits with status 3 (Linux)', {
+  skip: isWindows && 'Linux only',
+}, (t) => {
+  const base = fs.mkdtempSync(path.join(os.tmpdir(), 'ostrel-cli-names-'));
+  t.after(() => fs.rmSync(base, { recursive: true, force: true }));
+  fs.writeFileSync(path.join(base, 'good.txt'), 'x');
+  fs.mkdirSync(path.join(base, 'sub'));
+  fs.writeFileSync(Buffer.concat([Buffer.from(path.join(base, 'sub', 'bad')), Buffer.from([0xff])]), 'x');
+  assert.equal(spawnSync('mkfifo', [path.join(base, 'fifo')]).status, 0, 'mkfifo');
+  const r = cli(['scan', base]);
+  assert.equal(r.status, scanCommand.EXIT_INCOMPLETE, r.stderr);
+  assert.match(r.stdout, /^ {2}specialFileCount +1$/m);
+  assert.match(r.stdout, /^ {2}invalidNameCount +1$/m);
+  assert.equal(counts(r.stdout).delivered, 1);
+  assert.equal(counts(r.stdout).complete, 'false');
+  const listed = r.stdout.split('folders holding names that are not valid Unicode (1), those entries are missing:\n')[1];
+  assert.ok(listed, r.stdout);
+  assert.equal(listed.split('\n')[0], `    ${path.join(base, 'sub')}: 1 name`);
+  assert.match(r.stderr, /^ostrel scan: warning: incomplete scan: 1 name is not valid Unicode/m);
+  assert.doesNotMatch(r.stderr, /could not be listed/);
+});
+
 test('scan prints the counts of the tree', () => {
   const r = cli(['scan', tree]);
   assert.equal(r.status, 0, r.stderr);

@@ -92,9 +92,12 @@ test('hidden files', async (t) => {
       totalFileCount: 4,
       filteredFileCount: 1,
       hiddenSystemFileCount: 1,
+      specialFileCount: 0,
+      invalidNameCount: 0,
       complete: true,
       skippedFolders: [],
       loopedFolders: [],
+      invalidNameFolders: [],
     });
   });
 });

@@ -11,6 +11,8 @@ const { isWindows, root: repoRoot, buildDir } = require('./helpers');
 const { scan, makeTree, removeTree, relPaths } = require('./scan-fixture');
 
 const COUNTS = ['fileCountBeyondLimit', 'totalFileCount', 'filteredFileCount', 'hiddenSystemFileCount'];
+const NOT_DELIVERED = ['specialFileCount', 'invalidNameCount'];
+const ACCOUNTS = ['complete', 'skippedFolders', 'loopedFolders', 'invalidNameFolders'];
 // node.exe under Wine: Wine passes its own variables on to the Windows process.
 const underWine = isWindows && Boolean(process.env.WINELOADER);
 
@@ -18,15 +20,18 @@ test('the result holds the four counts first, then what the walk could not cover
   const root = makeTree({ files: { 'a.txt': '', 'sub/b.txt': '' } });
   t.after(() => removeTree(root));
   const { result } = await scan(root);
-  assert.deepEqual(Object.keys(result), [...COUNTS, 'complete', 'skippedFolders', 'loopedFolders']);
+  assert.deepEqual(Object.keys(result), [...COUNTS, ...NOT_DELIVERED, ...ACCOUNTS]);
   assert.deepEqual(result, {
     fileCountBeyondLimit: false,
     totalFileCount: 2,
     filteredFileCount: 0,
     hiddenSystemFileCount: 0,
+    specialFileCount: 0,
+    invalidNameCount: 0,
     complete: true,
     skippedFolders: [],
     loopedFolders: [],
+    invalidNameFolders: [],
   });
 });
 
@@ -320,4 +325,104 @@ test('folders that cannot be opened are skipped, named with their error, and the
   // One line per skipped folder on standard error.
   assert.equal(r.stderr.split('\n').filter((l) => l.startsWith('ScanAllSubFiles: skipped ')).length, 2, r.stderr);
   assertAccountedFor(root, Object.keys(files), delivered.map((p) => ({ relativePath: p })), result);
+});
+
+// ------------------------------- special files and names that are not UTF-8 --
+// A tree holding a FIFO, a socket, links to /dev/null and to the FIFO, a
+// dangling link, a file and a folder whose names hold the byte 0xFF, and
+// plain files beside them. node's fs is the oracle: it reads names as bytes
+// and tells each entry's kind, with (default mode) or without (fast mode)
+// following links.
+function validName(buf) {
+  return Buffer.from(buf.toString('utf8'), 'utf8').equals(buf);
+}
+
+// What the scan must report for `root`: delivered files (relative paths),
+// special entries, and per folder the names left out.
+function oracle(root, followLinks) {
+  const files = [];
+  let special = 0;
+  const invalid = new Map();
+  const walk = (dir, rel) => {
+    for (const name of fs.readdirSync(dir, { encoding: 'buffer' })) {
+      const full = Buffer.concat([Buffer.from(dir + path.sep), name]);
+      if (!validName(name)) {
+        invalid.set(dir, (invalid.get(dir) || 0) + 1);
+        continue;
+      }
+      const childRel = rel ? `${rel}/${name.toString()}` : name.toString();
+      const own = fs.lstatSync(full);
+      if (own.isDirectory()) {
+        walk(full.toString(), childRel);
+        continue;
+      }
+      let st = own;
+      if (followLinks && own.isSymbolicLink()) {
+        try {
+          st = fs.statSync(full);
+        } catch {
+          continue;  // dangling: vanished
+        }
+      }
+      if (st.isFile() || st.isSymbolicLink()) files.push(childRel);
+      else special++;
+    }
+  };
+  walk(root, '');
+  return { files: files.sort(), special, invalid };
+}
+
+test('special files are not delivered, names that are not UTF-8 are named (Linux, node\'s fs as oracle)', {
+  skip: isWindows && 'Linux only',
+}, async (t) => {
+  const net = require('net');
+  const root = makeTree({ files: { 'a.txt': 'a', 'sub/b.txt': 'bb', 'sub/deeper/c.txt': 'c' } });
+  const server = net.createServer();
+  t.after(() => {
+    server.close();
+    removeTree(root);
+  });
+  const at = (...parts) => path.join(root, ...parts);
+  assert.equal(spawnSync('mkfifo', [at('fifo')]).status, 0, 'mkfifo');
+  await new Promise((resolve, reject) => server.listen(at('sub', 'sock'), resolve).on('error', reject));
+  fs.symlinkSync('/dev/null', at('null-link'));
+  fs.symlinkSync('../fifo', at('sub', 'fifo-link'));
+  fs.symlinkSync('nowhere', at('dangling'));
+  fs.symlinkSync('a.txt', at('a-link'));
+  const bad = (dir, stem) => Buffer.concat([Buffer.from(dir + path.sep + stem), Buffer.from([0xff]), Buffer.from('.txt')]);
+  fs.writeFileSync(bad(root, 'bad'), 'x');
+  fs.writeFileSync(bad(at('sub'), 'bad'), 'x');
+  fs.writeFileSync(bad(at('sub'), 'worse'), 'x');
+  const badDir = Buffer.concat([Buffer.from(at('sub', 'deeper') + path.sep + 'd'), Buffer.from([0xfe])]);
+  fs.mkdirSync(badDir);
+  fs.writeFileSync(Buffer.concat([badDir, Buffer.from('/inside.txt')]), 'x');
+
+  for (const fastMetadata of [false, true]) {
+    const what = fastMetadata ? 'fast' : 'default';
+    const expected = oracle(root, !fastMetadata);
+    const { nodes, dirs, result } = await scan(root, { fastMetadata, needDirs: true });
+    assert.deepEqual(relPaths(nodes), expected.files, what);
+    const exists = (p) => {
+      try {
+        return Boolean(fs.lstatSync(p));
+      } catch {
+        return false;
+      }
+    };
+    assert.ok(nodes.every((n) => n.isFile && !n.absolutePath.includes('\uFFFD') && exists(n.absolutePath)), what);
+    assert.ok(dirs.every((d) => !d.absolutePath.includes('\uFFFD')), what);
+    assert.equal(result.specialFileCount, expected.special, what);
+    assert.equal(result.invalidNameCount, 4, what);
+    const byPath = (x, y) => x.path.localeCompare(y.path);
+    assert.deepEqual(
+      [...result.invalidNameFolders].sort(byPath),
+      [...expected.invalid].map(([dir, count]) => ({ path: dir, count })).sort(byPath),
+      what,
+    );
+    // Left-out names make the scan incomplete; nothing was skipped.
+    assert.equal(result.complete, false, what);
+    assert.deepEqual(result.skippedFolders, [], what);
+  }
+  // Default mode: the FIFO, the socket and the links to /dev/null and to the FIFO.
+  assert.equal(oracle(root, true).special, 4);
 });
