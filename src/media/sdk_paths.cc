@@ -11,6 +11,11 @@ std::string join_library_path(std::string_view dir, std::string_view name, char 
   return out;
 }
 
+bool is_absolute_folder(std::string_view dir) {
+  if (dir.empty()) return false;
+  return path_from_utf8(dir).is_absolute();
+}
+
 fs::path ancestor(const fs::path& p, int n) {
   fs::path out = p;
   for (int i = 0; i < n; ++i) out = out.parent_path();

@@ -26,4 +26,21 @@ class com_guard {
   com_api& api_;
 };
 
+// COM for the calling thread, for the length of a query: CoInitializeEx
+// (multithreaded) now, CoUninitialize at the end when it succeeded. The
+// guard above may leave the thread without COM (its security step
+// uninitialises when the host has already set security); the query needs
+// COM on its own thread either way.
+class com_apartment {
+ public:
+  explicit com_apartment(com_api& api);
+  ~com_apartment();
+  com_apartment(const com_apartment&) = delete;
+  com_apartment& operator=(const com_apartment&) = delete;
+
+ private:
+  com_api& api_;
+  bool initialized_ = false;
+};
+
 }  // namespace ostrel::storage
