@@ -54,7 +54,7 @@ bool elf_object_complete(std::string_view bytes, std::uint64_t file_size, std::s
 bool check_elf_object(const std::string& path, std::string& error) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) return true;  // missing or unreadable: dlopen says so in its own words
-  struct stat st{};
+  struct stat st {};
   bool ok = true;
   std::string reason;
   if (::fstat(fd, &st) != 0) {
