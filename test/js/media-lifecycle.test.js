@@ -93,7 +93,7 @@ test('a notification the SDK sends late after a stop is delivered; after dispose
 test('an undisposed player keeps the process alive; disposing it lets the process end', () => {
   const held = run(`
     m.CreateMediaPlayer().then((p) => { globalThis.p = p; console.log('CREATED'); });
-  `, { timeout: 4000 });
+  `, { timeout: 10000 });
   assert.match(held.stdout, /^CREATED$/m);
   assert.notEqual(held.signal, null, 'the process should still have been running');
 
