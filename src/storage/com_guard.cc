@@ -45,4 +45,8 @@ std::int32_t com_guard::live() noexcept {
   return g_live_guards.load();
 }
 
+void com_guard::reset_for_tests() noexcept {
+  g_live_guards.store(0);
+}
+
 }  // namespace ostrel::storage

@@ -21,6 +21,9 @@ class com_guard {
   // The process-wide count of live guards (after a failed security start it
   // is set back to 0, and the guard's end still decrements it).
   static std::int32_t live() noexcept;
+  // Tests only: sets the count back to 0, as in a fresh process (the kept
+  // asymmetry leaves it at -1 for good after a failed security start).
+  static void reset_for_tests() noexcept;
 
  private:
   com_api& api_;

@@ -316,7 +316,9 @@ TEST(MediaElf, CutsBelowTheLastSegmentFailAndNothingCrashes) {
   for (std::size_t cut = 0; cut <= whole.size(); cut += std::max<std::size_t>(1, whole.size() / 257)) {
     bool ok = elf_object_complete(std::string_view(whole).substr(0, cut), cut, reason);
     if (ok && threshold == 0) threshold = cut;
-    if (threshold != 0) EXPECT_TRUE(ok) << cut;
+    if (threshold != 0) {
+      EXPECT_TRUE(ok) << cut;
+    }
   }
   EXPECT_GT(threshold, 64u);
   std::minstd_rand rng(7);

@@ -85,9 +85,11 @@ TEST(StorageValues, StorageTypeNames) {
   EXPECT_STREQ(storage_type_name(77), "Unknown");
 }
 
-// The guard's counter is process-wide: these cases run in this order and
-// the ones that leave it off balance (the kept asymmetry) come last.
+// The guard's counter is process-wide, and other suites leave it at -1 (a
+// machine asked for security twice refuses the second time, as COM does):
+// each case starts from a fresh process's 0.
 TEST(StorageComGuard, SecurityOnlyForTheFirstLiveGuard) {
+  com_guard::reset_for_tests();
   auto m = std::make_shared<fake::machine>();
   fake::com com(m);
   ASSERT_EQ(com_guard::live(), 0);
@@ -115,6 +117,7 @@ TEST(StorageComGuard, SecurityOnlyForTheFirstLiveGuard) {
 }
 
 TEST(StorageComGuard, SecurityAlreadyInitialisedIsLoggedAndTheEndStillUninitialises) {
+  com_guard::reset_for_tests();
   auto m = std::make_shared<fake::machine>();
   m->security = fake::rpc_e_too_late;
   fake::com com(m);

@@ -154,6 +154,24 @@ TEST(StorageDriveList, EachFailingStepIsLoggedAndGivesNoRows) {
   }
 }
 
+TEST(StorageDriveList, HostAlreadySetSecurityTheQueryStillHasCom) {
+  com_guard::reset_for_tests();  // a fresh process: this guard asks for security
+  auto m = std::make_shared<fake::machine>();
+  m->security_already_set = true;
+  m->logical_disks = {logical("C:", v::string("10"), v::string("5"), 3)};
+  testing::internal::CaptureStderr();
+  std::vector<drive_record> d = drives_of(m);
+  std::string err = testing::internal::GetCapturedStderr();
+  ASSERT_EQ(d.size(), 1u) << err;
+  EXPECT_EQ(d[0].caption, "C:");
+  EXPECT_NE(err.find("Failed to initialize security. Error code = 0x80010119"), std::string::npos) << err;
+  EXPECT_EQ(m->uninitialized_calls, 0);
+  EXPECT_EQ(m->initialize_calls, 2);
+  EXPECT_EQ(m->uninitialize_calls, 3);
+  EXPECT_EQ(m->unbalanced_uninitialize, 1);
+  EXPECT_EQ(com_guard::live(), -1);
+}
+
 TEST(StorageDriveList, ATimeLimitEndsTheWalkWithTheRowsReadSoFar) {
   auto m = std::make_shared<fake::machine>();
   for (int i = 0; i < 20; ++i) m->logical_disks.push_back(logical("C:", v::string("10"), v::string("5"), 3));
