@@ -207,7 +207,7 @@ export interface MtpCopyResult {
 // with InitCorvexSync.
 
 export interface InitCorvexOptions {
-  /** The folder holding the SDK's three libraries; "" loads them by bare name. */
+  /** The folder holding the SDK's three libraries: an absolute path (an empty or relative one is refused and logged). */
   corvexDir: string;
   /** The address of the host's network library instance. */
   znetPointer?: bigint;
@@ -560,7 +560,12 @@ export function GetDriveList(options?: StorageListOptions): Promise<DriveObject[
  * when script no longer references it.
  */
 export class CorvexMediaPlayer {
-  /** Creates the SDK player when the SDK is initialised; otherwise every command fails. */
+  /**
+   * Starts creating the SDK player (off the main thread) when the SDK is
+   * initialised; otherwise, or when the SDK gives none, every command fails.
+   * Until the creation ends, prepare/play wait for it and the synchronous
+   * commands act as without a player.
+   */
   constructor();
   /** The SDK's version text ("" without a function table). */
   readonly version: string;
@@ -587,19 +592,26 @@ export class CorvexMediaPlayer {
   setMute(muted: boolean): boolean;
   /** False without an SDK call outside 0..duration. */
   seekTo(positionMs: number): boolean;
+  /** One listener per event code; ignored once the player is disposed (or has no SDK player). */
   addEventListener(name: CorvexEventName | string, listener: (this: CorvexMediaPlayer, event: CorvexEvent) => void): void;
-  /** Destroys the SDK player and releases everything; true, also when called again. */
+  /** Destroys the SDK player (on a thread of its own) and releases everything, listeners included; true, also when called again. */
   dispose(): true;
 }
 
-/** Resolves a new player; rejects "CreateMediaPlayer failed: corvex not initialized" without an SDK. */
+/**
+ * Resolves a new player once the SDK has created its player (off the main
+ * thread), and also when the SDK gave none (logged "CreateUniqueMediaPlayer
+ * failed"; the player's commands then all fail); rejects "CreateMediaPlayer
+ * failed: corvex not initialized" without an SDK.
+ */
 export function CreateMediaPlayer(): Promise<CorvexMediaPlayer>;
 
 /**
  * The playing time of a file or URL in milliseconds. Throws "Wrong number of
  * arguments" for other than one argument; rejects "ReadMediaDuration failed:
  * Corvex not inited" without an SDK and "ReadMediaDurationAsync failed" when
- * the SDK cannot prepare it within 10 s.
+ * the SDK cannot prepare it within 10 s (the bound holds whatever the SDK
+ * does: a stuck SDK call is left on a thread of its own).
  */
 export function ReadMediaDuration(path: string): Promise<number>;
 

@@ -2,7 +2,9 @@
 // script side of the SDK loader, the duration probe and the texture check.
 #include <napi.h>
 
+#include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -15,6 +17,7 @@
 #include "runtime/environment.h"
 #include "runtime/log.h"
 #include "runtime/napi_util.h"
+#include "runtime/runtime.h"
 #include "runtime/spawn.h"
 #include "sdk_loader.h"
 #include "texture_check.h"
@@ -76,34 +79,100 @@ Napi::Value init_corvex_sync(const Napi::CallbackInfo& info) {
 struct probe_result {
   bool ok = false;
   double duration = 0;
+  std::string failure;  // the statistic's "bl1" when not ok
 };
 
-task<void> read_duration_task(std::shared_ptr<player_holder> holder, std::shared_ptr<promise> p, std::string path,
-                              std::shared_ptr<scheduler> sched, std::shared_ptr<session_registry::ticket> ticket) {
-  auto start = std::chrono::steady_clock::now();
-  auto job = on_own_thread([holder = std::move(holder), path, start]() mutable -> probe_result {
-    probe_result r;
-    std::string failure;
-    prepare_outcome outcome = holder->prepare(path, {}, duration_probe_wait);
+// One probe, shared by the task's waiting thread, the thread that talks to
+// the SDK and the environment's stop action.
+struct probe_state {
+  std::mutex mutex;
+  std::condition_variable cv;
+  bool done = false;       // `result` is final; the SDK thread's later answer is ignored
+  bool cancelled = false;  // the environment is ending
+  probe_result result;
+  std::shared_ptr<player_mailbox> mailbox;
+
+  void cancel() {
+    std::lock_guard lock(mutex);
+    cancelled = true;
+    if (mailbox) mailbox->release();
+    cv.notify_all();
+  }
+};
+
+// On a thread of its own: creates the probe's SDK player, prepares `path`
+// and reads its duration, within `deadline`. The SDK may block in any of
+// these calls (a file on a share that stopped answering); nobody waits for
+// this thread beyond the deadline, and it may be abandoned there.
+void probe_sdk(const std::shared_ptr<probe_state>& st, const std::string& path,
+               std::chrono::steady_clock::time_point deadline) {
+  probe_result r;
+  std::shared_ptr<player_holder> holder = player_holder::create(false);
+  if (!holder) {
+    r.failure = "CreateUniqueMediaPlayer failed";
+  } else {
+    {
+      std::lock_guard lock(st->mutex);
+      st->mailbox = holder->mailbox();
+      if (st->cancelled) st->mailbox->release();
+    }
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    prepare_outcome outcome = holder->prepare(path, {}, std::max(left, std::chrono::milliseconds(0)));
     if (outcome == prepare_outcome::prepared) {
       std::int64_t d = holder->ops().duration(holder->player());
       if (d >= 0) {
         r.ok = true;
         r.duration = static_cast<double>(d);
       } else {
-        failure = "duration failed";
+        r.failure = "duration failed";
       }
     } else {
-      failure = outcome == prepare_outcome::timed_out  ? "prepare timed out"
-                : outcome == prepare_outcome::released ? "prepare abandoned"
-                                                       : "prepare failed";
+      r.failure = outcome == prepare_outcome::timed_out  ? "prepare timed out"
+                  : outcome == prepare_outcome::released ? "prepare abandoned"
+                                                         : "prepare failed";
     }
-    holder.reset();  // destroys the probe's player here, off the main thread
+  }
+  {
+    std::lock_guard lock(st->mutex);
+    if (!st->done) {
+      st->done = true;
+      st->result = std::move(r);
+    }
+    st->cv.notify_all();
+  }
+  holder.reset();  // the SDK player is destroyed on a thread of its own
+}
+
+task<void> read_duration_task(std::shared_ptr<probe_state> st, std::shared_ptr<promise> p, std::string path,
+                              std::shared_ptr<scheduler> sched, std::shared_ptr<session_registry::ticket> ticket) {
+  auto start = std::chrono::steady_clock::now();
+  auto deadline = start + duration_probe_wait;
+  auto job = on_own_thread([st, path, start, deadline]() -> probe_result {
+    bool started = runtime::start_job_thread([st, path, deadline] { probe_sdk(st, path, deadline); });
+    probe_result r;
+    {
+      std::unique_lock lock(st->mutex);
+      if (!started) {
+        st->done = true;
+        st->result.failure = "runtime stopped";
+      }
+      // A little past the deadline, so that the SDK thread's own time-out
+      // (which ends the SDK's preparation) is the usual answer.
+      st->cv.wait_until(lock, deadline + std::chrono::milliseconds(250), [&] { return st->done || st->cancelled; });
+      if (!st->done) {
+        st->done = true;
+        st->result.failure = st->cancelled ? "prepare abandoned" : "prepare timed out";
+        // The SDK did not return in time: its thread is left to end (or
+        // not) on its own; the mailbox's release ends any wait it reaches.
+        if (st->mailbox) st->mailbox->release();
+      }
+      r = st->result;
+    }
     std::int64_t ms =
         std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - start).count() /
         1000000;
-    report_media_stat("ReadMediaDuration", ms, r.ok, r.ok ? "ReadMediaDuration" : failure, r.ok ? 0 : -1,
-                      {{"bl1", failure}});
+    report_media_stat("ReadMediaDuration", ms, r.ok, r.ok ? "ReadMediaDuration" : r.failure, r.ok ? 0 : -1,
+                      {{"bl1", r.failure}});
     return r;
   });
   probe_result r = co_await job;
@@ -131,19 +200,13 @@ Napi::Value read_media_duration(const Napi::CallbackInfo& info) {
   std::string path = utf8_argument(env, info[0], "ReadMediaDuration");
   auto p = std::make_shared<promise>(env);
   Napi::Value result = p->value();
-  std::shared_ptr<player_holder> holder = player_holder::create(false);
-  if (!holder) {
-    report_media_stat("ReadMediaDuration", 0, false, "CreateUniqueMediaPlayer failed", -1,
-                      {{"bl1", "CreateUniqueMediaPlayer failed"}});
-    p->reject("ReadMediaDurationAsync failed");
-    return result;
-  }
-  // The environment's clean-up ends the wait for the SDK's answer.
-  std::weak_ptr<player_mailbox> mailbox = holder->mailbox();
-  auto ticket = std::make_shared<session_registry::ticket>(session_registry::add(owner->sessions(), [mailbox] {
-    if (auto m = mailbox.lock()) m->release();
+  // The environment's clean-up ends the probe's wait at once.
+  auto st = std::make_shared<probe_state>();
+  std::weak_ptr<probe_state> weak = st;
+  auto ticket = std::make_shared<session_registry::ticket>(session_registry::add(owner->sessions(), [weak] {
+    if (auto s = weak.lock()) s->cancel();
   }));
-  start_async(read_duration_task(std::move(holder), p, std::move(path), owner->shared_scheduler(), ticket));
+  start_async(read_duration_task(std::move(st), p, std::move(path), owner->shared_scheduler(), ticket));
   return result;
 }
 

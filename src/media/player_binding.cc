@@ -21,9 +21,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <map>
+#include <mutex>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "corvex_names.h"
 #include "main/export_steps.h"
@@ -47,18 +50,45 @@ constexpr const char* demo_url = "https://commondatastorage.googleapis.com/gtv-v
 
 class CorvexMediaPlayer;
 
-// The native state of one script player. Main thread only, except
-// `mailbox` (set once) and the stop action.
+// The mailbox as the environment's stop action sees it: set on the main
+// thread once the SDK player exists, read by the stop action on any thread.
+struct mailbox_slot {
+  std::mutex mutex;
+  std::shared_ptr<player_mailbox> mailbox;
+  bool stopped = false;
+
+  void set(std::shared_ptr<player_mailbox> m) {
+    std::lock_guard lock(mutex);
+    mailbox = std::move(m);
+    if (stopped) mailbox->release();
+  }
+  void stop() {
+    std::lock_guard lock(mutex);
+    stopped = true;
+    if (mailbox) mailbox->release();
+  }
+};
+
+// The native state of one script player. Main thread only, except the
+// mailbox slot and the stop action.
 struct player_session {
   std::shared_ptr<scheduler> sched;
   std::shared_ptr<player_holder> holder;  // null once disposed
   std::shared_ptr<player_mailbox> mailbox;
+  std::shared_ptr<mailbox_slot> slot = std::make_shared<mailbox_slot>();
   session_registry::ticket ticket;
   CorvexMediaPlayer* owner = nullptr;
-  // The script object is pinned (a strong reference) until dispose: a
-  // player that script no longer references plays on and delivers its
-  // events, as the scheduler reference keeps the loop alive for it.
+  // The script object is pinned (a strong reference) from construction
+  // until dispose (or until the SDK gave no player): a player that script
+  // no longer references plays on and delivers its events, as the
+  // scheduler reference keeps the loop alive for it.
   bool pinned = false;
+  // The SDK player is being created on a job thread; commands that return
+  // a promise wait for it (run from `after_creation`), the others act as
+  // without a player.
+  bool creating = false;
+  bool closed = false;  // disposed (or the environment ended)
+  std::vector<std::function<void()>> after_creation;
 
   bool muted = false;
   double volume = 1.0;
@@ -88,6 +118,17 @@ class CorvexMediaPlayer : public Napi::ObjectWrap<CorvexMediaPlayer> {
   bool has_player() const noexcept { return session_ && session_->holder != nullptr; }
   // Main thread: calls the listener registered for `n.what`, if any.
   void deliver(const notification& n);
+  // Main thread: the outcome of the SDK player's creation (null: none).
+  void attach(std::shared_ptr<player_holder> holder);
+  // Main thread: runs `fn` once the SDK player's creation has ended (at
+  // once when it is not under way).
+  void when_created(std::function<void()> fn) {
+    if (session_->creating) {
+      session_->after_creation.push_back(std::move(fn));
+    } else {
+      fn();
+    }
+  }
 
  private:
   Napi::Value version(const Napi::CallbackInfo& info);
@@ -113,6 +154,10 @@ class CorvexMediaPlayer : public Napi::ObjectWrap<CorvexMediaPlayer> {
   Napi::Value dispose(const Napi::CallbackInfo& info);
 
   Napi::Value start_play(Napi::Env env, bool with_source, const std::string& url, string_pairs headers);
+  // Starts a prepare/play task for `p`, or queues it until the SDK player
+  // exists; "not init" without one.
+  void start_command(std::shared_ptr<promise> p, bool do_prepare, bool do_start, std::string url, string_pairs headers);
+  void drop_listeners() noexcept;
   bool apply_volume();
   std::int64_t sdk_duration() const;
 
@@ -121,8 +166,10 @@ class CorvexMediaPlayer : public Napi::ObjectWrap<CorvexMediaPlayer> {
 };
 
 void player_session::close() {
+  closed = true;
+  slot->stop();
   if (mailbox) mailbox->release();
-  holder.reset();
+  holder.reset();  // the SDK's destroy runs on a thread of its own
   ticket.reset();
   if (pinned) {
     pinned = false;
@@ -133,20 +180,52 @@ void player_session::close() {
 // The payload handed to a listener: { what, name, extra1, extra2 }, plus
 // "infoName" for an info event (200) and "info" (the map, in the SDK's
 // order) when the event carries one.
+//
+// The properties are defined as own data properties, not assigned: an
+// accessor that script put on Object.prototype under the same name (a key
+// of the SDK's map may be any text, "__proto__" included) is neither called
+// nor able to swallow the value.
+void define_value(Napi::Env env, Napi::Object o, const std::string& key, napi_value value) {
+  napi_value name;
+  napi_check(env, napi_create_string_utf8(env, key.data(), key.size(), &name));
+  napi_property_descriptor d{};
+  d.name = name;
+  d.value = value;
+  d.attributes = static_cast<napi_property_attributes>(napi_writable | napi_enumerable | napi_configurable);
+  napi_check(env, napi_define_properties(env, o, 1, &d));
+}
+
 Napi::Object payload(Napi::Env env, const notification& n) {
   Napi::Object o = Napi::Object::New(env);
-  o.Set("what", Napi::Number::New(env, n.what));
-  o.Set("name", event_name(n.what));
-  o.Set("extra1", Napi::Number::New(env, n.extra1));
-  o.Set("extra2", Napi::Number::New(env, n.extra2));
-  if (n.what == 200) o.Set("infoName", info_name(n.extra1));
+  define_value(env, o, "what", Napi::Number::New(env, n.what));
+  define_value(env, o, "name", Napi::String::New(env, event_name(n.what)));
+  define_value(env, o, "extra1", Napi::Number::New(env, n.extra1));
+  define_value(env, o, "extra2", Napi::Number::New(env, n.extra2));
+  if (n.what == 200) define_value(env, o, "infoName", Napi::String::New(env, info_name(n.extra1)));
   if (n.has_info) {
     Napi::Object map = Napi::Object::New(env);
-    for (const auto& [k, v] : n.info) map.Set(k, v);
-    o.Set("info", map);
+    for (const auto& [k, v] : n.info) define_value(env, map, k, Napi::String::New(env, v));
+    define_value(env, o, "info", map);
   }
   return o;
 }
+
+// The pump's scheduler reference, given back as the pump ends however it
+// ends (a delivery that throws included). Only the main thread can give it
+// back; off it the pump ends because the scheduler stopped, which dropped
+// every reference already.
+class scheduler_reference {
+ public:
+  explicit scheduler_reference(std::shared_ptr<scheduler> s) noexcept : sched_(std::move(s)) {}
+  scheduler_reference(const scheduler_reference&) = delete;
+  scheduler_reference& operator=(const scheduler_reference&) = delete;
+  ~scheduler_reference() {
+    if (sched_->is_main_thread() && !sched_->is_stopped()) sched_->release();
+  }
+
+ private:
+  std::shared_ptr<scheduler> sched_;
+};
 
 // The pump: one per player, for the player's whole life. It holds the
 // mailbox and only a weak link to the session, so that wherever it ends it
@@ -156,6 +235,7 @@ Napi::Object payload(Napi::Env env, const notification& n) {
 // be dropped with the queue and never freed.
 task<void> pump(std::shared_ptr<player_mailbox> mailbox, std::weak_ptr<player_session> weak,
                 std::shared_ptr<scheduler> sched) {
+  scheduler_reference reference(sched);
   // At most this many notifications, for at most this long, per turn on
   // the main thread: between turns the pump queues behind other work, so a
   // storm of events or a slow listener cannot hold the event loop.
@@ -199,13 +279,18 @@ task<void> pump(std::shared_ptr<player_mailbox> mailbox, std::weak_ptr<player_se
         }
         ++delivered;
         Napi::HandleScope scope(Napi::Env(sched->env()));
-        s->owner->deliver(one.front());
+        try {
+          s->owner->deliver(one.front());
+        } catch (const Napi::Error& e) {
+          // The payload could not be made (the heap is exhausted): this one
+          // notification is lost, the pump goes on.
+          log::err("CorvexMediaPlayer could not deliver a notification: " + safe_message(e));
+        }
       }
       if (drained) break;
       co_await sched->schedule();  // the next turn, behind other work
     }
   }
-  sched->release();  // on the main thread
 }
 
 Napi::Function CorvexMediaPlayer::define(Napi::Env env) {
@@ -234,6 +319,24 @@ Napi::Function CorvexMediaPlayer::define(Napi::Env env) {
       });
 }
 
+// Creates the SDK player (entry 6 and the two options) on a job thread:
+// the SDK may take its time, and the event loop must not wait for it. Then,
+// on the main thread, hands it to the player (or disposes of it when the
+// player was disposed meanwhile), which runs what waited for it.
+task<void> create_task(std::weak_ptr<player_session> weak, std::shared_ptr<scheduler> sched) {
+  std::shared_ptr<player_holder> holder;
+  try {
+    auto job = on_own_thread([] { return player_holder::create(true); });
+    holder = co_await job;
+  } catch (...) {
+    log_task_failure();
+    holder.reset();
+  }
+  co_await sched->schedule();
+  std::shared_ptr<player_session> s = weak.lock();
+  if (s && s->owner) s->owner->attach(std::move(holder));
+}
+
 CorvexMediaPlayer::CorvexMediaPlayer(const Napi::CallbackInfo& info) : Napi::ObjectWrap<CorvexMediaPlayer>(info) {
   auto owner = environment::current();
   if (!owner) throw Napi::Error::New(info.Env(), "CorvexMediaPlayer must be created on the thread that loaded ostrel");
@@ -241,25 +344,51 @@ CorvexMediaPlayer::CorvexMediaPlayer(const Napi::CallbackInfo& info) : Napi::Obj
   session_->sched = owner->shared_scheduler();
   session_->owner = this;
   if (!sdk_inited()) return;
-  session_->holder = player_holder::create(true);
-  if (!session_->holder) return;
-  session_->mailbox = session_->holder->mailbox();
-  session_->sched->add_ref();  // given back by the pump as it ends
+  session_->creating = true;
   Ref();
   session_->pinned = true;
   std::weak_ptr<player_session> weak = session_;
-  std::shared_ptr<player_mailbox> mailbox = session_->mailbox;
+  std::shared_ptr<mailbox_slot> slot = session_->slot;
   std::shared_ptr<scheduler> sched = session_->sched;
   // The environment's clean-up disposes the player; off the main thread a
   // stop can only wake its waits.
-  session_->ticket = session_registry::add(owner->sessions(), [weak, mailbox, sched] {
+  session_->ticket = session_registry::add(owner->sessions(), [weak, slot, sched] {
     if (!sched->is_main_thread()) {
-      mailbox->release();
+      slot->stop();
       return;
     }
     if (auto s = weak.lock()) s->close();
   });
-  spawn(pump(mailbox, weak, sched), runtime::alive());
+  start_async(create_task(weak, sched));
+}
+
+void CorvexMediaPlayer::attach(std::shared_ptr<player_holder> holder) {
+  session_->creating = false;
+  std::vector<std::function<void()>> waiting;
+  waiting.swap(session_->after_creation);
+  const bool live = holder && !session_->closed;
+  if (live) {
+    session_->holder = std::move(holder);
+    session_->mailbox = session_->holder->mailbox();
+    session_->slot->set(session_->mailbox);
+    session_->sched->add_ref();  // given back by the pump as it ends
+    spawn(pump(session_->mailbox, session_, session_->sched), runtime::alive());
+  }
+  for (auto& run : waiting) run();
+  if (!live) {
+    holder.reset();  // disposed meanwhile: the SDK player goes at once
+    // Nothing will ever be delivered: the player is no longer pinned, and
+    // its listeners are let go.
+    session_->close();
+    drop_listeners();
+  }
+}
+
+void CorvexMediaPlayer::drop_listeners() noexcept {
+  // The references go with the map; a listener that refers to its player
+  // no longer makes a cycle through a persistent handle.
+  std::map<std::int32_t, Napi::FunctionReference> gone;
+  gone.swap(listeners_);
 }
 
 CorvexMediaPlayer::~CorvexMediaPlayer() {
@@ -268,6 +397,7 @@ CorvexMediaPlayer::~CorvexMediaPlayer() {
   // Finalizers run on the main thread.
   if (session_) {
     session_->owner = nullptr;
+    session_->after_creation.clear();
     session_->close();
   }
 }
@@ -398,28 +528,43 @@ Napi::Value rejected(Napi::Env env, const char* message) {
   return v;
 }
 
+void CorvexMediaPlayer::start_command(std::shared_ptr<promise> p, bool do_prepare, bool do_start, std::string url,
+                                      string_pairs headers) {
+  if (session_->creating) {
+    // Runs once the SDK player exists (or turned out not to).
+    when_created([this, p, do_prepare, do_start, url = std::move(url), headers = std::move(headers)]() mutable {
+      start_command(std::move(p), do_prepare, do_start, std::move(url), std::move(headers));
+    });
+    return;
+  }
+  if (!has_player()) {
+    p->reject("not init");
+    return;
+  }
+  start_async(play_task(session_, session_->sched, session_->holder, std::move(p), do_prepare, do_start, std::move(url),
+                        std::move(headers), session_->generation));
+}
+
 Napi::Value CorvexMediaPlayer::prepare(const Napi::CallbackInfo& info) {
   Napi::Env env = info.Env();
   std::string url;
   if (info.Length() == 0 || !read_url(info[0], url)) return rejected(env, "invalid arguments");
-  if (!has_player()) return rejected(env, "not init");
+  if (!has_player() && !session_->creating) return rejected(env, "not init");
   string_pairs headers = read_headers(env, info[1]);
   if (has_nul(headers)) return rejected(env, "invalid arguments");
   auto p = std::make_shared<promise>(env);
   Napi::Value v = p->value();
-  start_async(play_task(session_, session_->sched, session_->holder, p, true, false, std::move(url), std::move(headers),
-                        session_->generation));
+  start_command(p, true, false, std::move(url), std::move(headers));
   return v;
 }
 
 Napi::Value CorvexMediaPlayer::start_play(Napi::Env env, bool with_source, const std::string& url,
                                           string_pairs headers) {
-  if (!has_player()) return rejected(env, "not init");
+  if (!has_player() && !session_->creating) return rejected(env, "not init");
   if (!with_source && !session_->prepared) return rejected(env, "not init");
   auto p = std::make_shared<promise>(env);
   Napi::Value v = p->value();
-  start_async(play_task(session_, session_->sched, session_->holder, p, with_source, true, url, std::move(headers),
-                        session_->generation));
+  start_command(p, with_source, true, url, std::move(headers));
   return v;
 }
 
@@ -512,12 +657,17 @@ Napi::Value CorvexMediaPlayer::add_event_listener(const Napi::CallbackInfo& info
   Napi::Env env = info.Env();
   check_arg_types(info, {napi_string, napi_function});
   std::int32_t code = listener_code(info[0].As<Napi::String>().Utf8Value());
+  // A player that can no longer deliver (disposed, or the SDK gave none)
+  // keeps no listener: a strong reference to a function that refers to the
+  // player would keep both alive for good.
+  if (!session_->pinned) return env.Undefined();
   listeners_[code] = Napi::Persistent(info[1].As<Napi::Function>());
   return env.Undefined();
 }
 
 Napi::Value CorvexMediaPlayer::dispose(const Napi::CallbackInfo& info) {
   session_->close();
+  drop_listeners();
   return Napi::Boolean::New(info.Env(), true);
 }
 
@@ -528,12 +678,13 @@ Napi::Value create_media_player(const Napi::CallbackInfo& info) {
   auto owner = environment::current();
   if (!owner) throw Napi::Error::New(env, "CreateMediaPlayer must be called on the thread that loaded ostrel");
   Napi::Object instance = owner->data<media_env_state>().constructor.New({});
-  if (!CorvexMediaPlayer::Unwrap(instance)->has_player()) {
-    return rejected(env, "CreateMediaPlayer failed: CreateUniqueMediaPlayer failed");
-  }
-  promise p(env);
-  Napi::Value v = p.value();
-  p.resolve(instance);
+  CorvexMediaPlayer* player = CorvexMediaPlayer::Unwrap(instance);
+  auto p = std::make_shared<promise>(env);
+  Napi::Value v = p->value();
+  // Resolved with the player once its SDK player exists, and also when the
+  // SDK gave none (CreateUniqueMediaPlayer failed, logged): a player whose
+  // commands all fail.
+  player->when_created([player, p] { p->resolve(player->Value()); });
   return v;
 }
 

@@ -8,6 +8,7 @@
 #include "corvex_names.h"
 #include "media_stats.h"
 #include "runtime/log.h"
+#include "runtime/runtime.h"
 #include "sdk_loader.h"
 #include "telemetry/telemetry.h"
 
@@ -229,9 +230,20 @@ std::shared_ptr<player_holder> player_holder::create(bool queue_events) {
 
 player_holder::~player_holder() {
   mailbox_->release();
-  // The SDK may call the listener until this returns; the mailbox lives on
-  // with us until then.
-  sdk_destroy_player(player_);
+  // The SDK's destroy may block (a source on a share that stopped
+  // answering): it runs on a thread of its own, which nothing waits for and
+  // which may be abandoned. The SDK may call the listener until the destroy
+  // returns; the thread keeps the mailbox alive until then.
+  corvex_player* player = player_;
+  std::shared_ptr<player_mailbox> mailbox = mailbox_;
+  auto destroy = [player, mailbox]() noexcept { sdk_destroy_player(player); };
+  bool started = false;
+  try {
+    started = runtime::start_job_thread(destroy);
+  } catch (...) {
+    started = false;
+  }
+  if (!started) destroy();  // the runtime is gone: on this thread, then
 }
 
 prepare_outcome player_holder::prepare(const std::string& url, const string_pairs& headers,

@@ -39,6 +39,17 @@ std::int64_t elapsed_ms(std::chrono::steady_clock::time_point start) {
 // LoadCorvexSdk under the state's lock.
 int load_locked(sdk_state& s, const std::string& dir) {
   if (s.handle) return 0;
+  if (!is_absolute_folder(dir)) {
+    // An empty or relative folder would load from the current directory
+    // (or the system's search), where anyone may have planted a library:
+    // refused, as a load failure of the first library.
+    log::err("Refusing to load the media SDK from \"" + dir +
+             "\": the folder must be an absolute path (an empty or relative one would load from the current "
+             "directory)");
+    std::string path = join_library_path(dir, platform::library_names[0], platform::path_separator);
+    s.last_load_error = "open " + path + " error:" + platform::refuse_folder();
+    return -1;
+  }
   std::vector<platform::library> loaded;
   bool all = true;
   for (const char* name : platform::library_names) {

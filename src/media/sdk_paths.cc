@@ -11,6 +11,20 @@ std::string join_library_path(std::string_view dir, std::string_view name, char 
   return out;
 }
 
+bool is_absolute_folder(std::string_view dir) {
+#ifdef _WIN32
+  auto sep = [](char c) { return c == '\\' || c == '/'; };
+  auto letter = [](char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); };
+  // "C:\x" (a drive and its root), or "\\server\share" and "\\?\C:\x" (two
+  // separators and a name: UNC and device paths). "C:x", "\x" and "x" are
+  // relative to a current directory.
+  if (dir.size() >= 3 && letter(dir[0]) && dir[1] == ':' && sep(dir[2])) return true;
+  return dir.size() >= 3 && sep(dir[0]) && sep(dir[1]) && !sep(dir[2]);
+#else
+  return !dir.empty() && dir.front() == '/';
+#endif
+}
+
 fs::path ancestor(const fs::path& p, int n) {
   fs::path out = p;
   for (int i = 0; i < n; ++i) out = out.parent_path();

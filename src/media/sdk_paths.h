@@ -15,6 +15,11 @@ namespace ostrel::media {
 // `name`; just `name` when `dir` is empty (the system's library search).
 std::string join_library_path(std::string_view dir, std::string_view name, char separator);
 
+// True when `dir` (UTF-8) is an absolute path: a drive and its root
+// or a UNC or device path on Windows ("C:\x", "\\server\share"), a leading "/" on Linux.
+// Empty and relative folders ("x", "C:x", "\x" on Windows) are not.
+bool is_absolute_folder(std::string_view dir);
+
 // `p` with its last `n` components removed (the parent of the root is the
 // root itself).
 std::filesystem::path ancestor(const std::filesystem::path& p, int n);

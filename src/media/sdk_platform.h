@@ -21,7 +21,17 @@ extern const char path_separator;
 // Loads a library from its UTF-8 path (a bare name uses the system's
 // search). Null on failure, with `error` set to the reason: the decimal
 // Win32 error on Windows, dlerror()'s text on Linux.
+// Only absolute paths are given (see `refuse_folder`). Windows: the
+// library's own dependencies resolve from its folder and the system
+// folders only (LoadLibraryExW with LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR |
+// LOAD_LIBRARY_SEARCH_DEFAULT_DIRS), never from the current directory or
+// PATH. Linux: the file must first be a complete ELF object for this
+// machine (a truncated one would crash the process inside dlopen).
 library open_library(const std::string& utf8_path, std::string& error);
+// The error text of a folder refused because it is not absolute (and the
+// thread's last system error set to match): "87" (ERROR_INVALID_PARAMETER)
+// on Windows, a sentence on Linux.
+std::string refuse_folder();
 void close_library(library lib) noexcept;
 void* find_symbol(library lib, const char* name) noexcept;
 

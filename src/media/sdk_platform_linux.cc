@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "elf_check.h"
 #include "sdk_platform.h"
 
 namespace ostrel::media::platform {
@@ -11,12 +12,20 @@ const std::array<const char*, 3> library_names = {"libcorvexffmpeg.so", "libplac
 const char path_separator = '/';
 
 library open_library(const std::string& utf8_path, std::string& error) {
+  // dlopen maps a file cut short and faults (SIGBUS) on the missing pages:
+  // the file must be whole first.
+  if (!check_elf_object(utf8_path, error)) return nullptr;
   void* h = dlopen(utf8_path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (!h) {
     const char* e = dlerror();
     error = e ? e : "unknown dlopen error";
   }
   return h;
+}
+
+std::string refuse_folder() {
+  errno = EINVAL;
+  return "the folder is not an absolute path";
 }
 
 void close_library(library lib) noexcept {

@@ -55,13 +55,22 @@ library open_library(const std::string& utf8_path, std::string& error) {
     wide.resize(static_cast<size_t>(n));
     n = MultiByteToWideChar(CP_UTF8, 0, utf8_path.c_str(), -1, wide.data(), n);
   }
+  // Dependencies from the library's own folder and the system folders
+  // only: the standard search order would also take them from the current
+  // directory and PATH, where anyone may have planted a copy.
+  constexpr DWORD flags = LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_DEFAULT_DIRS;
   if (n > 1) {
-    h = LoadLibraryW(wide.c_str());
+    h = LoadLibraryExW(wide.c_str(), nullptr, flags);
   } else {
-    h = LoadLibraryA(utf8_path.c_str());
+    h = LoadLibraryExA(utf8_path.c_str(), nullptr, flags);
   }
   if (!h) error = std::to_string(GetLastError());
   return reinterpret_cast<library>(h);
+}
+
+std::string refuse_folder() {
+  SetLastError(ERROR_INVALID_PARAMETER);
+  return std::to_string(ERROR_INVALID_PARAMETER);
 }
 
 void close_library(library lib) noexcept {

@@ -17,7 +17,8 @@ bool test_external_texture_support() {
   mask = VerSetConditionMask(mask, VER_BUILDNUMBER, VER_GREATER_EQUAL);
   if (VerifyVersionInfoW(&version, VER_MAJORVERSION | VER_MINORVERSION | VER_BUILDNUMBER, mask)) return true;
 
-  HMODULE d3d = LoadLibraryA("d3d11.dll");
+  // From the system folder only, never from the current directory or PATH.
+  HMODULE d3d = LoadLibraryExW(L"d3d11.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
   if (!d3d) return false;
   bool supported = false;
   auto create =

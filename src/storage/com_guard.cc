@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "runtime/log.h"
+#include "wmi_query.h"
 
 namespace ostrel::storage {
 
@@ -18,7 +19,7 @@ com_guard::com_guard(com_api& api) : api_(api) {
   if (g_live_guards.fetch_add(1) == 0) {
     hresult hr = api_.initialize_security();
     if (failed(hr)) {
-      log::err_hresult("Failed to initialize security. Error code = ", static_cast<std::uint32_t>(hr));
+      log::err("Failed to initialize security. Error code = 0x" + hex_code(hr));
       api_.uninitialize();
       g_live_guards.store(0);
     }
@@ -30,8 +31,22 @@ com_guard::~com_guard() {
   api_.uninitialize();
 }
 
+com_apartment::com_apartment(com_api& api) : api_(api) {
+  hresult hr = api_.initialize();
+  initialized_ = !failed(hr);
+  if (!initialized_) log::err("Failed to initialize COM for the query. Error code = 0x" + hex_code(hr));
+}
+
+com_apartment::~com_apartment() {
+  if (initialized_) api_.uninitialize();
+}
+
 std::int32_t com_guard::live() noexcept {
   return g_live_guards.load();
+}
+
+void com_guard::reset_for_tests() noexcept {
+  g_live_guards.store(0);
 }
 
 }  // namespace ostrel::storage

@@ -19,6 +19,7 @@ drive_record read_drive(wmi_object& object) {
 
 void query_drive_list(com_api& com, const query_limits& limits, collector<drive_record>& out) {
   com_guard guard(com);
+  com_apartment apartment(com);
   run_wmi_query(com, drive_query, limits, [&](wmi_object& object) { out.add(read_drive(object)); });
 }
 

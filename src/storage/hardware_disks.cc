@@ -102,6 +102,7 @@ bool report_big_disk_list(std::size_t count) {
 
 void query_hardware_disks(com_api& com, volume_api& volumes, const query_limits& limits, collector<disk_record>& out) {
   com_guard guard(com);
+  com_apartment apartment(com);
   std::size_t built = 0;
   try {
     std::vector<logical_disk> logical;
@@ -157,7 +158,8 @@ void query_hardware_disks(com_api& com, volume_api& volumes, const query_limits&
       ++built;
     }
   } catch (const std::exception& e) {
-    log::err("GetHardwareDiskAsync error size exception: size=" + std::to_string(built) + " (" + e.what() + ")");
+    log::err(std::string("GetHardwareDiskAsync: ") + e.what());
+    log::err("GetHardwareDiskAsync error size exception: size=" + std::to_string(built));
     return;
   }
   report_big_disk_list(built);

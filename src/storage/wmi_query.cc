@@ -1,10 +1,17 @@
 #include "wmi_query.h"
 
+#include <cstdio>
 #include <memory>
 
 #include "runtime/log.h"
 
 namespace ostrel::storage {
+
+std::string hex_code(hresult hr) {
+  char buf[16];
+  std::snprintf(buf, sizeof buf, "%08X", static_cast<unsigned>(hr));
+  return buf;
+}
 
 std::uint32_t query_limits::wait_ms() const {
   if (!deadline) return wait_infinite;
@@ -25,16 +32,16 @@ query_outcome run_wmi_query(com_api& com, const std::string& wql, const query_li
   }
   std::unique_ptr<wmi_services> services;
   if (hresult hr = locator->connect_server("ROOT\\CIMV2", services); failed(hr) || !services) {
-    log::err_hresult("ConnectServer() failure: ", static_cast<std::uint32_t>(hr));
+    log::err("ConnectServer() failure:" + hex_code(hr));
     return query_outcome::failed;
   }
   if (hresult hr = services->set_proxy_blanket(); failed(hr)) {
-    log::err_hresult("Could not set proxy blanket. Error code = ", static_cast<std::uint32_t>(hr));
+    log::err("Could not set proxy blanket. Error code = 0x" + hex_code(hr));
     return query_outcome::failed;
   }
   std::unique_ptr<wmi_enumerator> rows;
   if (hresult hr = services->exec_query(wql, rows); failed(hr) || !rows) {
-    log::err_hresult("ExecQuery() failure: ", static_cast<std::uint32_t>(hr));
+    log::err("ExecQuery() failure:" + hex_code(hr));
     return query_outcome::failed;
   }
   for (;;) {

@@ -28,6 +28,11 @@ struct query_limits {
 
 enum class query_outcome { done, failed, stopped };
 
+// A COM result in hexadecimal digits, as the failure lines write it after
+// their text: "ConnectServer() failure:8004100E",
+// "Could not set proxy blanket. Error code = 0x80070005".
+std::string hex_code(hresult hr);
+
 // Runs `wql` and calls `on_object` for each object in order (the caller
 // holds a COM guard). `failed` after a logged failure of a connection step
 // or the query; `stopped` when the limits ended the walk early (logged).

@@ -66,6 +66,7 @@ std::shared_ptr<fake::machine> to_machine(Napi::Object d) {
   auto m = std::make_shared<fake::machine>();
   m->initialize = to_hresult(d.Get("initialize"));
   m->security = to_hresult(d.Get("security"));
+  m->security_already_set = d.Get("securityAlreadySet").ToBoolean();
   m->create_locator = to_hresult(d.Get("createLocator"));
   m->connect = to_hresult(d.Get("connect"));
   m->proxy_blanket = to_hresult(d.Get("proxyBlanket"));
@@ -163,6 +164,8 @@ Napi::Value storage_counts(const Napi::CallbackInfo& info) {
   o.Set("initialize", m->initialize_calls.load());
   o.Set("security", m->security_calls.load());
   o.Set("uninitialize", m->uninitialize_calls.load());
+  o.Set("unbalancedUninitialize", m->unbalanced_uninitialize.load());
+  o.Set("uninitializedCalls", m->uninitialized_calls.load());
   o.Set("queries", m->queries.load());
   o.Set("liveObjects", m->live_objects.load());
   return o;

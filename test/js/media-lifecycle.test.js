@@ -93,7 +93,7 @@ test('a notification the SDK sends late after a stop is delivered; after dispose
 test('an undisposed player keeps the process alive; disposing it lets the process end', () => {
   const held = run(`
     m.CreateMediaPlayer().then((p) => { globalThis.p = p; console.log('CREATED'); });
-  `, { timeout: 4000 });
+  `, { timeout: 10000 });
   assert.match(held.stdout, /^CREATED$/m);
   assert.notEqual(held.signal, null, 'the process should still have been running');
 
@@ -236,4 +236,148 @@ test('1,000 create/play/dispose cycles: no crash and flat memory', () => {
   if (!/asan|tsan/.test(process.env.OSTREL_TEST_PRESET || '')) {
     assert.ok(end - base < 16 * 1024 * 1024, `rss grew from ${base} to ${end}`);
   }
+});
+
+test('creating the SDK player takes 2 s off the event loop: a 10 ms timer keeps firing', () => {
+  const r = run(`
+    let ticks = 0;
+    let last = Date.now();
+    let worst = 0;
+    const timer = setInterval(() => { const now = Date.now(); worst = Math.max(worst, now - last); last = now; ticks++; }, 10);
+    (async () => {
+      const start = Date.now();
+      const p = await m.CreateMediaPlayer();
+      const took = Date.now() - start;
+      clearInterval(timer);
+      await p.play('sim://media?duration=50');
+      console.log('RESULT ' + JSON.stringify({ took, ticks, worst, version: p.version }));
+      p.dispose();
+    })();
+  `, { env: { CORVEXSIM_CREATE_MS: '2000' }, timeout: 30000 });
+  assert.equal(r.status, 0, r.stdout + r.stderr);
+  const res = JSON.parse(lines(r, 'RESULT ')[0].slice(7));
+  assert.ok(res.took >= 1900, JSON.stringify(res));
+  // The loop went on while the SDK created its player (a blocked loop shows
+  // one gap of 2 s and a handful of ticks).
+  assert.ok(res.worst < 1000, JSON.stringify(res));
+  assert.ok(res.ticks >= 40, JSON.stringify(res));
+});
+
+test('a creation the SDK refuses resolves with a player whose commands fail, and holds nothing', () => {
+  const r = run(`
+    (async () => {
+      const p = await m.CreateMediaPlayer();
+      const q = new m.CorvexMediaPlayer();
+      const got = [p instanceof m.CorvexMediaPlayer, await p.play('sim://media').catch((e) => e.message),
+        await q.prepare('sim://media').catch((e) => e.message), p.pause(), p.seekTo(0), p.dispose()];
+      console.log('RESULT ' + JSON.stringify(got));
+    })();
+  `, { env: { CORVEXSIM_CREATE: 'fail' }, timeout: 20000 });
+  // The process ends by itself: neither player holds the event loop.
+  assert.equal(r.status, 0, r.stdout + r.stderr);
+  assert.deepEqual(JSON.parse(lines(r, 'RESULT ')[0].slice(7)), [true, 'not init', 'not init', false, false, true]);
+  assert.equal(r.stderr.match(/^CreateUniqueMediaPlayer failed$/gm).length, 2, r.stderr);
+});
+
+test('100 disposed players whose listeners refer to them are all collected', () => {
+  const r = run(`
+    const v8 = require('v8');
+    v8.setFlagsFromString('--expose-gc');
+    const gc = require('vm').runInNewContext('gc');
+    let collected = 0;
+    const registry = new FinalizationRegistry(() => { collected++; });
+    (async () => {
+      for (let i = 0; i < 100; i++) {
+        const p = await m.CreateMediaPlayer();
+        p.addEventListener('started', () => p.pause());
+        p.addEventListener('info', function () { return this === p; });
+        registry.register(p, i);
+        if (i % 2) await p.play('sim://media?duration=20');
+        p.dispose();
+        // A listener added after dispose is not kept either.
+        p.addEventListener('paused', () => p.play());
+      }
+      for (let round = 0; round < 50 && collected < 100; round++) { gc(); await sleep(20); }
+      console.log('COLLECTED ' + collected);
+    })();
+  `, { timeout: 60000 });
+  assert.equal(r.status, 0, r.stderr);
+  assert.match(r.stdout, /^COLLECTED 100$/m);
+});
+
+test('a getter or setter on Object.prototype under an info key neither breaks delivery nor holds the process', () => {
+  const r = run(`
+    for (const key of ['Referer', 'what', 'info']) {
+      Object.defineProperty(Object.prototype, key, {
+        get() { throw new Error('getter ' + key); }, set(v) { throw new Error('setter ' + key); }, configurable: true });
+    }
+    (async () => {
+      const p = await m.CreateMediaPlayer();
+      const seen = [];
+      p.addEventListener('prepared', (e) => seen.push([e.what, Object.keys(e.info), e.info.Referer]));
+      await p.prepare('sim://media', { headers: { Referer: 'r', __proto__x: 'y' } });
+      await sleep(100);
+      console.log('SEEN ' + JSON.stringify(seen));
+      p.dispose();
+    })();
+  `, { timeout: 20000 });
+  // The process ends by itself once the player is disposed.
+  assert.equal(r.status, 0, r.stdout + r.stderr);
+  assert.deepEqual(JSON.parse(lines(r, 'SEEN ')[0].slice(5)), [[1, ['Referer', '__proto__x'], 'r']]);
+});
+
+// A source on which the SDK's preparation never ends: natively a FIFO with
+// no writer (the simulator's decoder blocks opening it, holding the
+// player's lock, as a file on a share that stopped answering would); under
+// Wine a WAV file whose chunk size sends the decoder back to the same chunk
+// for good.
+function stuckSource(dir) {
+  const fs = require('fs');
+  const path = require('path');
+  if (process.platform === 'win32' || require('./helpers').isWindows) {
+    const file = path.join(dir, 'looping.wav');
+    const h = Buffer.alloc(28);
+    h.write('RIFF', 0);
+    h.writeUInt32LE(20, 4);
+    h.write('WAVE', 8);
+    h.write('LIST', 12);
+    h.writeUInt32LE(0xfffffff8, 16); // seeks back 8 bytes: this chunk again
+    fs.writeFileSync(file, h);
+    return file;
+  }
+  const file = path.join(dir, 'nobody-writes');
+  require('child_process').execFileSync('mkfifo', [file]);
+  return file;
+}
+
+test('ReadMediaDuration settles within its bound whatever the SDK does; prepare then dispose settles', () => {
+  const dir = require('fs').mkdtempSync(require('path').join(require('os').tmpdir(), 'ostrel-media-stuck-'));
+  const source = stuckSource(dir);
+  const r = run(`
+    (async () => {
+      const start = Date.now();
+      const probes = [m.ReadMediaDuration(${JSON.stringify(source)}), m.ReadMediaDuration(${JSON.stringify(source)})];
+      // Meanwhile the rest of the module goes on: a player plays.
+      const p = await m.CreateMediaPlayer();
+      await p.play('sim://media?duration=30');
+      const played = Date.now() - start;
+      const outcomes = await Promise.all(probes.map((x) => x.then((d) => 'resolved ' + d, (e) => e.message)));
+      const took = Date.now() - start;
+      p.dispose();
+      const q = await m.CreateMediaPlayer();
+      const prepared = q.prepare(${JSON.stringify(source)}).then(() => 'resolved', (e) => e.message);
+      await sleep(300);
+      const disposedAt = Date.now();
+      q.dispose();
+      const settled = await prepared;
+      console.log('RESULT ' + JSON.stringify({ outcomes, took, played, settled, afterDispose: Date.now() - disposedAt }));
+    })();
+  `, { timeout: 60000 });
+  assert.equal(r.status, 0, r.stdout + r.stderr);
+  const res = JSON.parse(lines(r, 'RESULT ')[0].slice(7));
+  assert.deepEqual(res.outcomes, ['ReadMediaDurationAsync failed', 'ReadMediaDurationAsync failed']);
+  assert.ok(res.took >= 9500 && res.took < 11000, JSON.stringify(res));
+  assert.ok(res.played < 5000, JSON.stringify(res));
+  assert.equal(res.settled, 'prepare failed');
+  assert.ok(res.afterDispose < 1000, JSON.stringify(res));
 });

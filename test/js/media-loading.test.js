@@ -217,7 +217,9 @@ test('a player library without the entry point fails once, then counts as loaded
   assert.equal(v2[1].w_succ, 1);
   assert.ok(r.stdout.includes('End Init Corvex from anywhere-at-all 1 0'), r.stdout);
   assert.deepEqual(r.stats('CorvexbindZNetPointer').map((b) => b.c4), ['0', '-1']);
-  assert.equal(r.outs.create, 'CreateMediaPlayer failed: CreateUniqueMediaPlayer failed');
+  // The SDK gave no player: CreateMediaPlayer still resolves, with a
+  // player whose commands all fail.
+  assert.equal(r.outs.created, null);
   assert.match(r.stderr, /^CreateUniqueMediaPlayer failed$/m);
   assert.ok(r.stats('CreateUniqueMediaPlayer').every((s) => s.w_succ === 0));
   assert.equal(r.outs.version, '');
@@ -226,14 +228,71 @@ test('a player library without the entry point fails once, then counts as loaded
   assert.equal(r.outs.dispose, true);
 });
 
-test('an empty corvexDir loads the libraries by bare name through the system search', () => {
-  // Windows searches the current directory, Linux LD_LIBRARY_PATH.
-  const r = runMedia(`m.InitCorvexSync({ corvexDir: '' }); out('ok', (await m.CreateMediaPlayer()).dispose());`, {
-    cwd: full,
-    env: isWindows ? {} : { LD_LIBRARY_PATH: full },
-  });
-  assert.equal(r.outs.ok, true);
-  assert.ok(r.stdout.includes('End Init Corvex from  1 0'), r.stdout);
+test('an empty or relative folder is refused, even with the libraries in the current directory', () => {
+  // Loaded by bare name or relative path, the libraries would come from the
+  // current directory (Windows) or the system's search: anyone's copy.
+  const relative = path.relative(path.dirname(full), full);
+  const folders = ['', relative, 'x/../' + relative, ...(isWindows ? ['C:' + relative, '\\' + relative] : [])];
+  for (const dir of folders) {
+    const r = runMedia(`
+      m.InitCorvexSync({ corvexDir: ${JSON.stringify(dir)} });
+      await m.CreateMediaPlayer().then(() => out('created'), (e) => out('create', e.message));
+    `, { cwd: isWindows ? full : path.dirname(full), env: isWindows ? {} : { LD_LIBRARY_PATH: full } });
+    assert.equal(r.outs.create, 'CreateMediaPlayer failed: corvex not initialized', dir);
+    assert.ok(r.stderr.includes(`Refusing to load the media SDK from "${dir}": the folder must be an absolute path`), r.stderr);
+    const [s] = r.stats('InitCorvexV2');
+    const first = dir === '' ? libNames[0] : `${dir}${sep}${libNames[0]}`;
+    assert.equal(s.bl3, `Error code: -1 open ${first} error:${isWindows ? '87' : 'the folder is not an absolute path'}`, dir);
+    assert.equal(s.c2, isWindows ? '87' : '22', dir);
+    assert.ok(r.stdout.includes(`Corvex init failed. corvex_source: ${s.bl3}${dir}`), r.stdout);
+  }
+});
+
+test('a library cut short fails to load like a missing one, and the process lives', () => {
+  const dir = copySim(tempDir('cut'));
+  const player = path.join(dir, libNames[2]);
+  const whole = fs.readFileSync(player);
+  // Where the loaded part of the file ends (ELF: the last segment's end;
+  // what follows, such as debugging sections, dlopen never reads).
+  let loadEnd = whole.length;
+  if (!isWindows) {
+    const phoff = Number(whole.readBigUInt64LE(32));
+    const phnum = whole.readUInt16LE(56);
+    loadEnd = 0;
+    for (let i = 0; i < phnum; i++) {
+      const at = phoff + i * 56;
+      loadEnd = Math.max(loadEnd, Number(whole.readBigUInt64LE(at + 8)) + Number(whole.readBigUInt64LE(at + 32)));
+    }
+  }
+  // Windows: cut inside the headers and the first section (a PE file may
+  // end in sections the loader never needs).
+  for (const keep of isWindows ? [4096, 1024, 63, 0] : [loadEnd - 1, loadEnd >> 1, 4096, 63, 0]) {
+    fs.writeFileSync(player, whole.subarray(0, keep));
+    const r = runMedia(`
+      m.InitCorvexSync({ corvexDir: ${JSON.stringify(dir)} });
+      await m.CreateMediaPlayer().then((p) => out('created', p.dispose()), (e) => out('create', e.message));
+    `);
+    assert.equal(r.outs.create, 'CreateMediaPlayer failed: corvex not initialized', String(keep));
+    const [s] = r.stats('InitCorvexV2');
+    assert.ok(s.bl3.startsWith(`Error code: -1 open ${player} error:`), s.bl3);
+    if (!isWindows) assert.ok(s.bl3.includes('not a complete ELF object for this machine'), s.bl3);
+    assert.ok(r.stdout.includes(`Corvex init failed. corvex_source: ${s.bl3}${dir}`), r.stdout);
+    // The decoder and renderer, loaded before, were released again.
+    assert.equal(r.stats('CreateUniqueMediaPlayer').length, 0);
+  }
+});
+
+test('a planted copy of a dependency in the current directory or PATH is not loaded', { skip: !isWindows && 'Windows only: a Linux library names its own run path' }, () => {
+  // The simulator's decoder imports libcorvexsim_codec.dll from beside it;
+  // the planted copy says so in the version text when it is the one loaded.
+  const planted = simDir('planted');
+  const r = runMedia(`
+    m.InitCorvexSync({ corvexDir: ${JSON.stringify(full)} });
+    const p = await m.CreateMediaPlayer();
+    out('version', p.version);
+    p.dispose();
+  `, { cwd: planted, env: { PATH: `${planted};${process.env.PATH}` } });
+  assert.equal(r.outs.version, 'corvex-sim 1.0 placebo-291');
 });
 
 test('development layout: a module under build/<config>/ finds the SDK beside the checkout', () => {

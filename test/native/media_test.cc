@@ -6,12 +6,18 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "media/corvex_names.h"
+#ifndef _WIN32
+#include "media/elf_check.h"
+#endif
 #include "media/media_stats.h"
 #include "media/player_core.h"
 #include "media/sdk_paths.h"
@@ -94,6 +100,21 @@ TEST(MediaPaths, LibraryPathSeparators) {
                        row{"/opt/x", '/', "/opt/x/lib.dll"}, row{"/opt/x\\", '/', "/opt/x\\lib.dll"}}) {
     EXPECT_EQ(join_library_path(r.dir, "lib.dll", r.sep), r.out) << r.dir;
   }
+}
+
+TEST(MediaPaths, OnlyAbsoluteFoldersAreAccepted) {
+  struct row {
+    const char* dir;
+    bool absolute;
+  };
+#ifdef _WIN32
+  const row rows[] = {
+      {"", false},   {"x", false},    {"..\\x", false}, {"C:x", false},           {"\\x", false},
+      {"/x", false}, {"C:\\x", true}, {"C:/x", true},   {"\\\\srv\\share", true}, {"\\\\?\\C:\\x", true}};
+#else
+  const row rows[] = {{"", false}, {"x", false}, {"./x", false}, {"../x", false}, {"/x", true}, {"//x", true}};
+#endif
+  for (const row& r : rows) EXPECT_EQ(is_absolute_folder(r.dir), r.absolute) << r.dir;
 }
 
 fs::path native(std::initializer_list<const char*> parts) {
@@ -272,3 +293,47 @@ TEST(MediaMailbox, AProbeMailboxKeepsNoQueueAndNullMapEntriesAreEmpty) {
 
 }  // namespace
 }  // namespace ostrel::media
+
+#ifndef _WIN32
+namespace ostrel::media {
+namespace {
+
+std::string own_executable() {
+  std::ifstream in("/proc/self/exe", std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// The test executable is itself a complete x86-64 shared object (PIE): whole
+// it passes; cut short it fails below one threshold (the end of its last
+// segment) and passes from there on; a header with random bytes never
+// crashes the check.
+TEST(MediaElf, CutsBelowTheLastSegmentFailAndNothingCrashes) {
+  std::string whole = own_executable();
+  ASSERT_GT(whole.size(), 4096u);
+  std::string reason;
+  ASSERT_TRUE(elf_object_complete(whole, whole.size(), reason)) << reason;
+  std::size_t threshold = 0;
+  for (std::size_t cut = 0; cut <= whole.size(); cut += std::max<std::size_t>(1, whole.size() / 257)) {
+    bool ok = elf_object_complete(std::string_view(whole).substr(0, cut), cut, reason);
+    if (ok && threshold == 0) threshold = cut;
+    if (threshold != 0) {
+      EXPECT_TRUE(ok) << cut;
+    }
+  }
+  EXPECT_GT(threshold, 64u);
+  std::minstd_rand rng(7);
+  for (int i = 0; i < 20000; ++i) {
+    std::string bytes = whole.substr(0, 4096);
+    for (int k = 0; k < 4; ++k) bytes[rng() % 128] = static_cast<char>(rng());
+    elf_object_complete(bytes, whole.size(), reason);
+  }
+  // Another machine's object is refused.
+  std::string other = whole;
+  other[18] = 0x28;  // e_machine: ARM
+  EXPECT_FALSE(elf_object_complete(other, other.size(), reason));
+  EXPECT_EQ(reason, "not an ELF object for x86-64");
+}
+
+}  // namespace
+}  // namespace ostrel::media
+#endif

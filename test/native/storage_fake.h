@@ -27,6 +27,10 @@ inline constexpr std::uint32_t error_not_supported = 50;
 inline constexpr std::uint32_t error_more_data = 234;
 // RPC_E_TOO_LATE: COM security was already initialised in the process.
 inline constexpr hresult rpc_e_too_late = static_cast<hresult>(0x80010119u);
+// CO_E_NOTINITIALIZED: a COM call on a thread whose COM is not initialised.
+inline constexpr hresult co_e_notinitialized = static_cast<hresult>(0x800401F0u);
+// S_FALSE: COM was already initialised on this thread (the count grows).
+inline constexpr hresult s_false = 1;
 inline constexpr hresult wbem_e_failed = static_cast<hresult>(0x80041001u);
 
 // One WMI object: its properties; a missing one reads as `empty`.
@@ -43,9 +47,15 @@ struct volume {
   std::optional<bool> trim_enabled;     // none: the query fails with 50
 };
 
+// COM as a thread sees it: CoInitializeEx counts per thread (S_OK the first
+// time, S_FALSE after), each CoUninitialize takes one back, and COM is
+// usable on a thread only while its count is above 0. CoInitializeSecurity
+// succeeds once per process; every later call, or any call once the host
+// has set security (`security_already_set`), fails with RPC_E_TOO_LATE.
 struct machine {
-  hresult initialize = 0;
-  hresult security = 0;
+  hresult initialize = 0;  // a failure here is returned and counts nothing
+  hresult security = 0;    // a failure here is returned as it is
+  bool security_already_set = false;
   hresult create_locator = 0;
   hresult connect = 0;
   hresult proxy_blanket = 0;
@@ -59,6 +69,19 @@ struct machine {
   std::atomic<int> initialize_calls{0};
   std::atomic<int> security_calls{0};
   std::atomic<int> uninitialize_calls{0};
+  std::atomic<int> unbalanced_uninitialize{0};  // CoUninitialize with the count at 0
+  std::atomic<int> uninitialized_calls{0};      // COM calls refused with CO_E_NOTINITIALIZED
+
+  std::mutex com_mutex;
+  std::map<std::thread::id, int> com_count;  // per thread
+
+  bool com_ready() {
+    std::lock_guard lock(com_mutex);
+    auto it = com_count.find(std::this_thread::get_id());
+    if (it != com_count.end() && it->second > 0) return true;
+    ++uninitialized_calls;
+    return false;
+  }
   std::atomic<int> queries{0};
   std::atomic<int> live_objects{0};  // COM objects not yet released
 };
@@ -141,14 +164,31 @@ class com : public com_api {
   explicit com(std::shared_ptr<machine> m) : m_(std::move(m)) {}
   hresult initialize() override {
     ++m_->initialize_calls;
-    return m_->initialize;
+    if (m_->initialize < 0) return m_->initialize;
+    std::lock_guard lock(m_->com_mutex);
+    return m_->com_count[std::this_thread::get_id()]++ == 0 ? 0 : s_false;
   }
   hresult initialize_security() override {
     ++m_->security_calls;
-    return m_->security;
+    if (!m_->com_ready()) return co_e_notinitialized;
+    if (m_->security < 0) return m_->security;
+    std::lock_guard lock(m_->com_mutex);
+    if (m_->security_already_set) return rpc_e_too_late;
+    m_->security_already_set = true;
+    return 0;
   }
-  void uninitialize() override { ++m_->uninitialize_calls; }
+  void uninitialize() override {
+    ++m_->uninitialize_calls;
+    std::lock_guard lock(m_->com_mutex);
+    int& n = m_->com_count[std::this_thread::get_id()];
+    if (n > 0) {
+      --n;
+    } else {
+      ++m_->unbalanced_uninitialize;  // COM ignores it
+    }
+  }
   hresult create_locator(std::unique_ptr<wmi_locator>& out) override {
+    if (!m_->com_ready()) return co_e_notinitialized;
     if (m_->create_locator < 0) return m_->create_locator;
     out = std::make_unique<locator>(m_);
     return 0;

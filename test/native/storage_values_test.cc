@@ -85,9 +85,11 @@ TEST(StorageValues, StorageTypeNames) {
   EXPECT_STREQ(storage_type_name(77), "Unknown");
 }
 
-// The guard's counter is process-wide: these cases run in this order and
-// the ones that leave it off balance (the kept asymmetry) come last.
+// The guard's counter is process-wide, and other suites leave it at -1 (a
+// machine asked for security twice refuses the second time, as COM does):
+// each case starts from a fresh process's 0.
 TEST(StorageComGuard, SecurityOnlyForTheFirstLiveGuard) {
+  com_guard::reset_for_tests();
   auto m = std::make_shared<fake::machine>();
   fake::com com(m);
   ASSERT_EQ(com_guard::live(), 0);
@@ -104,12 +106,18 @@ TEST(StorageComGuard, SecurityOnlyForTheFirstLiveGuard) {
   EXPECT_EQ(m->initialize_calls, 2);
   EXPECT_EQ(m->security_calls, 1);
   EXPECT_EQ(m->uninitialize_calls, 2);
-  { com_guard again(com); }
-  EXPECT_EQ(m->security_calls, 2);  // no guard was alive: asked again
+  EXPECT_EQ(m->unbalanced_uninitialize, 0);
+  // No guard alive: security is asked again (of a machine where nothing
+  // set it yet; COM itself allows it once per process).
+  auto fresh = std::make_shared<fake::machine>();
+  fake::com fresh_com(fresh);
+  { com_guard again(fresh_com); }
+  EXPECT_EQ(fresh->security_calls, 1);
   EXPECT_EQ(com_guard::live(), 0);
 }
 
 TEST(StorageComGuard, SecurityAlreadyInitialisedIsLoggedAndTheEndStillUninitialises) {
+  com_guard::reset_for_tests();
   auto m = std::make_shared<fake::machine>();
   m->security = fake::rpc_e_too_late;
   fake::com com(m);
@@ -120,8 +128,9 @@ TEST(StorageComGuard, SecurityAlreadyInitialisedIsLoggedAndTheEndStillUninitiali
   }
   std::string err = testing::internal::GetCapturedStderr();
   EXPECT_NE(err.find("Failed to initialize security. Error code = 0x80010119"), std::string::npos) << err;
-  EXPECT_EQ(m->uninitialize_calls, 2);  // once after the failure, once at the end
-  EXPECT_EQ(com_guard::live(), -1);     // the end decrements unconditionally
+  EXPECT_EQ(m->uninitialize_calls, 2);       // once after the failure, once at the end
+  EXPECT_EQ(m->unbalanced_uninitialize, 1);  // the end's, with COM already gone: COM ignores it
+  EXPECT_EQ(com_guard::live(), -1);          // the end decrements unconditionally
   // With the counter below zero no later guard asks for security again.
   m->security = 0;
   { com_guard g(com); }

@@ -131,11 +131,11 @@ TEST(StorageDriveList, EachFailingStepIsLoggedAndGivesNoRows) {
       {"locator", [](fake::machine& m) { m.create_locator = static_cast<hresult>(0x80040154u); },
        "CoCreateInstance failed"},
       {"connect", [](fake::machine& m) { m.connect = static_cast<hresult>(0x8004100Eu); },
-       "ConnectServer() failure: 0x8004100E"},
+       "ConnectServer() failure:8004100E"},
       {"blanket", [](fake::machine& m) { m.proxy_blanket = static_cast<hresult>(0x80070005u); },
        "Could not set proxy blanket. Error code = 0x80070005"},
       {"query", [](fake::machine& m) { m.query_errors["Win32_LogicalDisk"] = static_cast<hresult>(0x80041017u); },
-       "ExecQuery() failure: 0x80041017"},
+       "ExecQuery() failure:80041017"},
   };
   for (const row& c : cases) {
     auto m = std::make_shared<fake::machine>();
@@ -147,8 +147,29 @@ TEST(StorageDriveList, EachFailingStepIsLoggedAndGivesNoRows) {
     EXPECT_TRUE(d.empty()) << c.what;
     EXPECT_NE(err.find(c.line), std::string::npos) << c.what << ": " << err;
     EXPECT_EQ(m->live_objects, 0) << c.what;
-    EXPECT_EQ(m->uninitialize_calls, 1) << c.what;
+    // The guard and the query's own apartment, each given back.
+    EXPECT_EQ(m->initialize_calls, 2) << c.what;
+    EXPECT_EQ(m->uninitialize_calls, 2) << c.what;
+    EXPECT_EQ(m->unbalanced_uninitialize, 0) << c.what;
   }
+}
+
+TEST(StorageDriveList, HostAlreadySetSecurityTheQueryStillHasCom) {
+  com_guard::reset_for_tests();  // a fresh process: this guard asks for security
+  auto m = std::make_shared<fake::machine>();
+  m->security_already_set = true;
+  m->logical_disks = {logical("C:", v::string("10"), v::string("5"), 3)};
+  testing::internal::CaptureStderr();
+  std::vector<drive_record> d = drives_of(m);
+  std::string err = testing::internal::GetCapturedStderr();
+  ASSERT_EQ(d.size(), 1u) << err;
+  EXPECT_EQ(d[0].caption, "C:");
+  EXPECT_NE(err.find("Failed to initialize security. Error code = 0x80010119"), std::string::npos) << err;
+  EXPECT_EQ(m->uninitialized_calls, 0);
+  EXPECT_EQ(m->initialize_calls, 2);
+  EXPECT_EQ(m->uninitialize_calls, 3);
+  EXPECT_EQ(m->unbalanced_uninitialize, 1);
+  EXPECT_EQ(com_guard::live(), -1);
 }
 
 TEST(StorageDriveList, ATimeLimitEndsTheWalkWithTheRowsReadSoFar) {
@@ -275,7 +296,7 @@ TEST(StorageDisks, AFailingQueryLogsAndGivesNoRows) {
   EXPECT_EQ(d[0].disk_number, 0);
   EXPECT_EQ(d[0].model, "");
   EXPECT_NE(err.find("WMI query failed."), std::string::npos);
-  EXPECT_NE(err.find("ExecQuery() failure: 0x80041001"), std::string::npos);
+  EXPECT_NE(err.find("ExecQuery() failure:80041001"), std::string::npos);
 
   m->query_errors = {{"Win32_LogicalDisk", fake::wbem_e_failed}};
   testing::internal::CaptureStderr();
