@@ -99,7 +99,10 @@ process.on('exit', () => {
 // Mounts a fresh share; `t` (a node:test context, optional) unmounts it when
 // the test ends, passed or failed. Rules as for set().
 async function mountStallfs(t, { rules = {}, lifetime } = {}) {
-  const base = fs.mkdtempSync(native('/tmp/ostrel-stallfs-'));
+  // Under build/, where nothing else lists folders.
+  const parent = path.join(root, 'build', 'stallfs');
+  fs.mkdirSync(parent, { recursive: true });
+  const base = fs.mkdtempSync(path.join(parent, 'share-'));
   const dirs = { source: path.join(base, 'source'), mount: path.join(base, 'mount') };
   fs.mkdirSync(dirs.source);
   fs.mkdirSync(dirs.mount);
