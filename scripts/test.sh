@@ -19,6 +19,22 @@ presets=("$preset")
 case " $suites " in *" wine-"*) presets+=(win32) ;; esac
 bash scripts/build.sh "${presets[@]}" || { echo "0 passed, 1 failed"; exit 1; }
 
+# Detaches what a crashed run of the dead-share cases left behind: stallfs
+# mounts under build/stallfs (test/fixtures/stallfs) and their drive letters
+# in the Wine prefix. stallfs ends by itself after its lifetime too.
+sweep_stallfs() {
+  local m l
+  awk '$3 == "fuse.stallfs" { print $2 }' /proc/mounts 2>/dev/null | while read -r m; do
+    case "$m" in "$root"/build/stallfs/*) fusermount3 -uz "$m" 2>/dev/null || umount -l "$m" 2>/dev/null || true ;; esac
+  done
+  for l in "$root"/build/wine-prefix/dosdevices/?:; do
+    [ -L "$l" ] || continue
+    case "$(readlink "$l")" in "$root"/build/stallfs/*) rm -f "$l" ;; esac
+  done
+}
+sweep_stallfs
+trap sweep_stallfs EXIT
+
 passed=0
 failed=0
 add() { passed=$((passed + $1)); failed=$((failed + $2)); }
