@@ -311,12 +311,16 @@ const childKit = `
 
 test('a share that never answers stalls nothing else', { skip: skipReason(), timeout: 900000 }, async (t) => {
   const share = await mountStallfs(t);
-  fs.mkdirSync(path.join(share.source, 'sub'));
-  for (let i = 0; i < 20; i++) fs.writeFileSync(path.join(share.source, 'sub', `f${i}.txt`), 'x');
+  // The folder /dead never answers; the share's root does. Under Wine a
+  // drive whose root never answers would stop Wine itself (it stats every
+  // drive's root to turn any Linux path into a drive path), which Windows
+  // does not.
+  fs.mkdirSync(path.join(share.source, 'dead', 'sub'), { recursive: true });
+  for (let i = 0; i < 20; i++) fs.writeFileSync(path.join(share.source, 'dead', 'sub', `f${i}.txt`), 'x');
   // The share as the module sees it: under Wine one session goes through
   // the drive letter, the others through Z:.
-  const deadA = share.drivePath || share.path;
-  const deadB = share.path;
+  const deadA = path.join(share.drivePath || share.path, 'dead');
+  const deadB = path.join(share.path, 'dead');
   const statusFile = path.join(share.base, 'status');
   const results = (r) => Object.fromEntries(r.stdout.split('\n').filter((l) => /^[A-Z_]+ /.test(l)).map((l) => {
     const i = l.indexOf(' ');
@@ -326,7 +330,7 @@ test('a share that never answers stalls nothing else', { skip: skipReason(), tim
   await t.test('two watch sessions and a scan on it: a local 100,000-file scan, telemetry and timers keep their speed; closing returns at once; exit within 2 s', async (t) => {
     const local = localTree(t);
     if (!local) return;
-    await share.set({ '/': 'never' });
+    await share.set({ '/dead': 'never' });
     const r = await runChildAsync(`${childKit}
       (async () => {
         const local = ${JSON.stringify(local)};
@@ -382,7 +386,7 @@ test('a share that never answers stalls nothing else', { skip: skipReason(), tim
   });
 
   await t.test(`a Worker that alone loaded the module, watching it, terminated: the main thread goes on (${AFTER_WORKER_S} s), loads the module again and scans`, async () => {
-    await share.set({ '/': 'never' });
+    await share.set({ '/dead': 'never' });
     const control = path.join(share.base, 'control');
     const small = makeTree({ files: { 'a.txt': 'a', 'b/c.txt': 'c', 'b/d.txt': 'd' } });
     t.after(() => removeTree(small));

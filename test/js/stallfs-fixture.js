@@ -108,10 +108,13 @@ async function mountStallfs(t, { rules = {}, lifetime } = {}) {
   fs.mkdirSync(dirs.mount);
   const control = path.join(base, 'control');
   const statusFile = path.join(base, 'status');
+  // Under Wine the wineserver opens files for every Wine process on its one
+  // thread: were it to wait on the share, every thread of every Wine process
+  // would stop, which no Windows machine does. It is always answered; the
+  // share stalls the callers that would stall on Windows.
   const rulesText = (r) =>
-    Object.entries(r)
-      .map(([p, m]) => (typeof m === 'number' ? `slow ${p} ${m}` : `${m} ${p}`))
-      .join('\n') + '\n';
+    [...(wine ? ['exempt wineserver', 'exempt wineserver64'] : []),
+      ...Object.entries(r).map(([p, m]) => (typeof m === 'number' ? `slow ${p} ${m}` : `${m} ${p}`))].join('\n') + '\n';
   fs.writeFileSync(control, rulesText(rules));
   const seconds = String(lifetime || Number(process.env.OSTREL_STALLFS_LIFETIME) || 900);
   const drive = wine ? freeDrive() : null;

@@ -147,7 +147,10 @@ test('a Worker terminated while its calls are pending, and one terminated inside
 // A mounted share that never answers (stallfs): the list settles within its
 // time limit and other work goes on meanwhile, at its usual speed (judged
 // against the same work before, with a generous factor).
-test('GetDriveList with a share that never answers settles within its time limit and stalls nothing', { skip: skipReason(), timeout: 300000 }, async (t) => {
+// Not under Wine: there a drive whose root never answers stops Wine itself
+// (it stats every drive's root to turn any Linux path into a drive path).
+const wineDeadDrive = isWindows && 'under Wine a drive whose root never answers stops all of Wine, not only the list';
+test('GetDriveList with a share that never answers settles within its time limit and stalls nothing', { skip: skipReason() || wineDeadDrive, timeout: 300000 }, async (t) => {
   const share = await mountStallfs(t);
   const files = {};
   for (let i = 0; i < (isWindows ? 1500 : 5000); i++) files[`d${i % 10}/f${i}.txt`] = '';
@@ -165,7 +168,7 @@ test('GetDriveList with a share that never answers settles within its time limit
     (async () => {
       await timedScan();
       const scanBefore = await timedScan();
-      const listBefore = await timedList({ timeoutMs: ${LIMIT} });
+      const listBefore = await timedList({});
       report('BEFORE', { scan: scanBefore, list: listBefore });
       fs.writeFileSync(${JSON.stringify(control)} + '.new', 'never /\\n');
       fs.renameSync(${JSON.stringify(control)} + '.new', ${JSON.stringify(control)});
