@@ -8,6 +8,7 @@
 
 #include "export_steps.h"
 #include "runtime/log.h"
+#include "runtime/module_pin.h"
 #include "runtime/environment.h"
 #include "runtime/napi_util.h"
 #include "runtime/thread_pool.h"
@@ -28,6 +29,12 @@ napi_value initialise(napi_env raw_env, napi_value raw_exports) {
   Napi::Object exports(raw_env, raw_exports);
   try {
     log::wout(L"Ostrel Initializing ...");
+    // From its first load on, the module stays mapped until the process
+    // ends: pool, job and blocking threads, the I/O service's timer thread,
+    // COM objects handed to a driver and SDK listener threads may all still
+    // return into its code after the last environment that loaded it ended.
+    static const bool pinned = (pin_module(), true);
+    (void)pinned;
     // Per environment (the main thread, each Worker): a scheduler, the
     // session registry and the clean-up; the first one also starts the
     // process-wide pool and I/O service.
@@ -85,16 +92,20 @@ __attribute__((visibility("default")))
 }
 }
 
-#ifndef _WIN32
-// Loads after the first. On Linux the module stays mapped once loaded (its
-// thread-local state pins it), so when every environment that loaded it
-// has ended and a new Worker loads it again, its static constructor does
-// not run a second time and node finds nothing registered; it then looks
-// for this symbol. Windows unloads the DLL and runs the constructor again.
-extern "C" __attribute__((visibility("default"))) napi_value napi_register_module_v1(napi_env env, napi_value exports) {
+// Loads after the first. The module stays mapped once loaded (it pins
+// itself), so when every environment that loaded it has ended and a new one
+// (a Worker) loads it again, its static constructor does not run a second
+// time and node finds nothing registered; it then looks for this symbol.
+extern "C" {
+#ifdef _WIN32
+__declspec(dllexport)
+#else
+__attribute__((visibility("default")))
+#endif
+    napi_value napi_register_module_v1(napi_env env, napi_value exports) {
   return ostrel::initialise(env, exports);
 }
-#endif
+}
 
 namespace {
 struct register_at_load {

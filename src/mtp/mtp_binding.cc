@@ -230,7 +230,7 @@ napi_value copy_progress(napi_env env, const operation_control& control) {
 // call of the progress callback. Never after the promise is settled.
 task<void> progress_task(std::shared_ptr<call_state> state, progress_builder build) {
   for (;;) {
-    io_service* io = runtime::io();
+    auto io = runtime::io();
     if (!io) co_return;
     co_await io->schedule_after(progress_interval);
     if (state->finished()) co_return;

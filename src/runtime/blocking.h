@@ -13,8 +13,18 @@
 //   auto job = on_own_thread([&] { com_guard com; return query(); });
 //   Result r = co_await job;
 //
-// The awaiting task then continues on a pool worker. Name the awaiter as
-// above: GCC 12 destroys the captures of a lambda written inside a co_await
+// The awaiting task then continues on a pool worker.
+//
+// A call that may block on a slow file system or device (opening, listing or
+// querying files, putting inotify watches) hops to the blocking executor,
+// never to the pool: a share that stopped answering then holds one of its
+// threads, not a worker that scans, timers and deliveries need:
+//
+//   co_await on_blocking(session_token);   // may throw operation_cancelled
+//   auto info = query(path);               // blocks as long as it must
+//   co_await on_pool();                    // back to CPU work
+//
+// Name the awaiter as above: GCC 12 destroys the captures of a lambda written inside a co_await
 // expression twice (seen as a use-after-free under AddressSanitizer).
 #pragma once
 
@@ -26,6 +36,8 @@
 #include <type_traits>
 #include <utility>
 
+#include "blocking_executor.h"
+#include "exceptions.h"
 #include "runtime.h"
 
 namespace ostrel {
@@ -41,7 +53,7 @@ class pool_hop {
   bool await_ready() const noexcept { return false; }
   template <typename P>
   bool await_suspend(std::coroutine_handle<P> h) {
-    thread_pool* p = runtime::pool();
+    auto p = runtime::pool();
     if (!p) return false;  // resume here; await_resume throws
     pool_ = true;
     p->post(resumable(h));
@@ -70,10 +82,14 @@ class own_thread_job {
   template <typename P>
   bool await_suspend(std::coroutine_handle<P> h) {
     waiter_ = resumable(h);
+    // The task goes on on the pool of the runtime it started in; a job that
+    // outlives that runtime finds the pool stopped and the task is freed.
+    pool_ = runtime::pool();
     // TRICKY: once the thread is started it may finish and resume the task
     // (freeing this awaiter) before start_job_thread returns; nothing here
     // touches `this` after a successful start.
-    if (runtime::start_job_thread([this] { run(); })) return true;
+    if (pool_ && runtime::start_job_thread([this] { run(); })) return true;
+    pool_.reset();
     error_ = std::make_exception_ptr(runtime_stopped());
     return false;
   }
@@ -95,15 +111,13 @@ class own_thread_job {
     }
     job_ = nullptr;
     resumable w = waiter_;
-    if (thread_pool* p = runtime::pool()) {
-      p->post(w);  // frees the task if the pool is shutting down
-    } else {
-      w.destroy();  // the runtime is gone: the task can never go on
-    }
+    std::shared_ptr<thread_pool> p = std::move(pool_);
+    p->post(w);  // frees the task if the pool has stopped
   }
 
   std::function<R()> job_;
   resumable waiter_;
+  std::shared_ptr<thread_pool> pool_;
   std::exception_ptr error_;
   std::optional<std::conditional_t<std::is_void_v<R>, char, R>> value_;
 };
@@ -113,6 +127,44 @@ class own_thread_job {
 template <typename Fn>
 own_thread_job<std::invoke_result_t<Fn&>> on_own_thread(Fn job) {
   return own_thread_job<std::invoke_result_t<Fn&>>(std::function<std::invoke_result_t<Fn&>()>(std::move(job)));
+}
+
+class blocking_hop {
+ public:
+  explicit blocking_hop(cancellation_token token) noexcept : token_(std::move(token)) {}
+  bool await_ready() const noexcept { return false; }
+  template <typename P>
+  bool await_suspend(std::coroutine_handle<P> h) {
+    if (token_.is_cancellation_requested()) {
+      cancelled_ = true;
+      return false;
+    }
+    auto executor = runtime::blocking();
+    if (!executor) {
+      stopped_ = true;
+      return false;
+    }
+    // TRICKY: a thread may take the task and resume it (freeing this awaiter)
+    // before post returns; `cancelled_` is written only before the resume.
+    executor->post({resumable(h), token_, &cancelled_});
+    return true;
+  }
+  void await_resume() const {
+    if (stopped_) throw runtime_stopped();
+    if (cancelled_) throw operation_cancelled();
+  }
+
+ private:
+  cancellation_token token_;
+  bool cancelled_ = false;
+  bool stopped_ = false;
+};
+
+// co_await on_blocking(token) continues the task on a thread of the blocking
+// executor. When `token` is cancelled before a thread takes the task, it
+// goes on on the pool with operation_cancelled instead.
+inline blocking_hop on_blocking(cancellation_token token = {}) noexcept {
+  return blocking_hop(std::move(token));
 }
 
 }  // namespace ostrel

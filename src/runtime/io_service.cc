@@ -15,7 +15,10 @@ void io_service::add_timer(timed_schedule_operation* op) {
   bool cancelled_already = false;
   {
     std::lock_guard lock(timers_->timer_mutex);
-    if (op->cancelled_) {
+    if (closed_.load(std::memory_order_acquire)) {
+      // Nobody pumps the service any more: the wait can never end.
+      cancelled_already = true;
+    } else if (op->cancelled_) {
       cancelled_already = true;
     } else {
       bool earliest = timers_->timers.empty() || op->deadline_ns_ < timers_->timers.earliest();

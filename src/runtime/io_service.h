@@ -38,6 +38,11 @@ class io_service {
   // Makes every thread inside process_events return, now and later.
   void stop() noexcept;
   bool is_stop_requested() const noexcept { return stop_requested_.load(std::memory_order_acquire); }
+  // After stop(), once no thread pumps the service any more: frees the tasks
+  // behind pending timed waits and posted resumptions, and from now on frees
+  // those that arrive instead of queueing them. A task parked here may hold
+  // the service itself; without this, the two would keep each other alive.
+  void close() noexcept;
   bool is_service_thread() const noexcept;
 
   class schedule_operation : detail::io_state {
@@ -134,6 +139,7 @@ class io_service {
   static void abandon_posted(detail::io_state* state) noexcept;
 
   std::atomic<bool> stop_requested_{false};
+  std::atomic<bool> closed_{false};  // written under the post and timer locks
   std::unique_ptr<impl> impl_;
   detail::io_timers* timers_ = nullptr;  // the timer half of *impl_
 };

@@ -112,9 +112,27 @@ bool io_service::is_service_thread() const noexcept {
 void io_service::post(detail::io_state* state, std::uint32_t error, std::size_t bytes) {
   {
     std::lock_guard lock(impl_->post_mutex);
-    impl_->posted.push_back({state, error, bytes});
+    if (!closed_.load(std::memory_order_relaxed)) {
+      impl_->posted.push_back({state, error, bytes});
+      state = nullptr;
+    }
+  }
+  if (state) {
+    abandon_posted(state);
+    return;
   }
   impl_->wake();
+}
+
+void io_service::close() noexcept {
+  std::deque<posted_item> left;
+  {
+    std::lock_guard lock(impl_->post_mutex);
+    closed_.store(true, std::memory_order_release);
+    left.swap(impl_->posted);
+  }
+  for (auto& item : left) abandon_posted(item.state);
+  destroy_pending_timers();
 }
 
 void io_service::stop() noexcept {

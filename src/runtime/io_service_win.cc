@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <system_error>
+#include <mutex>
 #include <thread>
 
 #include "io_service.h"
@@ -39,6 +40,7 @@ struct io_service::impl final : detail::io_timers {
   HANDLE wake_event = nullptr;
   bool winsock_started = false;
   bool timer_thread_exit = false;  // guarded by timer_mutex
+  std::mutex post_mutex;           // orders posts against close()
   std::thread timer_thread;
   io_service* owner = nullptr;
 
@@ -147,12 +149,33 @@ bool io_service::is_service_thread() const noexcept {
 }
 
 void io_service::post(detail::io_state* state, std::uint32_t error, std::size_t bytes) {
+  std::unique_lock lock(impl_->post_mutex);
+  if (closed_.load(std::memory_order_relaxed)) {
+    lock.unlock();
+    abandon_posted(state);
+    return;
+  }
   if (!PostQueuedCompletionStatus(impl_->port, static_cast<DWORD>(bytes), posted_key_base + error,
                                   reinterpret_cast<LPOVERLAPPED>(state))) {
     // The port is gone or full; resuming here beats losing the task.
     log::err_code("PostQueuedCompletionStatus failed, error code: ", GetLastError());
+    lock.unlock();
     state->callback(state, error, bytes);
   }
+}
+
+void io_service::close() noexcept {
+  {
+    std::lock_guard lock(impl_->post_mutex);
+    closed_.store(true, std::memory_order_release);
+  }
+  DWORD bytes;
+  ULONG_PTR key;
+  LPOVERLAPPED ov;
+  while (GetQueuedCompletionStatus(impl_->port, &bytes, &key, &ov, 0) || ov) {
+    if (ov && key >= posted_key_base) abandon_posted(reinterpret_cast<detail::io_state*>(ov));
+  }
+  destroy_pending_timers();
 }
 
 void io_service::stop() noexcept {

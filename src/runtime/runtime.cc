@@ -6,7 +6,7 @@
 
 #include "log.h"
 #include "memory.h"
-#include "module_pin.h"
+#include "blocking_executor.h"
 
 namespace ostrel {
 
@@ -39,9 +39,12 @@ namespace runtime {
 
 namespace {
 
+// At most this many threads block on file systems and devices at once.
+constexpr std::size_t blocking_threads = 64;
+
 // Threads of blocking jobs. Each entry's flag turns true when its body has
 // returned; finished threads are joined when the next one starts.
-class job_thread_set {
+class job_thread_set : public std::enable_shared_from_this<job_thread_set> {
  public:
   bool start(std::function<void()> body) {
     std::list<entry> finished;
@@ -50,12 +53,12 @@ class job_thread_set {
     reap_locked(finished);
     auto& e = threads_.emplace_back();
     e.done = std::make_shared<std::atomic<bool>>(false);
-    e.thread = std::thread([this, body = std::move(body), done = e.done]() mutable {
+    e.thread = std::thread([self = shared_from_this(), body = std::move(body), done = e.done]() mutable {
       body();
       body = nullptr;  // the job's captures go before the thread is counted done
-      std::lock_guard l(mutex_);
+      std::lock_guard l(self->mutex_);
       done->store(true);
-      ended_.notify_all();
+      self->ended_.notify_all();
     });
     // `finished` joins outside... its threads have returned, joining is quick.
     for (auto& f : finished) f.thread.join();
@@ -90,10 +93,7 @@ class job_thread_set {
         joined = false;
       }
     }
-    if (!joined) {
-      log::err("Ostrel left a job running past clean-up; the module stays loaded");
-      pin_module();
-    }
+    if (!joined) log::err("Ostrel left a job running past clean-up");
     return joined;
   }
 
@@ -123,21 +123,39 @@ class job_thread_set {
   bool accepting_ = false;
 };
 
-// Never destroyed: a detached job thread may come back to it while the
-// process exits.
-job_thread_set& jobs() {
-  static auto* set = new job_thread_set();
-  return *set;
-}
+// One generation of the process-wide runtime, from a first hold to the
+// last release. A new hold after that starts a new generation, even while
+// the old one is still being stopped.
+struct instance {
+  std::shared_ptr<alive_token> alive = std::make_shared<alive_token>();
+  std::shared_ptr<io_service> service = std::make_shared<io_service>();
+  std::shared_ptr<thread_pool> workers;
+  // Shared with its threads: a job left running past the release comes back
+  // to it.
+  std::shared_ptr<job_thread_set> jobs = std::make_shared<job_thread_set>();
+  std::shared_ptr<blocking_executor> blocking = blocking_executor::create(blocking_threads);
+};
 
-// Changed under g_mutex by acquire/release (main threads of environments);
-// atomics because workers read them while a task runs.
+// g_mutex orders holds and releases; g_current is read by any thread under
+// g_current_mutex, which is never held across a wait.
 std::mutex g_mutex;
 std::size_t g_holders = 0;
-std::atomic<io_service*> g_io{nullptr};
-std::atomic<thread_pool*> g_pool{nullptr};
-std::shared_ptr<alive_token> g_alive;
-std::mutex g_alive_mutex;
+std::mutex g_current_mutex;
+std::shared_ptr<instance> g_current;
+
+std::shared_ptr<instance> current() noexcept {
+  std::lock_guard lock(g_current_mutex);
+  return g_current;
+}
+
+// What a thread left running may still come back to is kept for the life of
+// the process (the module itself stays loaded from its first load on).
+void keep_forever(std::shared_ptr<instance> inst) {
+  static auto* kept = new std::vector<std::shared_ptr<instance>>();
+  static std::mutex kept_mutex;
+  std::lock_guard lock(kept_mutex);
+  kept->push_back(std::move(inst));
+}
 
 // A detached coroutine that frees itself at its end.
 struct pump_task {
@@ -151,9 +169,10 @@ struct pump_task {
 };
 
 // Moves onto a pool worker and runs the I/O service's loop there until the
-// service stops.
-pump_task pump(thread_pool& workers, io_service* service) {
-  co_await workers.schedule();
+// service stops. The frame holds the service for as long as the loop runs.
+pump_task pump(std::shared_ptr<thread_pool> workers, std::shared_ptr<io_service> service) {
+  co_await workers->schedule();
+  workers.reset();
   try {
     service->process_events();
   } catch (...) {
@@ -163,16 +182,22 @@ pump_task pump(thread_pool& workers, io_service* service) {
 
 }  // namespace
 
-io_service* io() noexcept {
-  return g_io.load(std::memory_order_acquire);
+std::shared_ptr<io_service> io() noexcept {
+  auto inst = current();
+  return inst ? inst->service : nullptr;
 }
-thread_pool* pool() noexcept {
-  return g_pool.load(std::memory_order_acquire);
+std::shared_ptr<thread_pool> pool() noexcept {
+  auto inst = current();
+  return inst ? inst->workers : nullptr;
+}
+std::shared_ptr<blocking_executor> blocking() noexcept {
+  auto inst = current();
+  return inst ? inst->blocking : nullptr;
 }
 
 std::shared_ptr<alive_token> alive() noexcept {
-  std::lock_guard lock(g_alive_mutex);
-  return g_alive;
+  auto inst = current();
+  return inst ? inst->alive : nullptr;
 }
 
 std::size_t holders() noexcept {
@@ -185,56 +210,60 @@ void acquire(std::size_t pool_size) {
   if (g_holders++ > 0) return;
   static const bool tuned = (tune_allocator(), true);
   (void)tuned;
-  {
-    std::lock_guard alive_lock(g_alive_mutex);
-    g_alive = std::make_shared<alive_token>();
-  }
-  auto* service = new io_service();
-  auto* workers = new thread_pool(pool_size);
-  g_io.store(service, std::memory_order_release);
-  g_pool.store(workers, std::memory_order_release);
-  jobs().open();
+  auto inst = std::make_shared<instance>();
+  inst->workers = std::make_shared<thread_pool>(pool_size);
+  std::weak_ptr<thread_pool> weak_pool = inst->workers;
+  inst->blocking->set_cancelled_sink([weak_pool](resumable task) {
+    if (auto p = weak_pool.lock()) {
+      p->post(task);
+    } else {
+      task.destroy();
+    }
+  });
+  inst->jobs->open();
   // One worker belongs to the service from now until the last release.
-  pump(*workers, service);
+  pump(inst->workers, inst->service);
+  std::lock_guard current_lock(g_current_mutex);
+  g_current = std::move(inst);
 }
 
 bool release(std::chrono::milliseconds grace, const std::function<void()>& after_join) noexcept {
-  std::lock_guard lock(g_mutex);
-  if (g_holders == 0) return false;
-  if (--g_holders > 0) return false;
-  io_service* service = g_io.load();
-  thread_pool* workers = g_pool.load();
-  if (service) service->stop();
-  bool jobs_ended = jobs().close(grace);
-  bool workers_ended = workers ? workers->shutdown(grace) : true;
-  if (!jobs_ended || !workers_ended) {
+  std::shared_ptr<instance> inst;
+  {
+    std::lock_guard lock(g_mutex);
+    if (g_holders == 0) return false;
+    if (--g_holders > 0) return false;
+    std::lock_guard current_lock(g_current_mutex);
+    inst = std::move(g_current);
+  }
+  // TRICKY: from here on no new user can find this generation; users that
+  // already hold its pool or service keep them alive but find them stopped.
+  inst->service->stop();
+  const bool jobs_ended = inst->jobs->close(grace);
+  const bool blocking_ended = inst->blocking->stop(grace);
+  const bool workers_ended = inst->workers->shutdown(grace);
+  if (!jobs_ended || !workers_ended || !blocking_ended) {
     log::err("Ostrel: a worker thread did not stop in time and was left running");
   }
   if (after_join) after_join();
-  g_pool.store(nullptr, std::memory_order_release);
-  g_io.store(nullptr, std::memory_order_release);
-  // A worker left running comes back to the pool and may hold the service:
-  // free them only when every worker has ended. A job thread left running
-  // reads the globals afresh (and finds them empty), so it holds neither.
-  if (workers_ended) {
-    delete workers;
-    delete service;
-  }
-  std::shared_ptr<alive_token> token;
-  {
-    std::lock_guard alive_lock(g_alive_mutex);
-    token = std::move(g_alive);
-  }
-  if (token) token->shutdown();
+  // Nobody pumps the service now (unless its worker was left running).
+  if (workers_ended) inst->service->close();
+  inst->alive->shutdown();
+  // A pool worker left running comes back to its pool and may hold the
+  // service: neither is ever freed then. Job and blocking threads hold what
+  // they return to themselves.
+  if (!workers_ended) keep_forever(inst);
   return true;
 }
 
 bool start_job_thread(std::function<void()> body) {
-  return jobs().start(std::move(body));
+  auto inst = current();
+  return inst && inst->jobs->start(std::move(body));
 }
 
 std::size_t job_threads() noexcept {
-  return jobs().size();
+  auto inst = current();
+  return inst ? inst->jobs->size() : 0;
 }
 
 }  // namespace runtime

@@ -176,7 +176,7 @@ void scheduler::spawn_delayed_wake(uv_async_t* captured) {
   auto token = runtime::alive();
   spawn(
       [](std::shared_ptr<scheduler> self, uv_async_t* h) -> task<void> {
-        io_service* io = runtime::io();
+        auto io = runtime::io();
         if (!io) throw std::runtime_error("io_service is not running");
         co_await io->schedule_after(rewake_delay);
         self->resend_pending_.store(false, std::memory_order_release);

@@ -22,11 +22,12 @@ task<bool> FillFileInfoAsync(std::shared_ptr<FileInfo> info, int attempt,
       }
       int settled = settle_outcome(*info, query_file_info(*info));
       if (settled >= 0) co_return settled == 1;
-      io_service* io = runtime::io();
+      auto io = runtime::io();
       if (!io || (stop && stop->load())) co_return false;
       co_await io->schedule_after(std::chrono::milliseconds(100));
-      // The query blocks: never on the I/O service's thread.
-      co_await on_pool();
+      // The query may block on a slow share: on the blocking executor, never
+      // on the I/O service's thread or the CPU pool.
+      co_await on_blocking();
       if (stop && stop->load()) co_return false;
     }
   } catch (const std::exception& e) {

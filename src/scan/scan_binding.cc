@@ -190,7 +190,7 @@ task<void> scan_task(std::shared_ptr<scan_session> session) {
   for (;;) {
     if (!more) {
       co_await data.batch_ready;
-      io_service* io = runtime::io();
+      auto io = runtime::io();
       if (!io) co_return;  // the module is going away
       if (!data.finished() && !data.stopped()) co_await io->schedule_after(std::chrono::milliseconds(100));
       co_await on_pool();

@@ -40,11 +40,11 @@ struct detached_task {
 // one that stayed unreadable through every attempt is kept as unreadable.
 detached_task retry_metadata(std::shared_ptr<ScanData> scan, std::shared_ptr<FileInfo> info) {
   try {
-    io_service* io = runtime::io();
+    auto io = runtime::io();
     bool ok = false;
     if (io && !scan->stopped()) {
       co_await io->schedule_after(std::chrono::milliseconds(100));
-      co_await on_pool();  // the query blocks: off the I/O service's thread
+      co_await on_blocking();  // the query may block: off the service thread and the pool
       ok = co_await FillFileInfoAsync(info, 1, scan->stop_flag());
     }
     if (!scan->stopped() && (ok || !info->readable)) scan->keep_record(std::move(*info), false);

@@ -119,7 +119,7 @@ task<void> list_task(std::shared_ptr<list_call<Record>> call) {
     co_await job;
   } else {
     spawn(job_task(call), runtime::alive());
-    io_service* io = runtime::io();
+    auto io = runtime::io();
     if (!io) co_return;
     try {
       auto wait = io->schedule_after(*call->timeout, call->timer.token());

@@ -134,7 +134,7 @@ task<void> send_spans(std::shared_ptr<env_targets> t, std::shared_ptr<const std:
 
 task<void> flush_attempt(flush_ticket ticket) {
   if (!should_flush_now()) {
-    io_service* io = runtime::io();
+    auto io = runtime::io();
     if (!io) co_return;
     co_await io->schedule_after(flush_wait);
     if (!should_flush_now()) {

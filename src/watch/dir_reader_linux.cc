@@ -76,7 +76,7 @@ class inotify_reader final : public dir_reader {
 
   task<read_outcome> read(cancellation_token token) override {
     for (;;) {
-      io_service* io = runtime::io();
+      auto io = runtime::io();
       if (!io) throw runtime_stopped();
       std::uint32_t error = co_await readable_wait(*io, fd_, token);
       if (error != 0) {

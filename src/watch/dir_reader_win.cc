@@ -127,7 +127,7 @@ open_result open_dir_reader(const WatchData& w, bool dir_mode) {
     r.error = error;
     return r;
   }
-  io_service* io = runtime::io();
+  auto io = runtime::io();
   if (!io) {
     CloseHandle(h);
     throw std::runtime_error("the I/O service is not running");

@@ -298,7 +298,7 @@ task<void> WatchLoop(std::shared_ptr<WatchData> w, bool dir_mode) {
         continue;
       }
       if (failures >= 3) {
-        io_service* io = runtime::io();
+        auto io = runtime::io();
         if (!io) break;
         co_await io->schedule_after(back_off);
         co_await on_pool();

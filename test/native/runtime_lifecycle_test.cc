@@ -8,6 +8,8 @@
 #include <thread>
 
 #include "runtime/blocking.h"
+#include "runtime/cancellation.h"
+#include "runtime/exceptions.h"
 #include "runtime/runtime.h"
 #include "runtime/sessions.h"
 #include "runtime/sync_wait.h"
@@ -16,6 +18,17 @@ namespace ostrel {
 namespace {
 
 using namespace std::chrono_literals;
+
+// A coroutine nobody awaits; it frees itself at its end.
+struct detached_task {
+  struct promise_type {
+    detached_task get_return_object() noexcept { return {}; }
+    std::suspend_never initial_suspend() noexcept { return {}; }
+    std::suspend_never final_suspend() noexcept { return {}; }
+    void return_void() noexcept {}
+    void unhandled_exception() noexcept {}
+  };
+};
 
 TEST(SessionRegistry, StopAllStopsLiveSessionsOnceAndLaterOnesAtOnce) {
   auto registry = std::make_shared<session_registry>();
@@ -39,7 +52,7 @@ TEST(SessionRegistry, StopAllStopsLiveSessionsOnceAndLaterOnesAtOnce) {
 
 TEST(Runtime, HoldsStartOnceAndTheLastReleaseStops) {
   runtime::acquire(2);
-  thread_pool* first = runtime::pool();
+  auto first = runtime::pool();
   runtime::acquire(2);
   EXPECT_EQ(runtime::pool(), first);  // a second environment shares it
   EXPECT_FALSE(runtime::release(5s));
@@ -100,6 +113,136 @@ TEST(Runtime, TheLastReleaseLeavesAStuckJobRunningAfterTheGrace) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, 1000ms);
   EXPECT_FALSE(ended->load());
   while (!ended->load()) std::this_thread::sleep_for(10ms);
+}
+
+// A call stuck on a dead share holds one blocking thread; work behind it gets
+// another thread, and the CPU pool never runs it.
+TEST(Blocking, AStuckCallHoldsOnlyItsOwnThread) {
+  runtime::acquire(2);
+  std::atomic<bool> release_stuck{false};
+  std::atomic<int> stuck_started{0};
+  auto stuck = [&]() -> task<void> {
+    co_await on_blocking();
+    EXPECT_FALSE(runtime::pool()->is_worker_thread());
+    ++stuck_started;
+    while (!release_stuck.load()) std::this_thread::sleep_for(1ms);
+  };
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < 3; ++i) waiters.emplace_back([&] { sync_wait(stuck()); });
+  while (stuck_started.load() < 3) std::this_thread::sleep_for(1ms);
+  // Three threads are stuck: a fourth call still runs at once.
+  sync_wait([]() -> task<void> {
+    co_await on_blocking();
+    EXPECT_TRUE(runtime::blocking()->is_executor_thread());
+    co_await on_pool();
+    EXPECT_TRUE(runtime::pool()->is_worker_thread());
+  }());
+  release_stuck = true;
+  for (auto& t : waiters) t.join();
+  EXPECT_TRUE(runtime::release(5s));
+}
+
+// A task cancelled before a thread takes it never runs its blocking part.
+TEST(Blocking, ACancelledTokenEndsTheHopWithOperationCancelled) {
+  runtime::acquire(2);
+  cancellation_source source;
+  source.request_cancellation();
+  bool reached = false;
+  EXPECT_THROW(sync_wait([](cancellation_token t, bool& reached) -> task<void> {
+                 co_await on_blocking(t);
+                 reached = true;
+               }(source.token(), reached)),
+               operation_cancelled);
+  EXPECT_FALSE(reached);
+  EXPECT_TRUE(runtime::release(5s));
+  EXPECT_THROW(sync_wait([]() -> task<void> { co_await on_blocking(); }()), runtime_stopped);
+}
+
+// Queued behind a full executor, a cancelled task goes on on the pool as soon
+// as a thread takes it, without making the blocking call.
+TEST(BlockingExecutor, QueuedCancelledWorkGoesToTheSinkAndStopFreesTheRest) {
+  auto executor = blocking_executor::create(1, 50ms);
+  std::atomic<int> sunk{0};
+  executor->set_cancelled_sink([&](resumable t) {
+    ++sunk;
+    t.destroy();
+  });
+  std::atomic<bool> go{false};
+  std::atomic<int> ran{0};
+  std::vector<std::thread> callers;
+  cancellation_source source;
+  auto post_one = [&](cancellation_token t) -> detached_task {
+    struct hop {
+      blocking_executor& e;
+      cancellation_token t;
+      bool cancelled = false;
+      bool await_ready() { return false; }
+      void await_suspend(std::coroutine_handle<> h) { e.post({resumable(h), t, &cancelled}); }
+      void await_resume() {}
+    };
+    co_await hop{*executor, t};
+    ++ran;
+    while (!go.load()) std::this_thread::sleep_for(1ms);
+  };
+  post_one({});
+  while (ran.load() < 1) std::this_thread::sleep_for(1ms);
+  post_one(source.token());  // queued: the only thread is busy
+  post_one({});              // queued too
+  source.request_cancellation();
+  go = true;
+  while (ran.load() < 2) std::this_thread::sleep_for(1ms);
+  EXPECT_EQ(sunk.load(), 1);
+  EXPECT_TRUE(executor->stop(2s));
+  EXPECT_EQ(executor->threads(), 0u);
+  post_one({});  // stopped: freed, never run
+  EXPECT_EQ(ran.load(), 2);
+}
+
+// Foreign threads (an SDK's, a driver's) post to the pool, the service and
+// the blocking executor while the last environment releases the runtime and
+// a new one starts it: none may touch a freed one (AddressSanitizer and
+// ThreadSanitizer judge), and every posted task either runs or is freed.
+struct settle_guard {
+  std::atomic<long>& settled;
+  ~settle_guard() { ++settled; }
+};
+detached_task post_from_foreign(int kind, std::atomic<long>& settled) {
+  settle_guard guard{settled};
+  if (kind == 0) {
+    co_await on_pool();
+  } else if (kind == 1) {
+    if (auto io = runtime::io()) co_await io->schedule();
+  } else {
+    co_await on_blocking();
+  }
+}
+
+TEST(Runtime, ForeignThreadsPostWhileTheRuntimeIsReleasedAndRestarted) {
+  std::atomic<bool> done{false};
+  std::atomic<long> started{0}, settled{0};
+  std::vector<std::thread> foreign;
+  for (int t = 0; t < 4; ++t) {
+    foreign.emplace_back([&, t] {
+      for (int i = 0; !done.load(); ++i) {
+        ++started;
+        post_from_foreign((t + i) % 3, settled);
+        if (i % 64 == 0) std::this_thread::yield();
+      }
+    });
+  }
+  for (int round = 0; round < 200; ++round) {
+    runtime::acquire(2);
+    std::this_thread::sleep_for(std::chrono::microseconds(200 + round % 7 * 50));
+    EXPECT_TRUE(runtime::release(2s));
+  }
+  done = true;
+  for (auto& t : foreign) t.join();
+  const auto deadline = std::chrono::steady_clock::now() + 5s;
+  while (settled.load() != started.load() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(1ms);
+  }
+  EXPECT_EQ(settled.load(), started.load());
+  EXPECT_GT(started.load(), 200);
 }
 
 }  // namespace

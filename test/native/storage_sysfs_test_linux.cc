@@ -13,7 +13,7 @@ namespace ostrel::storage {
 namespace {
 
 std::string fixtures() {
-  return (std::filesystem::path(__FILE__).parent_path().parent_path() / "fixtures" / "storage").string();
+  return (std::filesystem::path(OSTREL_TEST_FIXTURES) / "storage").string();
 }
 
 std::shared_ptr<storage_source> desktop() {
