@@ -1,6 +1,8 @@
 // Type declarations for ostrel, the native add-on of the desktop client.
-// Every export is attached in a fixed order; Object.keys(require('ostrel'))
-// lists exactly these twenty names in this order.
+// The types come first, by subsystem; the twenty exports follow at the end in
+// the order the module attaches them, which is the order
+// Object.keys(require('ostrel')) lists. `npm test` compiles this file with
+// `tsc --strict` against test/types/usage.ts.
 //
 // Conventions shared by every export:
 // - A wrong argument count throws Error("Wrong number of arguments")
@@ -12,16 +14,28 @@
 // - A pending operation or an open session keeps the process alive; closing
 //   it lets the process exit.
 
-// ---------------------------------------------------------------- module --
-
-/** The add-on's version, "1.5.14". Takes no arguments (extra ones are ignored). */
-export function getVersion(): string;
-
 // ---------------------------------------------------------------- watch --
 // See docs/watch.md.
 
-/** What a changed item is: the scan's file object without dirPath. */
-export type WatchFileStat = Omit<FileObject, 'dirPath'>;
+/**
+ * What a changed item is: the scan's file object without dirPath, and with
+ * relativePath before relativeDir. Own properties in exactly this order.
+ */
+export interface WatchFileStat {
+  absolutePath: string;
+  name: string;
+  relativePath: string;
+  relativeDir: string;
+  isFile: boolean;
+  hidden: boolean;
+  isSystem: boolean;
+  size: number;
+  ino: number;
+  ctimeMs: number;
+  mtimeMs: number;
+  birthtimeMs: number;
+  readable: boolean;
+}
 
 export type WatchEventName =
   | 'add' | 'addDir' | 'unlink' | 'unlinkDir' | 'change' | 'changeDir'
@@ -61,22 +75,6 @@ export interface WatchOptions {
   /** Deliver a lost interval of changes as a WatchError with code "OVERFLOW" (default false: silent). */
   reportOverflow?: boolean;
 }
-
-/**
- * Watches the folder tree at `root`. `onEvent` receives arrays of events
- * (in the order of the changes, per kind: files, folders) and WatchError
- * objects; `onReady` is called with no arguments once the watch is armed
- * (again after the root came back). Returns "CloseFileWatch", which stops
- * the session; calling it again does nothing. Throws "Wrong number of
- * arguments" for other than 3 or 4 arguments, "Wrong arguments" for wrong
- * types, and an Error naming the option for a pattern that does not compile.
- */
-export function StartFileWatch(
-  root: string,
-  onEvent: (eventsOrError: WatchEvent[] | WatchError) => void,
-  onReady: () => void,
-  options?: WatchOptions,
-): () => void;
 
 // ---------------------------------------------------------- storage --
 // See docs/storage.md.
@@ -129,19 +127,6 @@ export interface StorageListOptions {
   timeoutMs?: number;
 }
 
-/**
- * The logical drives, in the system's order. Never rejects: failures are
- * logged and give an empty (or shorter) list. Arguments other than an
- * options object are ignored.
- */
-export function GetDriveList(options?: StorageListOptions): Promise<DriveObject[]>;
-
-/**
- * The mounted logical disks with their physical disks, in the system's
- * order. Never rejects, as GetDriveList.
- */
-export function GetHardwareDisk(options?: StorageListOptions): Promise<HardwareDiskObject[]>;
-
 // ---- Portable devices (docs/mtp.md). Windows; on Linux GetMtpDevices
 // resolves [] and the other three reject "... is not supported on this platform".
 
@@ -163,12 +148,20 @@ export type MtpContentType = 'IMAGE' | 'VIDEO' | 'FOLDER' | 'UNKNOW';
 export interface MtpFile {
   objectId: string;
   parentId: string;
-  /** The original file name, else the object name, else "". */
+  /**
+   * The original file name, else the object name, else "". The device's own
+   * text: may hold "..", separators, control characters or reserved names;
+   * never join it into a local path unchecked (docs/mtp.md, "Names").
+   */
   name: string;
   contentType: MtpContentType;
   /** Bytes; 0 when the device does not say. */
   size: number;
-  /** Milliseconds since 1970-01-01 UTC, null when the device does not say. */
+  /**
+   * The device's wall-clock time (an MTP date has no zone) as milliseconds
+   * since 1970-01-01 of that reading taken as UTC: read it with the getUTC*
+   * methods. null when the device does not say (docs/mtp.md, "Dates").
+   */
   createdMs: number | null;
   modifiedMs: number | null;
   /** The storage (top-level functional object) the object lives on. */
@@ -208,28 +201,6 @@ export interface MtpCopyResult {
   bytes: number;
 }
 
-export function GetMtpDevices(): Promise<MtpDevice[]>;
-/** Lists the objects under a folder (the whole device when omitted). */
-export function GetMtpFilesById(
-  deviceId: string,
-  folderObjectId?: string | null,
-  options?: MtpListOptions,
-): Promise<MtpFileList>;
-/** Copies an object's data to a new local file. */
-export function GetMtpFileById(
-  deviceId: string,
-  objectId: string,
-  destinationPath: string,
-  options?: MtpCopyOptions,
-): Promise<MtpCopyResult>;
-/** Copies an object's thumbnail to a new local file. */
-export function GetMtpThumbnailById(
-  deviceId: string,
-  objectId: string,
-  destinationPath: string,
-  options?: MtpCopyOptions,
-): Promise<MtpCopyResult>;
-
 // ----------------------------------------------------------------- media --
 // The media bridge over the closed media SDK (see docs/media.md). The SDK is
 // found automatically by CreateMediaPlayer and ReadMediaDuration, or named
@@ -243,14 +214,6 @@ export interface InitCorvexOptions {
   /** Bind the network library (only with a BigInt znetPointer). */
   znetAvailable?: boolean;
 }
-
-/**
- * Initialises the SDK from `options.corvexDir` and binds the network
- * library. Does nothing once the SDK is initialised. Throws the Node-API
- * error for a missing or non-string corvexDir, and an Error for a NUL
- * character in it; load failures are only logged and reported.
- */
-export function InitCorvexSync(options: InitCorvexOptions): undefined;
 
 /** Script event names; any other name is registered as "info". */
 export type CorvexEventName =
@@ -276,58 +239,6 @@ export interface CorvexPrepareOptions {
   /** Request headers: own enumerable properties, names and values converted to strings. */
   headers?: Record<string, unknown>;
 }
-
-/**
- * One player of the media SDK. Hold it until dispose(): an undisposed player
- * keeps the process (or Worker) alive and goes on delivering its events even
- * when script no longer references it.
- */
-export class CorvexMediaPlayer {
-  /** Creates the SDK player when the SDK is initialised; otherwise every command fails. */
-  constructor();
-  /** The SDK's version text ("" without a function table). */
-  readonly version: string;
-  /** Milliseconds; 0 when unknown. */
-  readonly currentTime: number;
-  readonly duration: number;
-  readonly playableDuration: number;
-  readonly paused: boolean;
-  readonly playing: boolean;
-  readonly buffering: boolean;
-  /** Rejects "invalid arguments" (no or a non-string url), "not init" (no player), "prepare failed". */
-  prepare(url: string, options?: CorvexPrepareOptions): Promise<void>;
-  /** With a url: prepares and starts it; without: starts the prepared source, else rejects "not init". Rejects "play failed". */
-  play(url?: string, options?: CorvexPrepareOptions): Promise<void>;
-  /** Plays the fixed demo URL, as play(url). */
-  playDemo(): Promise<void>;
-  pause(): boolean;
-  /** Stops, forgets the prepared source, volume back to 1.0, unmuted; always true. */
-  stop(): true;
-  setCorvexStr(text: string): boolean;
-  setPlaySpeed(speed: unknown): boolean;
-  /** Stores min(volume, 1); applied unless muted. */
-  setVolume(volume: number): boolean;
-  setMute(muted: boolean): boolean;
-  /** False without an SDK call outside 0..duration. */
-  seekTo(positionMs: number): boolean;
-  addEventListener(name: CorvexEventName | string, listener: (this: CorvexMediaPlayer, event: CorvexEvent) => void): void;
-  /** Destroys the SDK player and releases everything; true, also when called again. */
-  dispose(): true;
-}
-
-/** Resolves a new player; rejects "CreateMediaPlayer failed: corvex not initialized" without an SDK. */
-export function CreateMediaPlayer(): Promise<CorvexMediaPlayer>;
-
-/**
- * The playing time of a file or URL in milliseconds. Throws "Wrong number of
- * arguments" for other than one argument; rejects "ReadMediaDuration failed:
- * Corvex not inited" without an SDK and "ReadMediaDurationAsync failed" when
- * the SDK cannot prepare it within 10 s.
- */
-export function ReadMediaDuration(path: string): Promise<number>;
-
-/** Whether video frames can be shared as GPU textures; computed once per process. */
-export function CheckExternalTextureSupport(): boolean;
 
 // ------------------------------------------------------------- telemetry --
 // Script-side receivers of the add-on's telemetry. Every delivery happens
@@ -371,30 +282,6 @@ export interface FactSink {
   corvex(name: string, attributes: Record<string, string>): unknown;
 }
 
-/**
- * Adds a reporter; events reported before the first registration are
- * delivered to it. Keeps the process alive until UnRegisterTvkReporters.
- * Logs "RegisterTvkReporter end". Returns its argument.
- */
-export function RegisterTvkReporter<T extends TvkReporter>(reporter: T): T;
-/** Emits a test event (category 300, "test") and the statistics "ReportTest" (x4) and "ReportTest1000". */
-export function ReportTest(arg: unknown): void;
-/** Drops every reporter. */
-export function UnRegisterTvkReporters(): void;
-/**
- * Adds a tracer: aggregated call statistics reach it as one span per name,
- * at most every 500 ms. Keeps the process alive until UnRegisterTracers.
- * Logs "RegisterTracer end". Returns its argument.
- */
-export function RegisterTracer<T extends Tracer>(tracer: T): T;
-/** Drops every tracer. */
-export function UnRegisterTracers(): void;
-/**
- * Adds a fact sink (there is no way to remove one); facts posted while no
- * sink is registered are dropped. Does not keep the process alive. Logs
- * "RegisterFact end". Returns its argument.
- */
-export function RegisterFact<T extends FactSink>(sink: T): T;
 // ------------------------------------------------------- end of telemetry --
 
 // ------------------------------------------------------------------ scan --
@@ -559,6 +446,52 @@ export interface ScanOptions {
 /** Stops the scan it was returned by; no callback runs afterwards. Idempotent. */
 export type CloseScanFiles = () => void;
 
+// ------------------------------------------------------------ end of scan --
+
+// --------------------------------------------------------------- exports --
+// The twenty exports, in the order the module attaches them (Object.keys).
+
+/**
+ * Watches the folder tree at `root`. `onEvent` receives arrays of events
+ * (in the order of the changes, per kind: files, folders) and WatchError
+ * objects; `onReady` is called with no arguments once the watch is armed
+ * (again after the root came back). Returns "CloseFileWatch", which stops
+ * the session; calling it again does nothing. Throws "Wrong number of
+ * arguments" for other than 3 or 4 arguments, "Wrong arguments" for wrong
+ * types, and an Error naming the option for a pattern that does not compile.
+ */
+export function StartFileWatch(
+  root: string,
+  onEvent: (eventsOrError: WatchEvent[] | WatchError) => void,
+  onReady: () => void,
+  options?: WatchOptions,
+): () => void;
+
+export function GetMtpDevices(): Promise<MtpDevice[]>;
+
+/** Lists the objects under a folder (the whole device when omitted). */
+export function GetMtpFilesById(
+  deviceId: string,
+  folderObjectId?: string | null,
+  options?: MtpListOptions,
+): Promise<MtpFileList>;
+
+/** Copies an object's data to a new local file. */
+export function GetMtpFileById(
+  deviceId: string,
+  objectId: string,
+  destinationPath: string,
+  options?: MtpCopyOptions,
+): Promise<MtpCopyResult>;
+
+/** Copies an object's thumbnail to a new local file. */
+export function GetMtpThumbnailById(
+  deviceId: string,
+  objectId: string,
+  destinationPath: string,
+  options?: MtpCopyOptions,
+): Promise<MtpCopyResult>;
+
 /**
  * Walks `root` depth first. `update` receives batches (at most one per
  * ~100 ms of walking); `result` receives the counts once the walk is done,
@@ -575,6 +508,111 @@ export function ScanAllSubFiles(
   root: string,
   update: (update: ScanUpdate) => void,
   result: (result: ScanResult) => void,
-  options: ScanOptions | object,
+  options: ScanOptions,
 ): CloseScanFiles;
-// ------------------------------------------------------------ end of scan --
+
+/**
+ * The mounted logical disks with their physical disks, in the system's
+ * order. Never rejects, as GetDriveList.
+ */
+export function GetHardwareDisk(options?: StorageListOptions): Promise<HardwareDiskObject[]>;
+
+/** Whether video frames can be shared as GPU textures; computed once per process. */
+export function CheckExternalTextureSupport(): boolean;
+
+/**
+ * The logical drives, in the system's order. Never rejects: failures are
+ * logged and give an empty (or shorter) list. Arguments other than an
+ * options object are ignored.
+ */
+export function GetDriveList(options?: StorageListOptions): Promise<DriveObject[]>;
+
+/**
+ * One player of the media SDK. Hold it until dispose(): an undisposed player
+ * keeps the process (or Worker) alive and goes on delivering its events even
+ * when script no longer references it.
+ */
+export class CorvexMediaPlayer {
+  /** Creates the SDK player when the SDK is initialised; otherwise every command fails. */
+  constructor();
+  /** The SDK's version text ("" without a function table). */
+  readonly version: string;
+  /** Milliseconds; 0 when unknown. */
+  readonly currentTime: number;
+  readonly duration: number;
+  readonly playableDuration: number;
+  readonly paused: boolean;
+  readonly playing: boolean;
+  readonly buffering: boolean;
+  /** Rejects "invalid arguments" (no or a non-string url), "not init" (no player), "prepare failed". */
+  prepare(url: string, options?: CorvexPrepareOptions): Promise<void>;
+  /** With a url: prepares and starts it; without: starts the prepared source, else rejects "not init". Rejects "play failed". */
+  play(url?: string, options?: CorvexPrepareOptions): Promise<void>;
+  /** Plays the fixed demo URL, as play(url). */
+  playDemo(): Promise<void>;
+  pause(): boolean;
+  /** Stops, forgets the prepared source, volume back to 1.0, unmuted; always true. */
+  stop(): true;
+  setCorvexStr(text: string): boolean;
+  setPlaySpeed(speed: unknown): boolean;
+  /** Stores min(volume, 1); applied unless muted. */
+  setVolume(volume: number): boolean;
+  setMute(muted: boolean): boolean;
+  /** False without an SDK call outside 0..duration. */
+  seekTo(positionMs: number): boolean;
+  addEventListener(name: CorvexEventName | string, listener: (this: CorvexMediaPlayer, event: CorvexEvent) => void): void;
+  /** Destroys the SDK player and releases everything; true, also when called again. */
+  dispose(): true;
+}
+
+/** Resolves a new player; rejects "CreateMediaPlayer failed: corvex not initialized" without an SDK. */
+export function CreateMediaPlayer(): Promise<CorvexMediaPlayer>;
+
+/**
+ * The playing time of a file or URL in milliseconds. Throws "Wrong number of
+ * arguments" for other than one argument; rejects "ReadMediaDuration failed:
+ * Corvex not inited" without an SDK and "ReadMediaDurationAsync failed" when
+ * the SDK cannot prepare it within 10 s.
+ */
+export function ReadMediaDuration(path: string): Promise<number>;
+
+/**
+ * Adds a reporter; events reported before the first registration are
+ * delivered to it. Keeps the process alive until UnRegisterTvkReporters.
+ * Logs "RegisterTvkReporter end". Returns its argument.
+ */
+export function RegisterTvkReporter<T extends TvkReporter>(reporter: T): T;
+
+/** Emits a test event (category 300, "test") and the statistics "ReportTest" (x4) and "ReportTest1000". */
+export function ReportTest(arg: unknown): void;
+
+/** Drops every reporter. */
+export function UnRegisterTvkReporters(): void;
+
+/**
+ * Adds a tracer: aggregated call statistics reach it as one span per name,
+ * at most every 500 ms. Keeps the process alive until UnRegisterTracers.
+ * Logs "RegisterTracer end". Returns its argument.
+ */
+export function RegisterTracer<T extends Tracer>(tracer: T): T;
+
+/** Drops every tracer. */
+export function UnRegisterTracers(): void;
+
+/**
+ * Adds a fact sink (there is no way to remove one); facts posted while no
+ * sink is registered are dropped. Does not keep the process alive. Logs
+ * "RegisterFact end". Returns its argument.
+ */
+export function RegisterFact<T extends FactSink>(sink: T): T;
+
+/** The add-on's version, "1.5.14". Takes no arguments (extra ones are ignored). */
+export function getVersion(): string;
+
+/**
+ * Initialises the SDK from `options.corvexDir` and binds the network
+ * library. Does nothing once the SDK is initialised. Throws the Node-API
+ * error for a missing or non-string corvexDir, and an Error for a NUL
+ * character in it; load failures are only logged and reported.
+ */
+export function InitCorvexSync(options: InitCorvexOptions): undefined;

@@ -19,7 +19,7 @@ const rounds = roundsAt >= 0 ? String(Number(args[roundsAt + 1]) || 7) : '7';
 const envDir = wine ? process.env.OSTREL_WIN_BUILD_DIR : process.env.OSTREL_BUILD_DIR;
 const buildDir = path.resolve(root, envDir || path.join('build', wine ? 'win32' : 'linux'));
 if (!fs.existsSync(path.join(buildDir, 'CMakeCache.txt'))) {
-  console.error(`${buildDir} is not a configured build folder: run npm run build first (or set ${wine ? 'OSTREL_WIN_BUILD_DIR' : 'OSTREL_BUILD_DIR'})`);
+  console.error(`${buildDir} is not a configured build folder: run npm run compile first (or set ${wine ? 'OSTREL_WIN_BUILD_DIR' : 'OSTREL_BUILD_DIR'})`);
   process.exit(2);
 }
 const build = spawnSync('cmake', ['--build', buildDir, '--target', 'ostrel_regex_bench'], { stdio: ['ignore', 'ignore', 'inherit'] });

@@ -26,11 +26,13 @@ for (const c of [
 commands.help = makeHelp(commands);
 const aliases = { '--help': 'help', '-h': 'help', '--version': 'version', '-v': 'version' };
 
-// The native module writes its own log lines ("Ostrel Initializing ...") to
-// standard output unless told otherwise; the command line keeps standard
-// output for its results and sends those lines to standard error.
+// The native module writes its progress and some failure lines
+// ("Ostrel Initializing ...", "shouldFlush failed again, ...") to standard
+// output unless OSTREL_LOG_STDOUT=stderr; the command line keeps standard
+// output for its results (JSON lines with --json), so every module line goes
+// to standard error here, whatever the caller's environment says.
 function loadModule() {
-  if (!process.env.OSTREL_LOG_STDOUT) process.env.OSTREL_LOG_STDOUT = 'stderr';
+  process.env.OSTREL_LOG_STDOUT = 'stderr';
   try {
     return require(path.join(__dirname, '..'));
   } catch (err) {

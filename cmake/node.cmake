@@ -15,8 +15,21 @@ if(NOT EXISTS "${NODE_API_HEADERS_DIR}/include/node_api.h" OR NOT EXISTS "${NODE
 endif()
 
 # uv.h comes from the Node installation (Debian's nodejs ships it, with
-# uv/win.h for the cross build).
-find_path(OSTREL_UV_INCLUDE uv.h PATHS /usr/include/node /usr/local/include/node NO_CMAKE_FIND_ROOT_PATH)
+# uv/win.h for the cross build): node-gyp's header folder when npm names one
+# (a package's "node_gyp_nodedir" config), else the installation of the node
+# on PATH, else the usual prefixes.
+find_program(OSTREL_NODE node NO_CMAKE_FIND_ROOT_PATH)
+set(node_prefixes "$ENV{npm_package_config_node_gyp_nodedir}" "$ENV{npm_config_nodedir}")
+if(OSTREL_NODE)
+  file(REAL_PATH "${OSTREL_NODE}" node_exe)
+  get_filename_component(node_bin "${node_exe}" DIRECTORY)
+  get_filename_component(node_prefix "${node_bin}" DIRECTORY)
+  list(APPEND node_prefixes "${node_prefix}")
+endif()
+list(APPEND node_prefixes /usr /usr/local)
+list(FILTER node_prefixes EXCLUDE REGEX "^$")
+list(TRANSFORM node_prefixes APPEND "/include/node")
+find_path(OSTREL_UV_INCLUDE uv.h PATHS ${node_prefixes} NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
 if(NOT OSTREL_UV_INCLUDE)
   message(FATAL_ERROR "uv.h not found: install Node.js with its headers (Debian package nodejs)")
 endif()

@@ -1,24 +1,27 @@
 #!/usr/bin/env bash
-# Installs what the build and the tests need, when it is missing: Debian
-# packages (as root, through apt-get), the npm packages of the project and of
-# the Windows Node.js used under Wine, and a Wine prefix inside build/.
+# Installs what the builds and the tests need, when it is missing: what
+# building the module needs (scripts/setup-module.sh, all that `npm start`
+# runs), then the Debian packages of the tests and of the Windows build (as
+# root, through apt-get), the Windows Node.js used under Wine, and a Wine
+# prefix inside build/.
 # Safe to run again: each step is skipped when its result is already there.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 log() { printf '[setup] %s\n' "$*"; }
 
+# What building the module needs (compiler, CMake, headers, npm packages).
+bash scripts/setup-module.sh
+
+# What the tests, the Windows build and the format check add.
 debian_packages=(
-  cmake make g++ pkg-config clang-format
+  pkg-config clang-format
   googletest
   nlohmann-json3-dev
-  libboost1.81-dev
   g++-mingw-w64-x86-64-posix mingw-w64-tools binutils-mingw-w64-x86-64
   wine wine64
-  nodejs
   fuse3 libfuse3-dev
 )
-
 missing=()
 for p in "${debian_packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
@@ -29,12 +32,6 @@ if ((${#missing[@]})); then
   [ "$(id -u)" -eq 0 ] || SUDO="sudo"
   $SUDO apt-get update -qq
   DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
-fi
-
-# The Node-API headers (uv.h comes with Debian's nodejs package).
-if [ ! -f node_modules/node-addon-api/napi.h ] || [ ! -f node_modules/node-api-headers/include/node_api.h ]; then
-  log "installing npm packages"
-  npm install --no-audit --no-fund --loglevel=error
 fi
 
 # The Windows Node.js, in its own folder so that its node.exe never shadows

@@ -1,23 +1,48 @@
 #!/usr/bin/env bash
-# Builds what is missing and runs every suite: native unit tests, the JS
-# suites with the Linux node, the JS suites with the Windows node.exe under
-# Wine, and the unit tests under Wine. Ends with one line "N passed, N failed".
+# Builds what is missing and runs every suite: the typings check, the native
+# unit tests, the JS suites with the Linux node, the JS suites with the
+# Windows node.exe under Wine, and the unit tests under Wine. Ends with one
+# line "N passed, N failed".
 #   scripts/test.sh                 everything
-#   OSTREL_SUITES="native-js wine-js" scripts/test.sh   a subset
+#   OSTREL_SUITES="native-js wine-js" scripts/test.sh   a subset of:
+#       types native-unit native-js wine-js wine-unit, and install (the
+#       packed package installed into an empty folder; needs prebuilds/,
+#       made by 'npm run prebuild'; CI runs it)
 #   OSTREL_PRESET=linux-asan scripts/test.sh            native suites on another build
 #   OSTREL_JS_FILES="test/js/a.test.js" scripts/test.sh  some JS files only
 #   OSTREL_JS_PATTERN="wake-ups" scripts/test.sh         JS tests whose name matches
+#   OSTREL_JS_CONCURRENCY=1 scripts/test.sh              JS files one at a time
+# The native suites and the Wine suites are independent: they run side by
+# side (lanes, each building its own target first; the typings check in a
+# third), and node's test runner runs several files at once. Each suite's report is printed when it
+# ends, with its time; the raw output is in build/test-logs/<suite>.log.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 root="$PWD"
-suites="${OSTREL_SUITES:-native-unit native-js wine-js wine-unit}"
+suites="${OSTREL_SUITES:-types native-unit native-js wine-js wine-unit}"
 preset="${OSTREL_PRESET:-linux}"
 logs="$root/build/test-logs"
 mkdir -p "$logs"
+rm -f "$logs"/*.counts
+start_all=$SECONDS
 
-presets=("$preset")
-case " $suites " in *" wine-"*) presets+=(win32) ;; esac
-bash scripts/build.sh "${presets[@]}" || { echo "0 passed, 1 failed"; exit 1; }
+# OSTREL_JS_FILES narrows the JS suites to some files (space-separated).
+read -r -a js_files <<<"${OSTREL_JS_FILES:-$(echo test/js/*.test.js)}"
+js_pattern=()
+[ -n "${OSTREL_JS_PATTERN:-}" ] && js_pattern=(--test-name-pattern="$OSTREL_JS_PATTERN")
+# Files at a time: one per core natively (at least two); one under Wine
+# (with two, node.exe's test runner once stayed alive after its last report
+# until killed); one on the sanitizer builds, which run slower and print
+# more. Some cases time their
+# children in seconds: more files at once than cores made them fail on a
+# machine already busy.
+cores=$(nproc)
+case "$preset" in *san*) native_concurrency=1 ;; *) native_concurrency=$((cores > 2 ? cores : 2)) ;; esac
+native_js_concurrency=(--test-concurrency="${OSTREL_JS_CONCURRENCY:-$native_concurrency}")
+wine_js_concurrency=(--test-concurrency="${OSTREL_JS_CONCURRENCY:-1}")
+export OSTREL_TEST_PRESET="$preset"
+
+has_suite() { case " $suites " in *" $1 "*) return 0 ;; esac; return 1; }
 
 # Detaches what a crashed run of the dead-share cases left behind: stallfs
 # mounts under build/stallfs (test/fixtures/stallfs) and their drive letters
@@ -35,13 +60,16 @@ sweep_stallfs() {
 sweep_stallfs
 trap sweep_stallfs EXIT
 
-passed=0
-failed=0
-add() { passed=$((passed + $1)); failed=$((failed + $2)); }
+# Installs what is missing once, before the lanes build in parallel.
+if has_suite native-unit || has_suite native-js || has_suite wine-js || has_suite wine-unit || has_suite install; then
+  bash scripts/setup.sh >/dev/null || { echo "0 passed, 1 failed"; exit 1; }
+else
+  bash scripts/setup-module.sh >/dev/null || { echo "0 passed, 1 failed"; exit 1; }
+fi
 
-# Adds the counts a runner printed: the last number matched by each of two
-# patterns. A failing exit with no failure counted (a crash before the
-# runner could report) counts as one failure.
+# Counts a runner printed: the last number matched by each of two patterns,
+# written to <log>.counts as "passed failed". A failing exit with no failure
+# counted (a crash before the runner could report) counts as one failure.
 count() {
   local file=$1 rc=$2 pass_re=$3 fail_re=$4 p f
   p=$(grep -oE "$pass_re" "$file" | grep -oE '[0-9]+' | tail -1)
@@ -49,95 +77,203 @@ count() {
   p=${p:-0}
   f=${f:-0}
   if [ "$rc" -ne 0 ] && [ "$f" -eq 0 ]; then f=1; fi
-  add "$p" "$f"
+  echo "$p $f" >"${file%.log}.counts"
   echo "  $p passed, $f failed"
 }
 # GoogleTest: "[  PASSED  ] N tests" and "[  FAILED  ] N tests".
 count_gtest() { count "$1" "$2" '^\[  PASSED  \] [0-9]+' '^\[  FAILED  \] [0-9]+ tests?'; }
 # node's test runner: "# pass N" and "# fail N".
 count_node() { count "$1" "$2" '^(# |ℹ )pass [0-9]+' '^(# |ℹ )fail [0-9]+'; }
+# The five slowest top-level tests of a node test-runner log (TAP), where
+# a suite's time goes.
+slowest() {
+  awk '/^(not )?ok [0-9]+ - / { sub(/^(not )?ok [0-9]+ - /, ""); name = $0 }
+       /^  duration_ms: / && name != "" { printf "%8.1f s  %s\n", $2 / 1000, name; name = "" }' "$1" |
+    sort -rn | head -5 | sed 's/^/    slowest: /'
+}
+# One check that passes when the command does.
+count_one() {
+  local p=1 f=0
+  [ "$2" -eq 0 ] || { p=0; f=1; }
+  echo "$p $f" >"${1%.log}.counts"
+  echo "  $p passed, $f failed"
+}
 
-# OSTREL_JS_FILES narrows the JS suites to some files (space-separated).
-read -r -a js_files <<<"${OSTREL_JS_FILES:-$(echo test/js/*.test.js)}"
-js_pattern=()
-[ -n "${OSTREL_JS_PATTERN:-}" ] && js_pattern=(--test-name-pattern="$OSTREL_JS_PATTERN")
-export OSTREL_TEST_PRESET="$preset"
+# Fixtures both lanes read, made once before they start.
+fixtures() {
+  # The 200,000- and 120,000-file trees of the lifecycle tests: node.exe
+  # under Wine would take minutes to write them.
+  local big folders d
+  for folders in 200 120; do
+    big="build/test-fixtures/big-${folders}k"
+    if [ ! -f "$big/.complete" ]; then
+      rm -rf "$big"
+      for d in $(seq 0 $((folders - 1))); do mkdir -p "$big/d$d" && (cd "$big/d$d" && touch f{0..999}.txt); done
+      touch "$big/.complete"
+    fi
+  done
+  # The link loop of scan-walk.test.js (its LOOP_FILES and LOOP_LINKS) for
+  # the Wine run: node.exe under Wine can make no links.
+  local loop="build/test-fixtures/link-loop"
+  if [ ! -L "$loop/a/up" ] || [ ! -L "$loop/b/c/back" ]; then
+    rm -rf "$loop" && mkdir -p "$loop/a" "$loop/b/c"
+    echo -n a/f.txt >"$loop/a/f.txt" && echo -n b/c/h.txt >"$loop/b/c/h.txt" && echo -n g.txt >"$loop/g.txt"
+    ln -s .. "$loop/a/up" && ln -s ../.. "$loop/b/c/back"
+  fi
+}
 
-for suite in $suites; do
-  log="$logs/$suite.log"
+# Runs one suite; its report (and a short excerpt on failure) goes to
+# <suite>.out and is printed whole when the suite ends.
+run_suite() {
+  local suite=$1 log="$logs/$1.log" out="$logs/$1.out" t0=$SECONDS rc
   case "$suite" in
+    types)
+      {
+        echo "== typings: tsc --strict over index.d.ts and test/types/usage.ts"
+        node node_modules/typescript/bin/tsc -p test/types >"$log" 2>&1
+        rc=$?
+        [ $rc -eq 0 ] || head -40 "$log"
+        count_one "$log" $rc
+      } >"$out"
+      ;;
     native-unit)
-      echo "== native unit tests ($preset)"
-      "build/$preset/test/ostrel_unit_tests" >"$log" 2>&1
-      rc=$?
-      [ $rc -eq 0 ] || grep -E '^\[  FAILED  \]|Failure|error' "$log" | head -40
-      count_gtest "$log" $rc
+      {
+        echo "== native unit tests ($preset)"
+        "build/$preset/test/ostrel_unit_tests" >"$log" 2>&1
+        rc=$?
+        [ $rc -eq 0 ] || grep -E '^\[  FAILED  \]|Failure|error' "$log" | head -40
+        count_gtest "$log" $rc
+      } >"$out"
       ;;
     native-js)
-      echo "== JS suites, native node $(node --version) ($preset)"
-      sanitizer_env=()
-      case "$preset" in
-        *asan*)
-          # node itself is not instrumented: the runtime must come first, and
-          # node's own allocations at exit are not ours to report.
-          sanitizer_env=(LD_PRELOAD="$(gcc -print-file-name=libasan.so)" ASAN_OPTIONS=detect_leaks=0
-            UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1) ;;
-        *tsan*)
-          sanitizer_env=(LD_PRELOAD="$(gcc -print-file-name=libtsan.so)"
-            TSAN_OPTIONS="halt_on_error=1 suppressions=$root/scripts/tsan-node.supp") ;;
-      esac
-      env "${sanitizer_env[@]}" OSTREL_BUILD_DIR="build/$preset" node --test --test-reporter=tap "${js_pattern[@]}" "${js_files[@]}" >"$log" 2>&1
-      rc=$?
-      [ $rc -eq 0 ] || grep -B2 -A25 '^not ok' "$log" | head -150
-      count_node "$log" $rc
+      {
+        echo "== JS suites, native node $(node --version) ($preset)"
+        local sanitizer_env=()
+        case "$preset" in
+          *asan*)
+            # node itself is not instrumented: the runtime must come first, and
+            # node's own allocations at exit are not ours to report.
+            sanitizer_env=(LD_PRELOAD="$(gcc -print-file-name=libasan.so)" ASAN_OPTIONS=detect_leaks=0
+              UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1) ;;
+          *tsan*)
+            sanitizer_env=(LD_PRELOAD="$(gcc -print-file-name=libtsan.so)"
+              TSAN_OPTIONS="halt_on_error=1 suppressions=$root/scripts/tsan-node.supp") ;;
+        esac
+        env "${sanitizer_env[@]}" OSTREL_BUILD_DIR="build/$preset" node --test --test-reporter=tap "${native_js_concurrency[@]}" \
+          "${js_pattern[@]}" "${js_files[@]}" >"$log" 2>&1
+        rc=$?
+        [ $rc -eq 0 ] || grep -B2 -A25 '^not ok' "$log" | head -150
+        count_node "$log" $rc
+        slowest "$log"
+      } >"$out"
       ;;
     wine-js)
-      echo "== JS suites, Windows node.exe under Wine"
-      # As root, Wine's server opens any file; started without the DAC
-      # override capabilities it gets "access denied" like a Windows user
-      # would, so the suites can test unreadable files. The fixture is made
-      # here because node.exe cannot set Unix permissions.
-      # The 200,000-file tree of the exit tests: node.exe under Wine would
-      # take minutes to write it.
-      big="build/test-fixtures/big-200k"
-      if [ ! -f "$big/.complete" ]; then
-        rm -rf "$big"
-        for d in $(seq 0 199); do mkdir -p "$big/d$d" && (cd "$big/d$d" && touch f{0..999}.txt); done
-        touch "$big/.complete"
-      fi
-      denied="build/test-fixtures/denied"
-      [ -d "$denied" ] && chmod -R u+rwx "$denied"
-      rm -rf "$denied" && mkdir -p "$denied"
-      echo open >"$denied/open.txt" && echo secret >"$denied/secret.txt" && chmod 000 "$denied/secret.txt"
-      restricted=()
-      if [ "$(id -u)" -eq 0 ] && command -v setpriv >/dev/null; then
-        restricted=(setpriv --bounding-set=-dac_override,-dac_read_search)
-        WINEPREFIX="$root/build/wine-prefix" wineserver -k 2>/dev/null || true
-        export OSTREL_DENIED_FIXTURE="$denied"
-      fi
-      "${restricted[@]}" scripts/wine-node --test --test-reporter=tap "${js_pattern[@]}" "${js_files[@]}" >"$log" 2>&1
-      rc=$?
-      [ $rc -eq 0 ] || grep -B2 -A25 '^not ok' "$log" | head -150
-      count_node "$log" $rc
-      if ((${#restricted[@]})); then
-        unset OSTREL_DENIED_FIXTURE
-        WINEPREFIX="$root/build/wine-prefix" wineserver -k 2>/dev/null || true
-      fi
+      {
+        echo "== JS suites, Windows node.exe under Wine"
+        # As root, Wine's server opens any file; started without the DAC
+        # override capabilities it gets "access denied" like a Windows user
+        # would, so the suites can test unreadable files. The fixture is made
+        # here because node.exe cannot set Unix permissions.
+        local denied="build/test-fixtures/denied" restricted=()
+        [ -d "$denied" ] && chmod -R u+rwx "$denied"
+        rm -rf "$denied" && mkdir -p "$denied"
+        echo open >"$denied/open.txt" && echo secret >"$denied/secret.txt" && chmod 000 "$denied/secret.txt"
+        if [ "$(id -u)" -eq 0 ] && command -v setpriv >/dev/null; then
+          restricted=(setpriv --bounding-set=-dac_override,-dac_read_search)
+          WINEPREFIX="$root/build/wine-prefix" wineserver -k 2>/dev/null || true
+          export OSTREL_DENIED_FIXTURE="$denied"
+        fi
+        "${restricted[@]}" scripts/wine-node --test --test-reporter=tap "${native_js_concurrency[@]}" "${js_pattern[@]}" \
+          "${js_files[@]}" >"$log" 2>&1
+        rc=$?
+        [ $rc -eq 0 ] || grep -B2 -A25 '^not ok' "$log" | head -150
+        count_node "$log" $rc
+        slowest "$log"
+        if ((${#restricted[@]})); then
+          unset OSTREL_DENIED_FIXTURE
+          WINEPREFIX="$root/build/wine-prefix" wineserver -k 2>/dev/null || true
+        fi
+      } >"$out"
       ;;
     wine-unit)
-      echo "== native unit tests under Wine"
-      (cd build/win32/test && WINEPREFIX="$root/build/wine-prefix" WINEDEBUG=-all \
-        wine ./ostrel_unit_tests.exe >"$log" 2>&1 </dev/null)
-      rc=$?
-      [ $rc -eq 0 ] || grep -E '^\[  FAILED  \]|Failure' "$log" | head -40
-      count_gtest "$log" $rc
+      {
+        echo "== native unit tests under Wine"
+        (cd build/win32/test && WINEPREFIX="$root/build/wine-prefix" WINEDEBUG=-all \
+          wine ./ostrel_unit_tests.exe >"$log" 2>&1 </dev/null)
+        rc=$?
+        [ $rc -eq 0 ] || grep -E '^\[  FAILED  \]|Failure' "$log" | head -40
+        count_gtest "$log" $rc
+      } >"$out"
+      ;;
+    install)
+      {
+        echo "== the packed package installed into an empty folder (natively and under Wine)"
+        bash scripts/install-test.sh >"$log" 2>&1
+        rc=$?
+        [ $rc -eq 0 ] || tail -40 "$log"
+        count "$log" $rc '^install: [0-9]+ passed' '^install: [0-9]+ passed, [0-9]+ failed'
+      } >"$out"
       ;;
     *)
-      echo "unknown suite: $suite" >&2
-      add 0 1
+      { echo "unknown suite: $suite"; echo "0 1" >"${log%.log}.counts"; } >"$out"
       ;;
   esac
-done
+  echo "  ($suite: $((SECONDS - t0)) s)" >>"$out"
+  cat "$out"
+}
 
+# A lane builds what its suites need, then runs them one after the other.
+lane() {
+  local build_preset=$1 t0=$SECONDS
+  shift
+  (($#)) || return 0
+  if [ -n "$build_preset" ]; then
+    if ! OSTREL_SETUP_DONE=1 bash scripts/build.sh "$build_preset" >"$logs/build-$build_preset.log" 2>&1; then
+      cat "$logs/build-$build_preset.log"
+      for s in "$@"; do echo "0 1" >"$logs/$s.counts"; done
+      return
+    fi
+    echo "== built $build_preset ($((SECONDS - t0)) s)"
+  fi
+  for s in "$@"; do run_suite "$s"; done
+}
+
+native=()
+wine=()
+other=()
+for s in $suites; do
+  case "$s" in
+    native-*) native+=("$s") ;;
+    # The install test runs node.exe under Wine too: never while wine-js
+    # restarts the Wine server.
+    wine-* | install) wine+=("$s") ;;
+    *) other+=("$s") ;;
+  esac
+done
+if ((${#wine[@]})) || has_suite native-js; then fixtures; fi
+
+# Three lanes side by side: the typings check needs no build; the native
+# suites build the native preset first, the Wine suites win32 (the install
+# test packs the prebuilds and needs no build).
+native_build=""
+((${#native[@]})) && native_build="$preset"
+wine_build=""
+case " ${wine[*]} " in *" wine-"*) wine_build="win32" ;; esac
+lane "" "${other[@]}" &
+other_lane=$!
+lane "$native_build" "${native[@]}" &
+native_lane=$!
+lane "$wine_build" "${wine[@]}" &
+wine_lane=$!
+wait "$other_lane" "$native_lane" "$wine_lane"
+
+passed=0
+failed=0
+for s in $suites; do
+  read -r p f 2>/dev/null <"$logs/$s.counts" || { p=0; f=1; }
+  passed=$((passed + p))
+  failed=$((failed + f))
+done
+echo "== all suites: $((SECONDS - start_all)) s"
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

@@ -56,10 +56,11 @@ exit status: 0 done (also when there is no device); 1 the device list cannot be 
       return 0;
     }
     for (const d of list) {
-      const about = [d.deviceManufacturer, d.deviceModel].filter(Boolean).join(' ');
+      const p = format.printable;
+      const about = [d.deviceManufacturer, d.deviceModel].filter(Boolean).map(p).join(' ');
       io.stdout.write(
-        `${d.index}  ${d.deviceName || '(no name)'}${about ? `  ${about}` : ''}  ${d.deviceProtocol}` +
-          `${d.deviceSerialNumber ? `  serial ${d.deviceSerialNumber}` : ''}\n   id: ${d.deviceId}\n`,
+        `${d.index}  ${d.deviceName ? p(d.deviceName) : '(no name)'}${about ? `  ${about}` : ''}  ${p(d.deviceProtocol)}` +
+          `${d.deviceSerialNumber ? `  serial ${p(d.deviceSerialNumber)}` : ''}\n   id: ${p(d.deviceId)}\n`,
       );
     }
     return 0;
@@ -110,7 +111,10 @@ exit status: 0 done; 1 the device or folder cannot be listed (it went away, it i
       for (const f of list.fileList) io.stdout.write(`${JSON.stringify(f)}\n`);
     } else {
       for (const f of list.fileList) {
-        io.stdout.write(`${f.contentType.padEnd(6)}  ${format.bytes(f.size).padStart(9)}  ${f.objectId}  ${f.name}\n`);
+        io.stdout.write(
+          `${f.contentType.padEnd(6)}  ${format.bytes(f.size).padStart(9)}  ${format.printable(f.objectId)}  ` +
+            `${format.printable(f.name)}\n`,
+        );
       }
     }
     report.write(

@@ -18,6 +18,20 @@ function rate(perSecond) {
   return perSecond.toFixed(0);
 }
 
+// Text from outside (a device's object names and ids) made safe to print:
+// control characters (C0, DEL, C1), the bidirectional overrides and
+// isolates, line and paragraph separators and lone surrogates are written
+// as escapes (\x1b, \u202e), so a name cannot move the cursor, recolour the
+// terminal or pose as another line. Backslashes stay (device ids hold them
+// and are copied from this output).
+const UNPRINTABLE = /[\u0000-\u001f\u007f-\u009f\u061c\u200e\u200f\u2028-\u202e\u2066-\u2069]|\p{Surrogate}/gu;
+function printable(text) {
+  return String(text).replace(UNPRINTABLE, (c) => {
+    const code = c.charCodeAt(0);
+    return code < 0x100 ? `\\x${code.toString(16).padStart(2, '0')}` : `\\u${code.toString(16).padStart(4, '0')}`;
+  });
+}
+
 // One line on a terminal, rewritten in place with a carriage return at most
 // every `intervalMs`; padded so that a shorter line hides the longer one
 // before it, and cut to the terminal's width so that it never wraps.
@@ -47,4 +61,4 @@ class ProgressLine {
   }
 }
 
-module.exports = { bytes, rate, ProgressLine };
+module.exports = { bytes, rate, printable, ProgressLine };

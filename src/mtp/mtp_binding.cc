@@ -111,8 +111,12 @@ class call_state {
         sched_(owner->shared_scheduler()),
         sessions_(owner->sessions()),
         control_(std::make_shared<operation_control>()) {}
+  // An export that fails after holding its callbacks (a signal whose
+  // addEventListener throws) ends here with no reference on the scheduler,
+  // which is then stopped although the environment lives: release unless the
+  // environment has been cleaned up or this is another thread.
   ~call_state() {
-    if (sched_->is_main_thread() && !sched_->is_stopped()) release_script();
+    if (sched_->is_live_main_thread()) release_script();
   }
 
   scheduler& sched() { return *sched_; }
@@ -273,9 +277,9 @@ napi_value file_list_object(napi_env env, const std::vector<object_record>& obje
   napi_value list;
   napi_check(env, napi_create_array_with_length(env, objects.size(), &list));
   for (std::size_t i = 0; i < objects.size(); ++i) {
-    // A scope per few objects keeps the handle count bounded.
-    napi_handle_scope scope;
-    napi_check(env, napi_open_handle_scope(env, &scope));
+    // A scope per object keeps the handle count bounded; closed on every
+    // path, also when a call below throws.
+    Napi::HandleScope scope(env);
     const object_record& r = objects[i];
     napi_value o;
     napi_check(env, napi_create_object(env, &o));
@@ -289,7 +293,6 @@ napi_value file_list_object(napi_env env, const std::vector<object_record>& obje
                             make_string(env, r.storage_id)};
     for (int k = 0; k < 8; ++k) napi_check(env, napi_set_property(env, o, keys[k], values[k]));
     napi_check(env, napi_set_element(env, list, static_cast<std::uint32_t>(i), o));
-    napi_check(env, napi_close_handle_scope(env, scope));
   }
   listing_totals t = tally(objects);
   napi_value result;

@@ -18,15 +18,15 @@ std::string system_text(DWORD code) {
 }
 
 // A temporary file that is deleted unless it was renamed into place.
+// `destination` is in the long-path form, so neither name is bound by
+// MAX_PATH.
 class temporary_file {
  public:
   explicit temporary_file(const std::wstring& destination, const std::string& destination_utf8)
       : destination_utf8_(destination_utf8) {
     std::random_device rd;
     for (int attempt = 0; attempt < 8; ++attempt) {
-      wchar_t suffix[32];
-      swprintf(suffix, 32, L".%08x%08x.ostrel-part", rd(), rd());
-      path_ = destination + suffix;
+      path_ = temporary_name(destination, rd());
       handle_ = CreateFileW(path_.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
       if (handle_ != INVALID_HANDLE_VALUE) return;
       if (GetLastError() != ERROR_FILE_EXISTS) break;
@@ -91,6 +91,31 @@ bool exists(const std::wstring& path) {
   return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
+// The destination as a full path in the long-path form; throws for a name
+// Windows reserves (with the long-path form it would even be created).
+std::wstring checked_destination(const copy_request& request) {
+  if (const char* problem = destination_name_problem(request.destination)) {
+    throw mtp_failure(std::string(problem) + ": " + request.destination_utf8);
+  }
+  DWORD size = GetFullPathNameW(request.destination.c_str(), 0, nullptr, nullptr);
+  std::wstring full(size, L'\0');
+  DWORD n = size ? GetFullPathNameW(request.destination.c_str(), size, full.data(), nullptr) : 0;
+  if (n == 0 || n >= size) {
+    DWORD code = GetLastError();
+    throw mtp_failure("Failed to write " + request.destination_utf8 + ": " + system_text(code));
+  }
+  full.resize(n);
+  // The full path may name a device (the system turns some names into
+  // "\\.\CON"): checked again.
+  if (const char* problem = destination_name_problem(full)) {
+    throw mtp_failure(std::string(problem) + ": " + request.destination_utf8);
+  }
+  if (full.starts_with(L"\\\\.\\")) {
+    throw mtp_failure("The destination is a reserved device name: " + request.destination_utf8);
+  }
+  return long_path_form(full);
+}
+
 void check_cancel(const operation_control& control) {
   if (control.cancel.load(std::memory_order_relaxed)) throw mtp_failure("The copy was cancelled");
 }
@@ -100,7 +125,8 @@ void check_cancel(const operation_control& control) {
 std::uint64_t copy_object(const copy_request& request, operation_control& control) {
   com_apartment com;
   check_cancel(control);
-  if (!request.overwrite && exists(request.destination)) {
+  const std::wstring destination = checked_destination(request);
+  if (!request.overwrite && exists(destination)) {
     throw mtp_failure("The destination already exists: " + request.destination_utf8);
   }
   open_device device = open_for_reading(request.device_id);
@@ -124,7 +150,13 @@ std::uint64_t copy_object(const copy_request& request, operation_control& contro
     }
     throw mtp_failure("Object not found on the device: " + object_utf8);
   }
-  if (request.resource == resource_kind::data) control.total = read_u64(values.get(), wpd::object_size).value_or(0);
+  // The object's size, which a copy of its data must reach: a driver may
+  // end a stream early (some report a disconnect that way).
+  std::optional<std::uint64_t> expected;
+  if (request.resource == resource_kind::data) {
+    expected = read_u64(values.get(), wpd::object_size);
+    control.total = expected.value_or(0);
+  }
 
   com_ptr<IPortableDeviceResources> resources;
   hr = device.content->Transfer(resources.put());
@@ -148,7 +180,7 @@ std::uint64_t copy_object(const copy_request& request, operation_control& contro
                       ", hr = " + hresult_text(static_cast<std::uint32_t>(hr)));
   }
 
-  temporary_file file(request.destination, request.destination_utf8);
+  temporary_file file(destination, request.destination_utf8);
   const DWORD chunk = optimal >= 4096 && optimal <= (4u << 20) ? optimal : 256 * 1024;
   std::vector<BYTE> buffer(chunk);
   std::uint64_t copied = 0;
@@ -165,12 +197,18 @@ std::uint64_t copy_object(const copy_request& request, operation_control& contro
                         " bytes, hr = " + hresult_text(static_cast<std::uint32_t>(hr)));
     }
     if (read == 0) break;
+    // A driver claiming more than the buffer holds is not believed.
+    if (read > chunk) read = chunk;
     file.write(buffer.data(), read);
     copied += read;
     control.done = copied;
   }
   check_cancel(control);
-  file.commit(request.destination, request.overwrite);
+  if (expected && copied != *expected) {
+    throw mtp_failure("The device ended the copy of " + object_utf8 + " after " + std::to_string(copied) + " of " +
+                      std::to_string(*expected) + " bytes");
+  }
+  file.commit(destination, request.overwrite);
   return copied;
 }
 

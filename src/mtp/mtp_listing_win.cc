@@ -4,10 +4,12 @@
 // answers in large batches on its own thread), or, where the device does
 // not offer bulk requests, with one GetValues call per object on a shared
 // key collection. Folders and storages are descended into depth first.
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <mutex>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "mtp_ops.h"
@@ -45,7 +47,9 @@ object_record record_of(IPortableDeviceValues* v, const std::wstring& id) {
   r.id = id;
   r.parent_id = read_string(v, wpd::object_parent_id).value_or(L"");
   r.name = display_name(read_string(v, wpd::object_original_file_name), read_string(v, wpd::object_name));
-  r.kind = classify(read_guid(v, wpd::object_content_type));
+  std::optional<guid_value> type = read_guid(v, wpd::object_content_type);
+  r.kind = classify(type);
+  r.functional = type == content_type_functional_object;
   r.size = read_u64(v, wpd::object_size).value_or(0);
   r.created_ms = read_date_ms(v, wpd::object_date_created);
   r.modified_ms = read_date_ms(v, wpd::object_date_modified);
@@ -154,7 +158,10 @@ class lister {
   // Throws "Object not found on the device" for an unknown id.
   std::wstring storage_of(const std::wstring& folder) {
     std::wstring id = folder;
-    for (int depth = 0; depth < 4096; ++depth) {
+    std::unordered_set<std::wstring> seen;
+    // An ancestor met twice (a device whose parents form a loop) ends the
+    // walk up there.
+    while (seen.insert(id).second && seen.size() <= max_listing_depth * 4) {
       com_ptr<IPortableDeviceValues> values;
       HRESULT hr = properties_->GetValues(id.c_str(), keys_.get(), values.put());
       if (FAILED(hr) || !values) {
@@ -170,29 +177,13 @@ class lister {
 
   // Lists the children of `root` (and, recursively, theirs).
   void run(const std::wstring& root, const std::wstring& root_storage) {
-    struct frame {
-      std::vector<object_record> records;
-      std::size_t next = 0;
+    walk_hooks hooks;
+    hooks.children = [this](const std::wstring& parent, const std::wstring& storage) {
+      return read_children(parent, storage);
     };
-    std::vector<frame> stack;
-    stack.push_back({read_children(root, root_storage), 0});
-    while (!stack.empty()) {
-      frame& top = stack.back();
-      if (top.next == top.records.size()) {
-        stack.pop_back();
-        continue;
-      }
-      check_cancel(control_);
-      object_record record = std::move(top.records[top.next++]);
-      const bool descend = recursive_ && is_container(record.kind);
-      std::wstring id = record.id;
-      std::wstring storage = record.storage_id;
-      objects_.push_back(std::move(record));
-      if (descend) {
-        std::vector<object_record> children = read_children(id, storage);
-        stack.push_back({std::move(children), 0});
-      }
-    }
+    hooks.check_cancel = [this] { check_cancel(control_); };
+    hooks.log = [](const std::wstring& line) { log::err(narrow(line)); };
+    objects_ = walk_objects(root, root_storage, recursive_, hooks);
   }
 
   std::vector<object_record> take() { return std::move(objects_); }
@@ -219,12 +210,17 @@ class lister {
     return records;
   }
 
+  // The ids of the children of `parent`. A device gone throws
+  // mtp_failure; a folder the device will not list throws folder_unreadable
+  // (the caller decides whether that ends the listing).
   std::vector<std::wstring> children_of(const std::wstring& parent) {
     com_ptr<IEnumPortableDeviceObjectIDs> objects;
     HRESULT hr = device_.content->EnumObjects(0, parent.c_str(), nullptr, objects.put());
     if (FAILED(hr) || !objects) {
-      if (is_object_missing(hr)) throw mtp_failure("Object not found on the device: " + narrow(parent));
-      fail_listing(hr, parent);
+      if (is_device_gone(hr)) fail_listing(hr, parent);
+      if (is_object_missing(hr)) throw folder_unreadable("Object not found on the device: " + narrow(parent));
+      throw folder_unreadable("Failed to list " + narrow(parent) +
+                              ", hr = " + hresult_text(static_cast<std::uint32_t>(hr)));
     }
     std::vector<std::wstring> ids;
     LPWSTR batch[batch_size];
@@ -232,8 +228,14 @@ class lister {
       check_cancel(control_);
       ULONG fetched = 0;
       hr = objects->Next(batch_size, batch, &fetched);
-      if (FAILED(hr)) fail_listing(hr, parent);
-      for (ULONG i = 0; i < fetched && i < batch_size; ++i) {
+      if (FAILED(hr)) {
+        if (is_device_gone(hr)) fail_listing(hr, parent);
+        throw folder_unreadable("Failed to list " + narrow(parent) +
+                                ", hr = " + hresult_text(static_cast<std::uint32_t>(hr)));
+      }
+      // A driver may claim more than the room it was given.
+      if (fetched > batch_size) fetched = batch_size;
+      for (ULONG i = 0; i < fetched; ++i) {
         if (batch[i]) ids.emplace_back(batch[i]);
         CoTaskMemFree(batch[i]);
       }
@@ -284,8 +286,11 @@ class lister {
       control_.done = base + receiver->received();
       if (ended) break;
       const auto now = std::chrono::steady_clock::now();
-      if (receiver->received() != last_received || receiver->started() != seen_start) {
-        last_received = receiver->received();
+      // News is a result the request can still owe: a driver repeating
+      // results without end does not keep the listing waiting.
+      const std::uint64_t received = std::min<std::uint64_t>(receiver->received(), ids.size());
+      if (received != last_received || receiver->started() != seen_start) {
+        last_received = received;
         seen_start = receiver->started();
         last_news = now;
       } else if (!cancel_sent && now - last_news > bulk_stall_limit) {

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <optional>
 #include <string>
@@ -92,6 +93,7 @@ struct object_record {
   std::wstring parent_id;
   std::wstring name;
   content_kind kind = content_kind::unknown;
+  bool functional = false;  // a functional object (a storage or a service)
   std::uint64_t size = 0;
   std::optional<double> created_ms;
   std::optional<double> modified_ms;
@@ -102,10 +104,66 @@ struct object_record {
 std::wstring display_name(const std::optional<std::wstring>& original_file_name,
                           const std::optional<std::wstring>& object_name);
 
-// An automation date (days since 1899-12-30, fraction = time of day) as
-// milliseconds since 1970-01-01 UTC.
-double automation_date_to_unix_ms(double date);
-double unix_ms_to_automation_date(double ms);
+// A WPD date: an automation date (days since 1899-12-30; the fraction's
+// magnitude is the time of day, also for the days before, where -1.25 is
+// 1899-12-29 06:00) holding the device's wall-clock time, with no zone.
+// Returns the milliseconds since 1970-01-01 of that wall-clock reading taken
+// as UTC, rounded to the millisecond: no zone is applied, because the
+// device gives none and the computer's zone need not be the device's.
+// None for a value that is not a date from year 100 to 9999.
+std::optional<double> automation_date_to_wall_clock_ms(double date);
+
+// ---- the object graph of a listing
+
+// How deep a listing descends below its root. Real devices nest a few
+// levels; a driver whose folders lead ever deeper ends here.
+inline constexpr std::size_t max_listing_depth = 64;
+
+// A folder whose children the device will not give.
+class folder_unreadable : public std::exception {
+ public:
+  explicit folder_unreadable(std::string text) : text_(std::move(text)) {}
+  const char* what() const noexcept override { return text_.c_str(); }
+
+ private:
+  std::string text_;
+};
+
+struct walk_hooks {
+  // The records of the children of `parent_id`, in the device's order,
+  // their storage filled in. Throws folder_unreadable when the device will
+  // not list them (or anything else, which ends the walk).
+  std::function<std::vector<object_record>(const std::wstring& parent_id, const std::wstring& storage)> children;
+  // Called before each object; throws to stop the walk.
+  std::function<void()> check_cancel;
+  // A line for standard error.
+  std::function<void(const std::wstring&)> log;
+};
+// The objects under `root`, depth first, in the device's order, trusting
+// nothing of the device's graph: an object id met a second time (a folder
+// that lists itself, an ancestor or an object twice) is listed once and
+// not descended into again; folders deeper than max_listing_depth are not
+// descended into; a functional object that cannot be enumerated (a service
+// that holds no files) is listed and skipped. Each is logged. The root's
+// own children failing, or a folder's, throws their folder_unreadable.
+std::vector<object_record> walk_objects(const std::wstring& root, const std::wstring& root_storage, bool recursive,
+                                        const walk_hooks& hooks);
+
+// ---- copies
+
+// Why the last component of `path` cannot name a new file on Windows,
+// or null: a reserved device name ("CON", "nul.txt", "COM1", ...), or a
+// name ending in a dot or a space (which Windows would strip).
+const char* destination_name_problem(std::wstring_view path);
+// The long-path form ("\\?\C:\...", "\\?\UNC\server\share\...") of
+// a full path, so that no MAX_PATH limit applies; a path already in that
+// form is returned as it is.
+std::wstring long_path_form(std::wstring_view full_path);
+// The temporary file beside `destination` for a copy: the destination's
+// name (cut so that the component stays within 255 characters) followed by
+// ".<8 hex digits of random>.ostrel-part".
+std::wstring temporary_name(std::wstring_view destination, std::uint32_t random);
+inline constexpr std::size_t max_component_length = 255;
 
 struct listing_totals {
   std::uint64_t photos = 0;

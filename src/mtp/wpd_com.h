@@ -104,7 +104,8 @@ com_ptr<IPortableDeviceKeyCollection> make_keys(const PROPERTYKEY (&keys)[N]) {
 std::optional<std::wstring> read_string(IPortableDeviceValues* values, const PROPERTYKEY& key);
 std::optional<guid_value> read_guid(IPortableDeviceValues* values, const PROPERTYKEY& key);
 std::optional<std::uint64_t> read_u64(IPortableDeviceValues* values, const PROPERTYKEY& key);
-// A VT_DATE value as milliseconds since 1970.
+// A VT_DATE value as the milliseconds since 1970 of its wall-clock reading
+// (automation_date_to_wall_clock_ms); none when absent or not a date.
 std::optional<double> read_date_ms(IPortableDeviceValues* values, const PROPERTYKEY& key);
 
 // Result codes a device that went away gives.

@@ -136,7 +136,7 @@ std::optional<double> read_date_ms(IPortableDeviceValues* values, const PROPERTY
   PropVariantInit(&v);
   if (FAILED(values->GetValue(key, &v))) return std::nullopt;
   std::optional<double> ms;
-  if (v.vt == VT_DATE) ms = automation_date_to_unix_ms(v.date);
+  if (v.vt == VT_DATE) ms = automation_date_to_wall_clock_ms(v.date);
   PropVariantClear(&v);
   return ms;
 }

@@ -168,6 +168,38 @@ void check_arg_types(const Napi::CallbackInfo& info, std::initializer_list<napi_
   }
 }
 
+script_ref::script_ref(napi_env env, napi_value value) : env_(env), sched_(current_scheduler()) {
+  napi_check(env, napi_create_reference(env, value, 1, &ref_));
+}
+
+script_ref::script_ref(script_ref&& other) noexcept
+    : env_(other.env_), ref_(std::exchange(other.ref_, nullptr)), sched_(std::move(other.sched_)) {}
+
+script_ref& script_ref::operator=(script_ref&& other) noexcept {
+  if (this != &other) {
+    reset();
+    env_ = other.env_;
+    ref_ = std::exchange(other.ref_, nullptr);
+    sched_ = std::move(other.sched_);
+  }
+  return *this;
+}
+
+napi_value script_ref::value() const {
+  napi_value v = nullptr;
+  napi_check(env_, napi_get_reference_value(env_, ref_, &v));
+  return v;
+}
+
+void script_ref::reset() noexcept {
+  napi_ref r = std::exchange(ref_, nullptr);
+  std::shared_ptr<scheduler> s = std::move(sched_);
+  // TRICKY: only the environment's own main thread, before its clean-up,
+  // may delete: elsewhere (or later) the environment may be running script
+  // or may be freed already. The environment frees what is left here.
+  if (r && s && s->is_live_main_thread()) napi_delete_reference(env_, r);
+}
+
 promise::promise(napi_env env) : env_(env), owner_(environment::current()) {
   napi_check(env, napi_create_promise(env, &deferred_, &promise_));
 }

@@ -124,14 +124,44 @@ class promise {
   std::weak_ptr<environment> owner_;  // to keep quiet about promises its clean-up drops
 };
 
-// A script function kept alive across threads; released on the main thread.
-class function_ref {
+// A strong reference to a script value, owned by one object that threads
+// may share. It is deleted only on its environment's main thread before
+// that environment's clean-up. When the last owner lets go anywhere else (a
+// pool worker ending a task after the environment was cleaned up, or even
+// freed), the reference is left to the environment, whose end releases
+// what it held (node keeps only the reference's small record): a Node-API
+// call there would write into an environment that another thread is using
+// or that no longer exists.
+class script_ref {
  public:
-  explicit function_ref(Napi::Function fn) : ref_(Napi::Persistent(fn)) {}
-  Napi::Function value() const { return ref_.Value(); }
+  script_ref() = default;
+  // Main thread of the calling environment; throws elsewhere.
+  script_ref(napi_env env, napi_value value);
+  script_ref(script_ref&& other) noexcept;
+  script_ref& operator=(script_ref&& other) noexcept;
+  ~script_ref() { reset(); }
+
+  explicit operator bool() const noexcept { return ref_ != nullptr; }
+  napi_env env() const noexcept { return env_; }
+  // Main thread only.
+  napi_value value() const;
+  // Deletes the reference where that is safe, forgets it elsewhere.
+  void reset() noexcept;
 
  private:
-  Napi::FunctionReference ref_;
+  napi_env env_ = nullptr;
+  napi_ref ref_ = nullptr;
+  std::shared_ptr<scheduler> sched_;
+};
+
+// A script function kept alive across threads (see script_ref).
+class function_ref {
+ public:
+  explicit function_ref(Napi::Function fn) : ref_(fn.Env(), fn) {}
+  Napi::Function value() const { return Napi::Function(ref_.env(), ref_.value()); }
+
+ private:
+  script_ref ref_;
 };
 
 // A task that hops to the main thread and passes an Error with `message`

@@ -46,7 +46,14 @@ class scheduler : public std::enable_shared_from_this<scheduler> {
 
   bool is_main_thread() const noexcept;
   napi_env env() const noexcept;
+  // True while no reference is held (nothing pending) and after the
+  // environment's clean-up: a stopped scheduler does not mean that the
+  // environment has ended.
   bool is_stopped() const noexcept;
+  // True on the main thread of an environment that has not been cleaned up
+  // (stop() has not run): the only thread and time at which a script
+  // reference may be deleted.
+  bool is_live_main_thread() const noexcept;
 
   class schedule_operation {
    public:

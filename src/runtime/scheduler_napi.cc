@@ -52,6 +52,12 @@ bool scheduler::is_stopped() const noexcept {
   return stopped_;
 }
 
+bool scheduler::is_live_main_thread() const noexcept {
+  // stop() clears env_, so a later thread that happens to get the ended
+  // main thread's id is not taken for it.
+  return is_main_thread() && env() != nullptr;
+}
+
 std::size_t scheduler::queued() const {
   std::lock_guard lock(lock_);
   return queue_.size();

@@ -89,11 +89,7 @@ file_object_factory::file_object_factory(napi_env env) : env_(env) {
   napi_value source, function;
   napi_check(env, napi_create_string_utf8(env, factory_source, NAPI_AUTO_LENGTH, &source));
   napi_check(env, napi_run_script(env, source, &function));
-  napi_check(env, napi_create_reference(env, function, 1, &function_));
-}
-
-file_object_factory::~file_object_factory() {
-  if (function_) napi_delete_reference(env_, function_);
+  function_ = script_ref(env, function);
 }
 
 napi_value file_object_factory::make_update(const encoded_batch& batch, napi_value dir_path) const {
@@ -111,8 +107,7 @@ napi_value file_object_factory::make_update(const encoded_batch& batch, napi_val
   napi_check(env, napi_create_double(env, static_cast<double>(batch.file_count), &file_count));
   napi_check(env, napi_create_double(env, static_cast<double>(batch.record_count), &total));
 
-  napi_value function, undefined, result;
-  napi_check(env, napi_get_reference_value(env, function_, &function));
+  napi_value function = function_.value(), undefined, result;
   napi_check(env, napi_get_undefined(env, &undefined));
   napi_value args[] = {narrow, wide, numbers, file_count, total, dir_path};
   napi_check(env, napi_call_function(env, undefined, function, 6, args, &result));

@@ -10,6 +10,7 @@
 
 #include "batch_encoding.h"
 #include "file_info.h"
+#include "runtime/napi_util.h"
 
 namespace ostrel::scan {
 
@@ -21,8 +22,9 @@ napi_value file_info_to_object(napi_env env, const FileInfo& info, napi_value di
 // strings cut from one shared text.
 class file_object_factory {
  public:
+  // Main thread. The function is a script_ref, so the factory may be freed
+  // on any thread.
   explicit file_object_factory(napi_env env);
-  ~file_object_factory();  // main thread only
   file_object_factory(const file_object_factory&) = delete;
   file_object_factory& operator=(const file_object_factory&) = delete;
 
@@ -31,7 +33,7 @@ class file_object_factory {
 
  private:
   napi_env env_;
-  napi_ref function_ = nullptr;
+  script_ref function_;
 };
 
 }  // namespace ostrel::scan

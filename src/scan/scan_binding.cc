@@ -30,16 +30,15 @@ namespace ostrel {
 namespace scan {
 namespace {
 
-// What one call holds on the script side. Script references are created and
-// deleted on the main thread only; if the last owner lets go elsewhere (the
-// environment is being torn down) they are left to the environment.
+// What one call holds on the script side. Its script references (the two
+// callbacks, the factory's function) are script_refs: the last owner of the
+// session is often a pool worker whose delivery found the scheduler stopped,
+// after the environment was torn down, and the references are then left to
+// the environment.
 class scan_session {
  public:
   scan_session(std::shared_ptr<environment> env, std::shared_ptr<ScanData> data)
       : env_(env->env()), sched_(env->shared_scheduler()), data_(std::move(data)) {}
-  ~scan_session() {
-    if (sched_->is_main_thread() && !sched_->is_stopped()) release_script();
-  }
 
   scheduler& sched() { return *sched_; }
 
@@ -47,8 +46,8 @@ class scan_session {
   const std::shared_ptr<ScanData>& shared_data() { return data_; }
 
   void hold(napi_value update, napi_value result) {
-    napi_check(env_, napi_create_reference(env_, update, 1, &update_));
-    napi_check(env_, napi_create_reference(env_, result, 1, &result_));
+    update_ = script_ref(env_, update);
+    result_ = script_ref(env_, result);
     factory_ = std::make_unique<file_object_factory>(env_);
   }
 
@@ -72,30 +71,27 @@ class scan_session {
   // Main thread: the callbacks will not be called again.
   void release_script() {
     factory_.reset();
-    for (napi_ref* r : {&update_, &result_}) {
-      if (*r) napi_delete_reference(env_, *r);
-      *r = nullptr;
-    }
+    update_.reset();
+    result_.reset();
   }
 
   void deliver_update(const encoded_batch& batch);
   void deliver_result();
 
  private:
-  void call(napi_ref callback, napi_value argument, const char* what);
+  void call(const script_ref& callback, napi_value argument, const char* what);
 
   napi_env env_;
   std::shared_ptr<scheduler> sched_;
   std::shared_ptr<ScanData> data_;
-  napi_ref update_ = nullptr;
-  napi_ref result_ = nullptr;
+  script_ref update_;
+  script_ref result_;
   std::unique_ptr<file_object_factory> factory_;
   session_registry::ticket ticket_;
 };
 
-void scan_session::call(napi_ref callback, napi_value argument, const char* what) {
-  napi_value fn;
-  napi_check(env_, napi_get_reference_value(env_, callback, &fn));
+void scan_session::call(const script_ref& callback, napi_value argument, const char* what) {
+  napi_value fn = callback.value();
   script_call_result r = call_script(env_, fn, nullptr, 1, &argument);
   if (r.ok) return;
   if (r.terminating) {

@@ -1,6 +1,7 @@
 #include "scan_filters.h"
 
 #include <algorithm>
+#include <stdexcept>
 
 namespace ostrel::scan {
 
@@ -27,6 +28,12 @@ bool contains(const std::vector<native_string>& list, native_string_view value) 
   return std::find(list.begin(), list.end(), value) != list.end();
 }
 
+// A compiled list out of step with its sources is a bug of the caller: say
+// so instead of matching against a stale list.
+void require_compiled(bool ok) {
+  if (!ok) throw std::logic_error("scan filters used before they were compiled");
+}
+
 bool any_full_match(const std::vector<name_regex>& regs, native_string_view subject) {
   for (const auto& r : regs) {
     if (r.full_match(subject)) return true;
@@ -49,10 +56,22 @@ void ScanRule::compile() {
   compile_entries(covers, cover_regs);
 }
 
+bool ScanRule::compiled() const noexcept {
+  return dir_regs.size() == relativeDirPathRegList.size() && omit_regs.size() == omits.size() &&
+         cover_regs.size() == covers.size();
+}
+
 void ScanFilters::compile() {
   compile_list(ignoreFileRegs, ignore_file_regs);
   compile_list(ignoreDirRegs, ignore_dir_regs);
   for (auto& rule : rules) rule.compile();
+}
+
+bool ScanFilters::compiled() const noexcept {
+  if (ignore_file_regs.size() != ignoreFileRegs.size() || ignore_dir_regs.size() != ignoreDirRegs.size()) {
+    return false;
+  }
+  return std::all_of(rules.begin(), rules.end(), [](const ScanRule& r) { return r.compiled(); });
 }
 
 native_string lower_ascii(native_string_view text) {
@@ -85,13 +104,13 @@ NameParts split_name(native_string_view name) {
   return parts;
 }
 
-bool ignoreFile(ScanFilters& scan, native_string_view path) {
-  compile_list(scan.ignoreFileRegs, scan.ignore_file_regs);
+bool ignoreFile(const ScanFilters& scan, native_string_view path) {
+  require_compiled(scan.ignore_file_regs.size() == scan.ignoreFileRegs.size());
   return any_full_match(scan.ignore_file_regs, file_name_of(path));
 }
 
-bool ignoreDir(ScanFilters& scan, native_string_view name) {
-  compile_list(scan.ignoreDirRegs, scan.ignore_dir_regs);
+bool ignoreDir(const ScanFilters& scan, native_string_view name) {
+  require_compiled(scan.ignore_dir_regs.size() == scan.ignoreDirRegs.size());
   return any_full_match(scan.ignore_dir_regs, name);
 }
 
@@ -102,8 +121,8 @@ bool extFiltered(const ExtFilter& filter, native_string_view path) {
   return !contains(filter.includes, e);
 }
 
-bool ruleRejects(ScanRule& rule, native_string_view path) {
-  rule.compile();
+bool ruleRejects(const ScanRule& rule, native_string_view path) {
+  require_compiled(rule.compiled());
   NameParts parts = split_name(file_name_of(path));
   for (std::size_t i = 0; i < rule.omits.size(); ++i) {
     if (entry_takes(rule.omits[i], rule.omit_regs[i], parts)) return true;
@@ -115,7 +134,7 @@ bool ruleRejects(ScanRule& rule, native_string_view path) {
   return true;
 }
 
-bool fileRejected(ScanFilters& scan, native_string_view path, ScanRule* rule) {
+bool fileRejected(const ScanFilters& scan, native_string_view path, const ScanRule* rule) {
   if (!scan.fine_grained() || rule == nullptr) return false;
   if (ignoreFile(scan, path)) return true;
   if (rule->extFilter.present) {
@@ -126,7 +145,7 @@ bool fileRejected(ScanFilters& scan, native_string_view path, ScanRule* rule) {
   return ruleRejects(*rule, path);
 }
 
-bool walkFileRejected(ScanFilters& scan, native_string_view path, ScanRule* rule) {
+bool walkFileRejected(const ScanFilters& scan, native_string_view path, const ScanRule* rule) {
   if (scan.fine_grained()) return fileRejected(scan, path, rule);
   return ignoreFile(scan, path) || extFiltered(scan.extFilter, path);
 }

@@ -30,12 +30,15 @@ struct ScanRule {
   std::vector<MatchEntry> covers;
   ExtFilter extFilter;  // the rule's own; replaces the scan-level one when present
 
-  // Compiled forms, rebuilt whenever their count differs from the sources'.
+  // Compiled forms, built by compile() (or by the options reader) before
+  // any thread reads the rule; the tests below only read them.
   std::vector<name_regex> dir_regs;
   std::vector<name_regex> omit_regs;
   std::vector<name_regex> cover_regs;
-  // Throws invalid_pattern.
+  // Compiles every list whose compiled form is out of date. Throws
+  // invalid_pattern.
   void compile();
+  bool compiled() const noexcept;
 };
 
 struct ScanFilters {
@@ -57,8 +60,12 @@ struct ScanFilters {
   std::vector<name_regex> ignore_file_regs;
   std::vector<name_regex> ignore_dir_regs;
   // Compiles every list whose compiled form is out of date, the rules'
-  // included. Throws invalid_pattern.
+  // included. Throws invalid_pattern. Called once, on the main thread,
+  // before the filters are shared: the walk's threads and the watcher's
+  // loops read them at once, so the tests below never compile.
   void compile();
+  // Every compiled form matches its sources.
+  bool compiled() const noexcept;
   bool fine_grained() const noexcept { return !rules.empty(); }
 };
 
@@ -77,19 +84,23 @@ native_string lower_ascii(native_string_view text);
 // The file name of a path: its last component.
 native_string_view file_name_of(native_string_view path);
 
+// The tests read compiled filters only; filters whose compiled forms do not
+// match their sources (compile() was not called after a change) make them
+// throw std::logic_error rather than compile on whichever thread comes first.
+
 // True when an ignoreFileRegs expression fully matches the file's name.
-bool ignoreFile(ScanFilters& scan, native_string_view path);
+bool ignoreFile(const ScanFilters& scan, native_string_view path);
 // True when `filter` rejects the file for its extension.
 bool extFiltered(const ExtFilter& filter, native_string_view path);
 // The omit/cover test of one rule.
-bool ruleRejects(ScanRule& rule, native_string_view path);
+bool ruleRejects(const ScanRule& rule, native_string_view path);
 // The combined test of fine-grained mode; false outside it.
-bool fileRejected(ScanFilters& scan, native_string_view path, ScanRule* rule);
+bool fileRejected(const ScanFilters& scan, native_string_view path, const ScanRule* rule);
 
 // The test the walk applies to every file it produces: fileRejected in
 // fine-grained mode; otherwise ignoreFileRegs and the scan-level extFilter.
-bool walkFileRejected(ScanFilters& scan, native_string_view path, ScanRule* rule);
+bool walkFileRejected(const ScanFilters& scan, native_string_view path, const ScanRule* rule);
 // True when an ignoreDirRegs expression fully matches the folder's name.
-bool ignoreDir(ScanFilters& scan, native_string_view name);
+bool ignoreDir(const ScanFilters& scan, native_string_view name);
 
 }  // namespace ostrel::scan

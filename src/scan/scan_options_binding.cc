@@ -156,6 +156,7 @@ void read_scan_options(Napi::Env env, Napi::Object options, ScanFilters& filters
   filters.formatMsToSecond = read_bool(options, "formatMsToSecond");
   filters.needDirs = read_bool(options, "needDirs");
   filters.fastMetadata = read_bool(options, "fastMetadata");
+  filters.compile();  // every list is compiled above; the walk's threads only read them
 }
 
 void read_watch_options(Napi::Env env, Napi::Object options, ScanFilters& filters,
@@ -171,6 +172,7 @@ void read_watch_options(Napi::Env env, Napi::Object options, ScanFilters& filter
   if (get_if(options, "watchTargets", is_array, v)) watch_targets = native_elements(v, false);
   // extFilter is read a second time, as the options have always been read.
   if (get_if(options, "extFilter", is_object, v)) filters.extFilter = read_ext_filter(v, true);
+  filters.compile();  // every list is compiled above; the watch loops only read them
   reading_for = "ScanAllSubFiles";
 }
 

@@ -116,8 +116,7 @@ class walker {
       ancestors_.clear();
       return;
     }
-    for (auto& rule : f_.rules) {
-      rule.compile();
+    for (const auto& rule : f_.rules) {
       auto root = open_root();
       if (!root) return;  // the root cannot be listed: no rule finds anything
       ancestors_.assign(1, {root->id(), path_.size()});
@@ -198,7 +197,7 @@ class walker {
   // The fine-grained descent: at `depth` the folder's sub-folders must fully
   // match the rule's expression for that depth; when the list is used up the
   // folder reached is walked whole. False when the scan stopped.
-  bool descend(dir_listing& dir, std::shared_ptr<dir_listing> owned, std::size_t depth, ScanRule& rule) {
+  bool descend(dir_listing& dir, std::shared_ptr<dir_listing> owned, std::size_t depth, const ScanRule& rule) {
     if (depth == rule.dir_regs.size()) return walk_tree(std::move(owned), &rule);
     std::size_t saved = path_.size();
     dir_entry e;
@@ -226,7 +225,7 @@ class walker {
   // Walks the folder open in `root` (whose path is path_, and which is the
   // last of ancestors_) and everything beneath it, depth first, without
   // recursion. False when the scan stopped.
-  bool walk_tree(std::shared_ptr<dir_listing> root, ScanRule* rule) {
+  bool walk_tree(std::shared_ptr<dir_listing> root, const ScanRule* rule) {
     const std::size_t base = ancestors_.size();
     std::vector<frame> stack;
     stack.emplace_back();
@@ -280,7 +279,8 @@ class walker {
     return true;
   }
 
-  void file(const std::shared_ptr<dir_listing>& dir, const dir_entry& e, std::size_t name_offset, ScanRule* rule) {
+  void file(const std::shared_ptr<dir_listing>& dir, const dir_entry& e, std::size_t name_offset,
+            const ScanRule* rule) {
     if (leave_files_.contains(relative())) return;
     scan_->totalFileCount.fetch_add(1, std::memory_order_relaxed);
     if (walkFileRejected(f_, e.name, rule)) {
@@ -324,7 +324,7 @@ class walker {
   std::shared_ptr<ScanData> scan_;
   std::unique_ptr<stat_pipeline> pipeline_;
   std::vector<ancestor> ancestors_;
-  ScanFilters& f_;
+  const ScanFilters& f_;  // compiled before the walk started; only read
   leave_list leave_dirs_;
   leave_list leave_files_;
   native_string path_;

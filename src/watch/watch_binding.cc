@@ -40,8 +40,11 @@ class script_sink final : public watch_sink, public std::enable_shared_from_this
     napi_check(env, napi_create_reference(env, on_event, 1, &on_event_));
     napi_check(env, napi_create_reference(env, on_ready, 1, &on_ready_));
   }
+  // Elsewhere, or once the environment is cleaned up, the references are
+  // left to the environment (a stopped scheduler only means nothing is
+  // pending, not that the environment has ended).
   ~script_sink() override {
-    if (sched_->is_main_thread() && !sched_->is_stopped()) release();
+    if (sched_->is_live_main_thread()) release();
   }
 
   // Main thread: nothing is delivered from now on.

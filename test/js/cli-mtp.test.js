@@ -64,6 +64,7 @@ test('Windows: the device commands against the WPD test double', { skip: !isWind
         objects: [{ id: 's1', type: 'storage', name: 'Internal', children: [
           { id: 'a', type: 'image', name: 'a.jpg', data: 'abc', thumbnail: 't' },
           { id: 'v', type: 'video', name: 'v.mp4', size: 10 },
+          { id: 'e\u001b', type: 'document', name: 'x\u001b[2J\u0007\r\nIMAGE fake\u202e.txt', size: 0 },
         ] }],
       }),
     ],
@@ -79,9 +80,13 @@ test('Windows: the device commands against the WPD test double', { skip: !isWind
   assert.equal(files.status, 0, files.stderr);
   assert.match(files.stdout, /^FOLDER .* s1 {2}Internal$/m);
   assert.match(files.stdout, /^IMAGE .* a {2}a\.jpg$/m);
-  assert.match(files.stdout, /^3 objects in [0-9.]+ s: 1 photos, 1 videos, 13 B$/m);
+  assert.match(files.stdout, /^4 objects in [0-9.]+ s: 1 photos, 1 videos, 13 B$/m);
+  // A name cannot write control characters to the terminal or pose as a line.
+  assert.doesNotMatch(files.stdout, /[\u0000-\u0009\u000b-\u001f\u007f-\u009f\u202e]/);
+  assert.match(files.stdout, /^UNKNOW .* e\\x1b {2}x\\x1b\[2J\\x07\\x0d\\x0aIMAGE fake\\u202e\.txt$/m);
+  assert.equal(files.stdout.split('\n').filter((l) => l.startsWith('IMAGE')).length, 1);
   const json = cli(['device-files', 'p', 's1', '--json'], env);
-  assert.deepEqual(json.stdout.trim().split('\n').map((l) => JSON.parse(l).objectId), ['a', 'v']);
+  assert.deepEqual(json.stdout.trim().split('\n').map((l) => JSON.parse(l).objectId), ['a', 'v', 'e\u001b']);
   const missing = cli(['device-files', 'p', 'nope'], env);
   assert.equal(missing.status, 1);
   assert.match(missing.stderr, /Object not found on the device: nope/);

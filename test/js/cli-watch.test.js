@@ -75,3 +75,52 @@ test('ostrel watch usage errors exit 2, a missing folder 1', () => {
     assert.match(r.stderr, pattern);
   }
 });
+
+test('ostrel watch --json keeps every module line off standard output, whatever OSTREL_LOG_STDOUT says', async () => {
+  const dir = tempDir();
+  try {
+    const r = await new Promise((resolve, reject) => {
+      // A caller's environment asking for the module's lines on standard
+      // output must not mix them into the JSON lines.
+      const child = spawn(process.execPath, [bin, 'watch', '--json', dir], {
+        stdio: ['ignore', 'pipe', 'pipe'],
+        env: { ...process.env, OSTREL_LOG_STDOUT: 'stdout' },
+      });
+      let stdout = '';
+      let stderr = '';
+      let written = false;
+      const timer = setTimeout(() => {
+        child.kill('SIGKILL');
+        reject(new Error(`timed out\nstdout: ${stdout}\nstderr: ${stderr}`));
+      }, 30000);
+      const check = () => {
+        if (!written && /^watching /m.test(stderr)) {
+          written = true;
+          fs.writeFileSync(path.join(dir, 'one.txt'), 'x');
+        }
+        // The statistics of the watch's calls find no tracer registered: the
+        // module gives up flushing them with a failure line.
+        if (/"one\.txt"/.test(stdout) && /shouldFlush failed again/.test(stderr)) child.kill();
+      };
+      child.stdout.on('data', (d) => {
+        stdout += d;
+        check();
+      });
+      child.stderr.on('data', (d) => {
+        stderr += d;
+        check();
+      });
+      child.on('exit', () => {
+        clearTimeout(timer);
+        resolve({ stdout, stderr });
+      });
+    });
+    const lines = r.stdout.split('\n').filter(Boolean);
+    assert.ok(lines.length > 0, r.stderr);
+    for (const line of lines) assert.doesNotThrow(() => JSON.parse(line), `not a JSON line on standard output: ${line}`);
+    assert.match(r.stderr, /^Ostrel Initializing \.\.\.$/m);
+    assert.match(r.stderr, /^shouldFlush failed again, the current time duration is \d+$/m);
+  } finally {
+    fs.rmSync(dir, { recursive: true, force: true });
+  }
+});

@@ -29,8 +29,17 @@ function runChild(source, { timeout = 60000, env = {}, maxBuffer = 1024 * 1024, 
     maxBuffer,
     env: { ...process.env, ...env },
   });
-  return { status: r.status, signal: r.signal, stdout: r.stdout || '', stderr: r.stderr || '' };
+  const result = { status: r.status, signal: r.signal, stdout: r.stdout || '', stderr: r.stderr || '' };
+  // Under Wine a child that crashed may still end with status 0: Wine's
+  // report of the unhandled exception is what tells (as in scripts/wine-node).
+  if (isWindows && wineCrashReport.test(result.stderr + result.stdout)) {
+    result.status = null;
+    result.signal = 'wine: unhandled exception';
+  }
+  return result;
 }
+
+const wineCrashReport = /^wine: Unhandled |^Unhandled exception: .* in (32|64)-bit code|^wine: .*starting debugger/m;
 
 const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 

@@ -110,3 +110,37 @@ test('Linux: no device API', { skip: isWindows }, async (t) => {
     assert.doesNotMatch(r.stderr, /Assertion|Abort|Segmentation/);
   });
 });
+
+// A call that fails after it took its callbacks (here the signal's
+// addEventListener throws) lets go of them at once. It used to keep the
+// progress callback for the life of the environment whenever no other call
+// was pending: the state's destructor took "the scheduler holds no
+// reference" for "the environment has ended".
+test('a call that fails after taking its progress callback releases it', { skip: !isWindows }, () => {
+  const r = runChild(`
+    const gc = (require('v8').setFlagsFromString('--expose-gc'), require('vm').runInNewContext('gc'));
+    const ostrel = require('.');
+    const refs = [];
+    for (const name of ['GetMtpFilesById', 'GetMtpFileById']) {
+      (() => {
+        const onProgress = () => {};
+        refs.push(new WeakRef(onProgress));
+        const signal = { aborted: false, addEventListener() { throw new Error('no listeners here'); } };
+        const args = name === 'GetMtpFilesById' ? ['d', 'f'] : ['d', 'o', 'C:\\\\never-written.bin'];
+        try {
+          ostrel[name](...args, { onProgress, signal });
+          console.log('NO THROW ' + name);
+        } catch (e) {
+          console.log('THREW ' + e.message);
+        }
+      })();
+    }
+    setTimeout(() => {
+      gc();
+      setTimeout(() => console.log('HELD ' + refs.filter((w) => w.deref()).length), 10);
+    }, 10);
+  `);
+  assert.equal(r.status, 0, r.stderr);
+  assert.equal(r.stdout.split('THREW no listeners here').length - 1, 2, r.stdout);
+  assert.match(r.stdout, /^HELD 0$/m);
+});

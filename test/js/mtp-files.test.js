@@ -50,6 +50,35 @@ function tree() {
   };
 }
 
+// A device as unkind as a driver can be: a service that cannot be listed,
+// a folder that lists itself, one that lists its ancestors, names with
+// control characters, dates from the device's clock, a stream that ends
+// early.
+const CONTROL_NAME = 'evil\u001b[31mred\u0007\r\nIMAGE  fake.jpg';
+function hostile(over = {}) {
+  return {
+    id: 'hostile',
+    protocol: 'MTP: 1.00',
+    name: 'Hostile',
+    objects: [
+      { id: 'svc', type: 'storage', name: 'Messages', failEnum: '0x80070032' },
+      {
+        id: 'hs',
+        type: 'storage',
+        name: 'Storage',
+        children: [
+          { id: 'self', type: 'folder', name: 'Self', links: ['self'], children: [{ id: 'a', type: 'image', name: 'a.jpg', size: 1 }] },
+          { id: 'loop', type: 'folder', name: 'Loop', children: [{ id: 'inner', type: 'folder', name: 'Inner', links: ['loop', 'hs', 'a'] }] },
+          { id: 'ctl', type: 'image', name: CONTROL_NAME, size: 2 },
+          { id: 'dated', type: 'image', name: 'd.jpg', created: '2023-11-14T22:13:20', modified: '1899-12-29T06:00:00' },
+          { id: 'short', type: 'video', name: 'S.MP4', dataSize: 300000, shortAt: 120000 },
+        ],
+      },
+    ],
+    ...over,
+  };
+}
+
 function tempDir() {
   return fs.mkdtempSync(path.join(os.tmpdir(), 'ostrel-mtp-'));
 }
@@ -58,6 +87,32 @@ test('device listings and copies with the WPD test double', { skip: !isWindows &
   const { useDevices, patternBytes } = require('./mtp-fixture');
   const ostrel = require('../..');
   useDevices({ devices: [tree()] });
+
+  await t.test('an untrusted object graph: loops listed once, a service that cannot be listed skipped', async () => {
+    for (const noBulk of [false, true]) {
+      useDevices({ devices: [hostile({ noBulk })] });
+      const r = await ostrel.GetMtpFilesById('hostile');
+      assert.deepEqual(r.fileList.map((f) => f.objectId), ['svc', 'hs', 'self', 'a', 'loop', 'inner', 'ctl', 'dated', 'short']);
+      const byId = new Map(r.fileList.map((f) => [f.objectId, f]));
+      // Names are given to script as they are.
+      assert.equal(byId.get('ctl').name, CONTROL_NAME);
+      assert.deepEqual([byId.get('svc').contentType, byId.get('svc').storageId], ['FOLDER', 'svc']);
+      // The device's wall-clock time, not shifted, whole milliseconds, also before 1899-12-30.
+      assert.equal(byId.get('dated').createdMs, Date.UTC(2023, 10, 14, 22, 13, 20));
+      assert.equal(byId.get('dated').modifiedMs, Date.UTC(1899, 11, 29, 6, 0, 0));
+      const flat = await ostrel.GetMtpFilesById('hostile', 'self', { recursive: false });
+      assert.deepEqual(flat.fileList.map((f) => f.objectId), ['a']);
+    }
+    const { file } = useDevices({ devices: [hostile()] });
+    const child = runChild(`require('.').GetMtpFilesById('hostile').then((l) => console.log('LISTED ' + l.fileList.length));`, {
+      env: { OSTREL_WPD_DOUBLE: file },
+    });
+    assert.equal(child.status, 0, child.stderr);
+    assert.match(child.stdout, /LISTED 9/);
+    assert.match(child.stderr, /Functional object svc cannot be listed \(Failed to list svc, hr = 0x80070032\); skipped/);
+    assert.equal(child.stderr.match(/was listed again by the device/g).length, 4);
+    useDevices({ devices: [tree()] });
+  });
 
   await t.test('the whole device: classification, counts, parents and storages', async () => {
     const r = await ostrel.GetMtpFilesById('phone');
@@ -115,6 +170,36 @@ test('device listings and copies with the WPD test double', { skip: !isWindows &
     const cancelled = ostrel.GetMtpFilesById('phone', 'gf0', { signal: ac.signal, onProgress: () => ac.abort() });
     await assert.rejects(cancelled, { message: 'GetMtpFilesById was cancelled' });
     assert.ok(Date.now() - started < 3000, 'the bulk request stopped early');
+    useDevices({ devices: [tree()] });
+  });
+
+  await t.test('a bulk request never answered, or answered late after the listing gave up on it', async () => {
+    const expected = await ostrel.GetMtpFilesById('phone', 'dcim');
+    // Late: the listing stops waiting after 10 s without a callback, reads
+    // object by object, and the driver's callbacks and last release come
+    // afterwards, on its thread, into this process.
+    useDevices({ devices: [{ ...tree(), bulkLateMs: 11000 }] });
+    const started = Date.now();
+    assert.deepEqual(await ostrel.GetMtpFilesById('phone', 'dcim'), expected);
+    assert.ok(Date.now() - started >= 10000);
+    await new Promise((resolve) => setTimeout(resolve, 2500));
+    // Never: the same, and nothing ever comes.
+    const { file } = useDevices({ devices: [{ ...tree(), bulkMode: 'never' }] });
+    const r = runChild(
+      `
+      const ostrel = require('.');
+      ostrel.GetMtpFilesById('phone', 'dcim').then((l) => {
+        console.log('LISTED ' + l.fileList.length);
+        // Exit with a request the driver still holds.
+        ostrel.GetMtpFilesById('phone', 'dcim');
+        setTimeout(() => process.exit(0), 300);
+      });
+      `,
+      { env: { OSTREL_WPD_DOUBLE: file } },
+    );
+    assert.equal(r.status, 0, r.stderr);
+    assert.match(r.stdout, /LISTED 7/);
+    assert.match(r.stderr, /A bulk property request got no answer in 10 s; reading object by object/);
     useDevices({ devices: [tree()] });
   });
 
@@ -290,6 +375,48 @@ test('device listings and copies with the WPD test double', { skip: !isWindows &
     fs.rmSync(dir, { recursive: true, force: true });
   });
 
+  await t.test('a stream that ends early rejects and leaves no file', async () => {
+    useDevices({ devices: [hostile()] });
+    const dir = tempDir();
+    await assert.rejects(ostrel.GetMtpFileById('hostile', 'short', path.join(dir, 'S.MP4')), {
+      message: 'The device ended the copy of short after 120000 of 300000 bytes',
+    });
+    assert.deepEqual(fs.readdirSync(dir), []);
+    fs.rmSync(dir, { recursive: true, force: true });
+    useDevices({ devices: [tree()] });
+  });
+
+  await t.test('long destinations copy; reserved names are refused clearly', async () => {
+    const dir = tempDir();
+    const names = [];
+    // File names of 227 to 255 characters: the temporary name must not
+    // push the last component past 255.
+    for (const length of [227, 240, 255]) names.push(path.join(dir, `${'n'.repeat(length - 4)}.jpg`));
+    // A destination of 250 characters: the temporary name passes MAX_PATH.
+    const deep = path.join(dir, 'd'.repeat(200 - dir.length));
+    fs.mkdirSync(deep);
+    names.push(path.join(deep, `${'f'.repeat(250 - deep.length - 1 - 4)}.jpg`));
+    assert.equal(names.at(-1).length, 250);
+    for (const dest of names) {
+      assert.deepEqual(await ostrel.GetMtpFileById('phone', 'p1', dest), { path: dest, bytes: 10 }, `${path.basename(dest).length}`);
+      assert.equal(fs.readFileSync(dest, 'utf8'), 'jpeg bytes');
+    }
+    assert.equal(fs.readdirSync(dir).length, 4);
+    assert.equal(fs.readdirSync(deep).length, 1);
+    const refused = [
+      ['CON', 'The destination is a reserved device name'],
+      ['nul.txt', 'The destination is a reserved device name'],
+      ['COM1', 'The destination is a reserved device name'],
+      ['trailing.', 'The destination name ends with a dot or a space'],
+    ];
+    for (const [name, message] of refused) {
+      const dest = path.join(dir, name);
+      await assert.rejects(ostrel.GetMtpFileById('phone', 'p1', dest), { message: `${message}: ${dest}` });
+    }
+    assert.equal(fs.readdirSync(dir).length, 4);
+    fs.rmSync(dir, { recursive: true, force: true });
+  });
+
   await t.test('a large copy reports progress and can be cancelled, leaving no file', async () => {
     useDevices({ devices: [{ ...tree(), slowMs: 5 }] });
     const dir = tempDir();
@@ -306,7 +433,8 @@ test('device listings and copies with the WPD test double', { skip: !isWindows &
     await assert.rejects(copy, { message: 'The copy was cancelled' });
     assert.ok(reports.length >= 1);
     assert.deepEqual(Object.keys(reports[0]), ['bytes', 'total']);
-    assert.equal(reports[0].total, 64 * 1024 * 1024);
+    // The total is known once the object was found (a report may come before).
+    assert.equal(reports.at(-1).total, 64 * 1024 * 1024);
     assert.deepEqual(fs.readdirSync(dir), []);
     fs.rmSync(dir, { recursive: true, force: true });
     useDevices({ devices: [tree()] });
@@ -336,4 +464,36 @@ test('device listings and copies with the WPD test double', { skip: !isWindows &
     assert.equal(fs.readdirSync(dir).length, 20);
     fs.rmSync(dir, { recursive: true, force: true });
   });
+});
+
+// Its own test, so that it can be run alone in a loop:
+//   scripts/wine-node --test --test-name-pattern="answered late" test/js/mtp-files.test.js
+test('a cancelled bulk request answered late, on the driver\'s thread, after its COM apartment ended', { skip: !isWindows && 'WPD is Windows only' }, () => {
+  const { useDevices } = require('./mtp-fixture');
+  const { file } = useDevices({ devices: [{ ...tree(), bulkLateMs: 6500 }] });
+  const r = runChild(
+    `
+    const fs = require('fs');
+    const ostrel = require('.');
+    const ac = new AbortController();
+    const started = Date.now();
+    ostrel.GetMtpFilesById('phone', 'dcim', { signal: ac.signal }).catch((e) => {
+      console.log('REJECTED ' + e.message);
+      // The device answers normally from now on; its late answer lands
+      // while this listing runs.
+      const d = JSON.parse(fs.readFileSync(process.env.OSTREL_WPD_DOUBLE, 'utf8'));
+      delete d.devices[0].bulkLateMs;
+      fs.writeFileSync(process.env.OSTREL_WPD_DOUBLE, JSON.stringify(d));
+      const again = () => ostrel.GetMtpFilesById('phone', 'dcim').then((l) => {
+        if (Date.now() - started < 8000) return again();
+        console.log('LISTED ' + l.fileList.length);
+      });
+      again();
+    });
+    setTimeout(() => ac.abort(), 300);
+    `,
+    { env: { OSTREL_WPD_DOUBLE: file } },
+  );
+  assert.equal(r.status, 0, r.stderr);
+  assert.match(r.stdout, /REJECTED GetMtpFilesById was cancelled\nLISTED 7/);
 });

@@ -17,13 +17,15 @@ const { ensureTree } = require('../../bench/scan/tree');
 const index = JSON.stringify(path.join(root, 'index.js'));
 const probePath = JSON.stringify(path.join(buildDir(), 'test', 'runtime_probe.node'));
 
-// 200,000 files in 200 folders, made once per build folder (test.sh makes
-// it before the Wine run, where node.exe would take minutes).
-function bigTree() {
-  const dir = process.env.OSTREL_BIG_TREE || path.join(root, 'build', 'test-fixtures', 'big-200k');
+// 1,000 files in each of `folders` folders (200,000 by default), made once
+// per build folder (test.sh makes them before the Wine run, where node.exe
+// would take minutes).
+function bigTree(folders = 200) {
+  const dir = (folders === 200 && process.env.OSTREL_BIG_TREE) ||
+    path.join(root, 'build', 'test-fixtures', `big-${folders}k`);
   if (fs.existsSync(path.join(dir, '.complete'))) return dir;
   fs.rmSync(dir, { recursive: true, force: true });
-  for (let d = 0; d < 200; d++) {
+  for (let d = 0; d < folders; d++) {
     const sub = path.join(dir, `d${d}`);
     fs.mkdirSync(sub, { recursive: true });
     for (let f = 0; f < 1000; f++) fs.writeFileSync(path.join(sub, `f${f}.txt`), '');
@@ -131,6 +133,48 @@ test('a Worker that ends inside a callback leaves the main thread running', asyn
   } finally {
     removeTree(JSON.parse(tree));
   }
+});
+
+// Four Workers scan a 120,000-file tree and are terminated, 20 rounds: two
+// inside their first update callback (which spins 20 ms), one 20-100 ms
+// after it was created (early in its scan, where most of the faults were),
+// one at any moment in the first 700 ms. The scan's last owner is then
+// often a pool worker that found the scheduler stopped, after the Worker's
+// environment was freed. A Node-API call from there (it was the deletion
+// of the file object factory's reference) writes into freed memory; with
+// one malloc arena and no per-thread caches that memory is reused at once
+// and the allocator aborts ("free(): invalid next size (fast)") instead of
+// the fault passing unseen most of the time.
+test('four Workers scanning 120,000 files, terminated at random moments, 20 rounds', () => {
+  const big = bigTree(120);
+  const r = runChild(`const { Worker } = require('worker_threads');
+    require(${index});
+    const code = \`const o = require(${index.replace(/\\/g, '\\\\')});
+      const { parentPort } = require('worker_threads');
+      o.ScanAllSubFiles(${JSON.stringify(big).replace(/\\/g, '\\\\')}, () => {
+        parentPort.postMessage('inside');
+        const end = Date.now() + 20;
+        while (Date.now() < end);
+      }, () => {}, {});\`;
+    const between = (a, b) => a + Math.floor(Math.random() * (b - a));
+    let inside = 0;
+    const one = (k) => new Promise((resolve) => {
+      const w = new Worker(code, { eval: true });
+      if (k < 2) w.once('message', () => { inside++; w.terminate(); });
+      const ms = k < 2 ? 5000 : k === 2 ? between(20, 100) : between(20, 700);
+      const timer = setTimeout(() => w.terminate(), ms);
+      w.on('error', (e) => console.log('WORKER ERROR ' + e.message));
+      w.on('exit', () => { clearTimeout(timer); resolve(); });
+    });
+    (async () => {
+      for (let round = 0; round < 20; round++) await Promise.all([0, 1, 2, 3].map(one));
+      console.log('ROUNDS 20 INSIDE ' + inside);
+    })();`, { timeout: 240000, env: { GLIBC_TUNABLES: 'glibc.malloc.tcache_count=0:glibc.malloc.arena_max=1' } });
+  assert.equal(r.signal, null, ended(r));
+  assert.equal(r.status, 0, ended(r));
+  assert.doesNotMatch(r.stderr, /FATAL ERROR|free\(\)|corrupt/, ended(r));
+  assert.doesNotMatch(r.stdout, /WORKER ERROR/);
+  assert.match(r.stdout, /^ROUNDS 20 INSIDE \d+$/m);
 });
 
 test('100 Workers in turn: memory and threads stay flat', (t) => {

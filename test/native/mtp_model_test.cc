@@ -3,6 +3,7 @@
 // listing's counts and the date conversion.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cwchar>
 #include <map>
 #include <optional>
@@ -153,13 +154,171 @@ TEST(MtpModel, NamesPreferTheOriginalFileName) {
   EXPECT_EQ(display_name(std::nullopt, std::nullopt), L"");
 }
 
-TEST(MtpModel, AutomationDatesBecomeUnixMilliseconds) {
-  EXPECT_DOUBLE_EQ(automation_date_to_unix_ms(25569.0), 0.0);
-  EXPECT_DOUBLE_EQ(automation_date_to_unix_ms(25569.5), 43200000.0);
-  // 2023-11-14T22:13:20Z
-  EXPECT_NEAR(automation_date_to_unix_ms(unix_ms_to_automation_date(1700000000000.0)), 1700000000000.0, 1.0);
+// Days from 1970-01-01 to a date of the proleptic Gregorian calendar
+// (the civil-calendar count, an oracle independent of automation dates).
+long long days_from_civil(long long y, unsigned m, unsigned d) {
+  y -= m <= 2;
+  const long long era = (y >= 0 ? y : y - 399) / 400;
+  const unsigned yoe = static_cast<unsigned>(y - era * 400);
+  const unsigned doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + d - 1;
+  const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  return era * 146097 + static_cast<long long>(doe) - 719468;
+}
+
+TEST(MtpModel, AutomationDatesBecomeWallClockMilliseconds) {
+  // The oracle: the wall-clock reading's fields counted on the civil
+  // calendar, not the inverse of the conversion under test.
+  struct row {
+    double date;  // as SystemTimeToVariantTime makes it
+    int y, mo, d, h, mi, s;
+  };
+  const row rows[] = {
+      {25569.0, 1970, 1, 1, 0, 0, 0},
+      {45244.92592592593, 2023, 11, 14, 22, 13, 20},  // not exact in binary: rounds to the second
+      {36526.5, 2000, 1, 1, 12, 0, 0},
+      {2.0, 1900, 1, 1, 0, 0, 0},
+      {0.0, 1899, 12, 30, 0, 0, 0},
+      {-1.25, 1899, 12, 29, 6, 0, 0},  // before day 0 the time of day still counts forward
+      {-0.75, 1899, 12, 30, 18, 0, 0},
+      {2958465.999988426, 9999, 12, 31, 23, 59, 59},
+      {-657434.0, 100, 1, 1, 0, 0, 0},
+  };
+  for (const row& r : rows) {
+    const double expected =
+        double(days_from_civil(r.y, unsigned(r.mo), unsigned(r.d)) * 86400 + r.h * 3600 + r.mi * 60 + r.s) * 1000.0;
+    std::optional<double> ms = automation_date_to_wall_clock_ms(r.date);
+    ASSERT_TRUE(ms) << r.date;
+    EXPECT_EQ(*ms, expected) << r.date;
+    EXPECT_EQ(*ms, std::round(*ms)) << "whole milliseconds";
+  }
+  for (double bad : {std::nan(""), HUGE_VAL, -HUGE_VAL, 2958466.0, -657435.0, 1e300}) {
+    EXPECT_FALSE(automation_date_to_wall_clock_ms(bad)) << bad;
+  }
   EXPECT_EQ(hresult_text(0x80070005u), "0x80070005");
   EXPECT_EQ(hresult_text(0), "0x0");
+}
+
+// A device as a map of folder -> children; "!" before an id marks a
+// functional object, "?" one whose listing fails.
+struct graph_case {
+  const char* name;
+  std::map<std::wstring, std::vector<std::wstring>> children;
+  std::vector<std::wstring> expected;  // ids in listing order
+  std::size_t log_lines;
+};
+
+std::vector<std::wstring> walk(const graph_case& c, std::vector<std::wstring>& log) {
+  walk_hooks hooks;
+  hooks.children = [&c](const std::wstring& parent, const std::wstring& storage) {
+    std::vector<object_record> out;
+    if (parent.starts_with(L"?")) throw folder_unreadable("refused");
+    auto it = c.children.find(parent);
+    if (it == c.children.end()) return out;
+    for (const std::wstring& id : it->second) {
+      object_record r;
+      r.id = id;
+      r.kind = id.starts_with(L"f") || id.starts_with(L"!") || id.starts_with(L"?") ? content_kind::folder
+                                                                                    : content_kind::image;
+      r.functional = id.starts_with(L"!") || id.starts_with(L"?!");
+      r.storage_id = storage.empty() ? id : storage;
+      out.push_back(r);
+    }
+    return out;
+  };
+  hooks.check_cancel = [] {};
+  hooks.log = [&log](const std::wstring& line) { log.push_back(line); };
+  std::vector<std::wstring> ids;
+  for (const object_record& r : walk_objects(L"DEVICE", L"", true, hooks)) ids.push_back(r.id);
+  return ids;
+}
+
+TEST(MtpModel, WalksAnUntrustedObjectGraph) {
+  const graph_case cases[] = {
+      {"a tree", {{L"DEVICE", {L"!s"}}, {L"!s", {L"f1", L"p1"}}, {L"f1", {L"p2"}}}, {L"!s", L"f1", L"p2", L"p1"}, 0},
+      {"a folder that lists itself",
+       {{L"DEVICE", {L"!s"}}, {L"!s", {L"f1"}}, {L"f1", {L"f1", L"p1"}}},
+       {L"!s", L"f1", L"p1"},
+       1},
+      {"an ancestor loop",
+       {{L"DEVICE", {L"!s"}}, {L"!s", {L"f1"}}, {L"f1", {L"f2"}}, {L"f2", {L"!s", L"f1", L"p"}}},
+       {L"!s", L"f1", L"f2", L"p"},
+       2},
+      {"the root listed below", {{L"DEVICE", {L"!s"}}, {L"!s", {L"DEVICE", L"p"}}}, {L"!s", L"p"}, 1},
+      {"one object twice in a folder", {{L"DEVICE", {L"!s"}}, {L"!s", {L"p", L"p"}}}, {L"!s", L"p"}, 1},
+      {"a service that cannot be listed",
+       {{L"DEVICE", {L"?!svc", L"!s"}}, {L"!s", {L"p"}}},
+       {L"?!svc", L"!s", L"p"},
+       1},
+  };
+  for (const graph_case& c : cases) {
+    std::vector<std::wstring> log;
+    EXPECT_EQ(walk(c, log), c.expected) << c.name;
+    EXPECT_EQ(log.size(), c.log_lines) << c.name;
+  }
+  // A folder (not a functional object) that cannot be listed ends the walk:
+  // a list with holes would drop photos silently.
+  std::vector<std::wstring> log;
+  graph_case broken{"a folder that cannot be listed", {{L"DEVICE", {L"!s"}}, {L"!s", {L"?f"}}}, {}, 0};
+  EXPECT_THROW(walk(broken, log), folder_unreadable);
+}
+
+TEST(MtpModel, ADeviceThatNestsForeverIsCutAtTheDepthBound) {
+  // Every folder holds a new folder and a photo.
+  walk_hooks hooks;
+  hooks.children = [](const std::wstring& parent, const std::wstring&) {
+    std::size_t n = parent == L"DEVICE" ? 0 : std::stoul(parent.substr(1));
+    object_record folder, photo;
+    folder.id = L"f" + std::to_wstring(n + 1);
+    folder.kind = content_kind::folder;
+    photo.id = L"p" + std::to_wstring(n + 1);
+    photo.kind = content_kind::image;
+    return std::vector<object_record>{folder, photo};
+  };
+  hooks.check_cancel = [] {};
+  std::vector<std::wstring> log;
+  hooks.log = [&log](const std::wstring& line) { log.push_back(line); };
+  std::vector<object_record> out = walk_objects(L"DEVICE", L"", true, hooks);
+  EXPECT_EQ(out.size(), 2 * max_listing_depth);
+  ASSERT_EQ(log.size(), 1u);
+  EXPECT_NE(log[0].find(L"deeper than"), std::wstring::npos);
+  // One level only: no descent at all.
+  EXPECT_EQ(walk_objects(L"DEVICE", L"", false, hooks).size(), 2u);
+}
+
+TEST(MtpModel, DestinationNames) {
+  const std::pair<const wchar_t*, bool> rows[] = {
+      {L"C:\\photos\\IMG_1.JPG", false}, {L"C:\\photos\\CON", true},
+      {L"C:\\photos\\con.txt", true},    {L"C:\\photos\\Nul", true},
+      {L"C:\\photos\\COM1", true},       {L"C:\\photos\\lpt9.jpg", true},
+      {L"C:\\photos\\COM\u00B9", true},  {L"C:\\photos\\CON .txt", true},
+      {L"C:\\photos\\CONSOLE", false},   {L"C:\\photos\\COM10", false},
+      {L"C:\\photos\\a.", true},         {L"C:\\photos\\a ", true},
+      {L"C:\\photos\\", true},           {L"C:/photos/aux", true},
+      {L"C:\\CON\\a.jpg", false},        {L"relative", false},
+  };
+  for (const auto& [path, refused] : rows) {
+    EXPECT_EQ(destination_name_problem(path) != nullptr, refused) << std::string(path, path + std::wcslen(path));
+  }
+  EXPECT_EQ(long_path_form(L"C:\\a\\b"), L"\\\\?\\C:\\a\\b");
+  EXPECT_EQ(long_path_form(L"\\\\server\\share\\b"), L"\\\\?\\UNC\\server\\share\\b");
+  EXPECT_EQ(long_path_form(L"\\\\?\\C:\\a"), L"\\\\?\\C:\\a");
+}
+
+TEST(MtpModel, TemporaryNamesStayWithinAComponent) {
+  EXPECT_EQ(temporary_name(L"C:\\d\\IMG.JPG", 0xabcdef12u), L"C:\\d\\IMG.JPG.abcdef12.ostrel-part");
+  for (std::size_t length : {1u, 200u, 233u, 234u, 235u, 255u}) {
+    std::wstring name(length, L'x');
+    std::wstring tmp = temporary_name(L"C:\\d\\" + name, 7);
+    std::wstring component = tmp.substr(5);
+    EXPECT_LE(component.size(), max_component_length) << length;
+    EXPECT_TRUE(component.ends_with(L".00000007.ostrel-part")) << length;
+    EXPECT_TRUE(tmp.starts_with(L"C:\\d\\x")) << length;
+  }
+  // A surrogate pair at the cut is not split.
+  std::wstring name(233, L'x');
+  name += L"\xD83D\xDCF7";  // U+1F4F7
+  std::wstring tmp = temporary_name(name, 1);
+  EXPECT_EQ(tmp, std::wstring(233, L'x') + L".00000001.ostrel-part");
 }
 
 }  // namespace

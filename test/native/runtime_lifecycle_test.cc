@@ -180,7 +180,9 @@ TEST(BlockingExecutor, QueuedCancelledWorkGoesToTheSinkAndStopFreesTheRest) {
       void await_suspend(std::coroutine_handle<> h) { e.post({resumable(h), t, &cancelled}); }
       void await_resume() {}
     };
-    co_await hop{*executor, t};
+    // Named: GCC 12 destroys an aggregate temporary of a co_await expression twice.
+    hop h{*executor, t};
+    co_await h;
     ++ran;
     while (!go.load()) std::this_thread::sleep_for(1ms);
   };

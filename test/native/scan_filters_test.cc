@@ -3,7 +3,12 @@
 // name splits into stem and extension.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
+#include <stdexcept>
+#include <thread>
+#include <type_traits>
+#include <vector>
 
 #include "scan/scan_filters.h"
 
@@ -91,6 +96,7 @@ TEST(ScanFilters, OmitBeatsCover) {
   ScanRule rule;
   rule.omits.push_back(entry(".*", {}));
   rule.covers.push_back(entry("IMG_\\d+", {"jpg"}));
+  rule.compile();
   EXPECT_TRUE(ruleRejects(rule, N("IMG_12.jpg")));
   EXPECT_TRUE(ruleRejects(rule, N("anything")));
 }
@@ -98,6 +104,7 @@ TEST(ScanFilters, OmitBeatsCover) {
 TEST(ScanFilters, CoversFullMatchTheStemCaseSensitively) {
   ScanRule rule;
   rule.covers.push_back(entry("IMG_\\d+", {"jpg"}));
+  rule.compile();
   EXPECT_FALSE(ruleRejects(rule, N("IMG_12.jpg")));
   EXPECT_FALSE(ruleRejects(rule, N("IMG_12.JPG")));  // the file's extension is lower-cased
   EXPECT_TRUE(ruleRejects(rule, N("IMG_12a.jpg")));  // full match
@@ -105,12 +112,14 @@ TEST(ScanFilters, CoversFullMatchTheStemCaseSensitively) {
   EXPECT_TRUE(ruleRejects(rule, N("IMG_12.png")));   // extension not listed
   ScanRule upper;
   upper.covers.push_back(entry("IMG_\\d+", {"JPG"}));  // kept as given: never matches
+  upper.compile();
   EXPECT_TRUE(ruleRejects(upper, N("IMG_12.JPG")));
 }
 
 TEST(ScanFilters, OmitsWithExtensionListsAndRulesWithoutCovers) {
   ScanRule rule;
   rule.omits.push_back(entry("draft.*", {"tmp", ""}));
+  rule.compile();
   EXPECT_TRUE(ruleRejects(rule, N("draft1.tmp")));
   EXPECT_TRUE(ruleRejects(rule, N("draft1")));
   EXPECT_FALSE(ruleRejects(rule, N("draft1.txt")));
@@ -120,11 +129,14 @@ TEST(ScanFilters, OmitsWithExtensionListsAndRulesWithoutCovers) {
 TEST(ScanFilters, IgnoreFileMatchesTheWholeName) {
   ScanFilters scan;
   scan.ignoreFileRegs = {"~\\$.*"};
+  scan.compile();
   EXPECT_TRUE(ignoreFile(scan, N("~$report.docx")));
   EXPECT_FALSE(ignoreFile(scan, N("a~$report.docx")));
-  scan.ignoreFileRegs.push_back("report");           // compiled again: the count changed
+  scan.ignoreFileRegs.push_back("report");
+  scan.compile();                                    // compiled again: the count changed
   EXPECT_FALSE(ignoreFile(scan, N("report.docx")));  // the whole name, extension included
   scan.ignoreFileRegs.push_back("report\\.docx");
+  scan.compile();
   EXPECT_TRUE(ignoreFile(scan, N("dir") + native_string(1, native_separator) + N("report.docx")));
 }
 
@@ -132,6 +144,7 @@ TEST(ScanFilters, FileRejectedOnlyInFineGrainedModeAndInItsOrder) {
   ScanFilters scan;
   scan.extFilter = filter({"txt"}, {}, false, true);
   scan.ignoreFileRegs = {"skip.*"};
+  scan.compile();
   EXPECT_FALSE(fileRejected(scan, N("a.jpg"), nullptr));  // not fine-grained
   // The walk's own test applies the scan-level filters outside that mode.
   EXPECT_TRUE(walkFileRejected(scan, N("a.jpg"), nullptr));
@@ -141,6 +154,7 @@ TEST(ScanFilters, FileRejectedOnlyInFineGrainedModeAndInItsOrder) {
   scan.rules.emplace_back();
   ScanRule& rule = scan.rules.back();
   rule.covers.push_back(entry("a", {}));
+  scan.compile();
   EXPECT_TRUE(fileRejected(scan, N("skip.txt"), &rule));  // ignoreFileRegs first
   EXPECT_TRUE(fileRejected(scan, N("a.jpg"), &rule));     // scan-level filter
   EXPECT_FALSE(fileRejected(scan, N("a.txt"), &rule));
@@ -159,6 +173,50 @@ TEST(ScanFilters, InvalidExpressionsFailToCompileWithTheirSource) {
   } catch (const invalid_pattern& e) {
     EXPECT_NE(std::string(e.what()).find("\"(unclosed\""), std::string::npos) << e.what();
   }
+}
+
+// The walk's threads and the watcher's loops share one filter set and only
+// read it: the tests take it const and never compile. A set changed after
+// compile() is refused with an error, where the tests used to compile it
+// lazily on whichever thread came first while others read the lists.
+TEST(ScanFilters, TestsReadCompiledFiltersOnlyAndRefuseStaleOnes) {
+  static_assert(std::is_invocable_r_v<bool, decltype(&walkFileRejected), const ScanFilters&, native_string_view,
+                                      const ScanRule*>);
+  static_assert(std::is_invocable_r_v<bool, decltype(&ignoreDir), const ScanFilters&, native_string_view>);
+  static_assert(std::is_invocable_r_v<bool, decltype(&ruleRejects), const ScanRule&, native_string_view>);
+  ScanFilters stale;
+  stale.ignoreFileRegs = {"skip.*"};
+  stale.ignoreDirRegs = {"tmp"};
+  EXPECT_THROW(ignoreFile(stale, N("skip.txt")), std::logic_error);
+  EXPECT_THROW(ignoreDir(stale, N("tmp")), std::logic_error);
+  ScanRule rule;
+  rule.omits.push_back(entry("draft.*", {}));
+  EXPECT_THROW(ruleRejects(rule, N("draft1.txt")), std::logic_error);
+
+  // Compiled once, then read by four threads at once (the TSan build checks
+  // that nothing is written meanwhile).
+  ScanFilters shared;
+  shared.ignoreFileRegs = {"skip.*", "~\\$.*"};
+  shared.ignoreDirRegs = {"tmp", "cache\\d"};
+  shared.rules.emplace_back();
+  shared.rules.back().covers.push_back(entry("IMG_\\d+", {"jpg"}));
+  shared.compile();
+  ASSERT_TRUE(shared.compiled());
+  const ScanFilters& view = shared;
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 2000; ++i) {
+        if (!walkFileRejected(view, N("skip.txt"), &view.rules[0])) ++wrong;
+        if (walkFileRejected(view, N("IMG_12.jpg"), &view.rules[0])) ++wrong;
+        if (!walkFileRejected(view, N("IMG_1a.jpg"), &view.rules[0])) ++wrong;
+        if (!ignoreDir(view, N("cache7")) || ignoreDir(view, N("cache"))) ++wrong;
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(wrong.load(), 0);
 }
 
 }  // namespace

@@ -1,0 +1,122 @@
+'use strict';
+// index.d.ts against the module: the declared exports in the module's order,
+// and the declared properties (names, order, primitive types) of what the
+// module really returns. The declarations are read with TypeScript's own
+// parser; the compile check of the file is scripts/test.sh's "types" suite.
+const test = require('node:test');
+const assert = require('node:assert/strict');
+const fs = require('fs');
+const path = require('path');
+const ts = require('typescript');
+const { root, isWindows } = require('./helpers');
+const ostrel = require('../..');
+const { watch, tempDir } = require('./watch-fixture');
+
+const source = ts.createSourceFile('index.d.ts', fs.readFileSync(path.join(root, 'index.d.ts'), 'utf8'), ts.ScriptTarget.Latest, true);
+const exported = (node) => (ts.getModifiers(node) || []).some((m) => m.kind === ts.SyntaxKind.ExportKeyword);
+
+// The exported functions and classes, in declaration order.
+const declaredExports = source.statements
+  .filter((s) => exported(s) && (ts.isFunctionDeclaration(s) || ts.isClassDeclaration(s)))
+  .map((s) => s.name.text);
+
+// name -> [{ name, optional, type }] for every exported interface.
+const interfaces = new Map();
+for (const s of source.statements) {
+  if (!exported(s) || !ts.isInterfaceDeclaration(s)) continue;
+  interfaces.set(
+    s.name.text,
+    s.members.filter(ts.isPropertySignature).map((m) => ({ name: m.name.text, optional: !!m.questionToken, type: m.type })),
+  );
+}
+
+const primitive = {
+  [ts.SyntaxKind.StringKeyword]: 'string',
+  [ts.SyntaxKind.NumberKeyword]: 'number',
+  [ts.SyntaxKind.BooleanKeyword]: 'boolean',
+};
+
+// Checks that `value` has exactly the declared properties (the optional ones
+// may be missing), in the declared order, with the declared primitive types.
+function conforms(value, name) {
+  const members = interfaces.get(name);
+  assert.ok(members, `index.d.ts declares no interface ${name}`);
+  const keys = Object.keys(value);
+  const expected = members.filter((m) => !m.optional || keys.includes(m.name)).map((m) => m.name);
+  assert.deepEqual(keys, expected, `${name}: the module's keys against the declared ones`);
+  for (const m of members) {
+    if (!(m.name in value)) continue;
+    const v = value[m.name];
+    if (primitive[m.type.kind]) assert.equal(typeof v, primitive[m.type.kind], `${name}.${m.name}`);
+    else if (ts.isArrayTypeNode(m.type)) assert.ok(Array.isArray(v), `${name}.${m.name} is an array`);
+    else if (ts.isLiteralTypeNode(m.type) && ts.isStringLiteral(m.type.literal)) assert.equal(v, m.type.literal.text, `${name}.${m.name}`);
+  }
+}
+
+test('the exports are declared in the order the module attaches them', () => {
+  assert.equal(declaredExports.length, 20);
+  assert.deepEqual(declaredExports, Object.keys(ostrel));
+});
+
+test('scan results have the declared properties, in order', async () => {
+  const dir = tempDir('ostrel-typings-');
+  try {
+    fs.mkdirSync(path.join(dir, 'sub'));
+    fs.writeFileSync(path.join(dir, 'sub', 'a.txt'), 'a');
+    const nodes = [];
+    const dirs = [];
+    const result = await new Promise((resolve) => {
+      ostrel.ScanAllSubFiles(dir, (u) => {
+        conforms(u, 'ScanUpdate');
+        nodes.push(...u.nodes);
+        dirs.push(...u.dirs);
+      }, resolve, { needDirs: true });
+    });
+    conforms(result, 'ScanResult');
+    assert.equal(nodes.length, 1);
+    assert.equal(dirs.length, 1);
+    for (const f of [...nodes, ...dirs]) conforms(f, 'FileObject');
+    const missing = await new Promise((resolve) => {
+      ostrel.ScanAllSubFiles(path.join(dir, 'none'), () => {}, resolve, {});
+    });
+    assert.equal(missing.skippedFolders.length, 1);
+    conforms(missing.skippedFolders[0], 'SkippedFolder');
+  } finally {
+    fs.rmSync(dir, { recursive: true, force: true });
+  }
+});
+
+test('watch events and failures have the declared properties, in order', async () => {
+  const dir = tempDir('ostrel-typings-');
+  const session = await watch(dir);
+  try {
+    fs.writeFileSync(path.join(dir, 'new.txt'), 'x');
+    // The shape is the point here, not the delay: a busy machine under Wine
+    // may take many seconds.
+    await session.waitFor(() => session.events.some((e) => e.fileName === 'new.txt'), 60000);
+    const event = session.events.find((e) => e.fileName === 'new.txt');
+    conforms(event, 'WatchEvent');
+    conforms(event.fileStat, 'WatchFileStat');
+    if (!isWindows) {
+      // The root's removal (under Wine it is noticed late and slowly; the
+      // OVERFLOW error's keys are checked by watch.test.js there too).
+      fs.rmSync(dir, { recursive: true, force: true });
+      await session.waitFor(() => session.errors.length > 0, 60000);
+      conforms(session.errors[0], 'WatchError');
+    }
+  } finally {
+    session.close();
+    fs.rmSync(dir, { recursive: true, force: true });
+  }
+});
+
+test('drive and disk lists have the declared properties, in order', async () => {
+  // Natively a stalled mount of another test must not hold this one up:
+  // what was read within 15 s is enough to compare. Wine's WMI answers
+  // slowly under load but always.
+  const options = isWindows ? {} : { timeoutMs: 15000 };
+  const [drives, disks] = await Promise.all([ostrel.GetDriveList(options), ostrel.GetHardwareDisk(options)]);
+  assert.ok(drives.length + disks.length > 0, 'this machine lists drives or disks');
+  for (const d of drives) conforms(d, 'DriveObject');
+  for (const d of disks) conforms(d, 'HardwareDiskObject');
+});
