@@ -20,6 +20,7 @@ debian_packages=(
   nlohmann-json3-dev
   g++-mingw-w64-x86-64-posix mingw-w64-tools binutils-mingw-w64-x86-64
   wine wine64
+  fuse3 libfuse3-dev
 )
 missing=()
 for p in "${debian_packages[@]}"; do

@@ -44,6 +44,22 @@ export OSTREL_TEST_PRESET="$preset"
 
 has_suite() { case " $suites " in *" $1 "*) return 0 ;; esac; return 1; }
 
+# Detaches what a crashed run of the dead-share cases left behind: stallfs
+# mounts under build/stallfs (test/fixtures/stallfs) and their drive letters
+# in the Wine prefix. stallfs ends by itself after its lifetime too.
+sweep_stallfs() {
+  local m l
+  awk '$3 == "fuse.stallfs" { print $2 }' /proc/mounts 2>/dev/null | while read -r m; do
+    case "$m" in "$root"/build/stallfs/*) fusermount3 -uz "$m" 2>/dev/null || umount -l "$m" 2>/dev/null || true ;; esac
+  done
+  for l in "$root"/build/wine-prefix/dosdevices/?:; do
+    [ -L "$l" ] || continue
+    case "$(readlink "$l")" in "$root"/build/stallfs/*) rm -f "$l" ;; esac
+  done
+}
+sweep_stallfs
+trap sweep_stallfs EXIT
+
 # Installs what is missing once, before the lanes build in parallel.
 if has_suite native-unit || has_suite native-js || has_suite wine-js || has_suite wine-unit || has_suite install; then
   bash scripts/setup.sh >/dev/null || { echo "0 passed, 1 failed"; exit 1; }

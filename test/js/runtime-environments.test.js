@@ -9,7 +9,10 @@ const assert = require('node:assert/strict');
 const fs = require('fs');
 const path = require('path');
 const { root, isWindows, buildDir, runChild } = require('./helpers');
+const { spawn } = require('child_process');
 const { makeTree, removeTree } = require('./scan-fixture');
+const { mountStallfs, skipReason } = require('./stallfs-fixture');
+const { ensureTree } = require('../../bench/scan/tree');
 
 const index = JSON.stringify(path.join(root, 'index.js'));
 const probePath = JSON.stringify(path.join(buildDir(), 'test', 'runtime_probe.node'));
@@ -255,6 +258,224 @@ test('wake-ups racing the last release never touch a freed handle', () => {
     })();`, { timeout: 60000, maxBuffer: 256 * 1024 * 1024 });
   assert.equal(r.status, 0, ended(r));
   assert.match(r.stdout, /^SCHEDULES [1-9]\d*$/m);
+});
+
+// A share that never answers (stallfs, test/fixtures/stallfs): what waits
+// on it must hold nothing that other work needs. Speeds are judged against a
+// run without the dead share in the same child, with a generous factor.
+const FACTOR = Number(process.env.OSTREL_DEADSHARE_FACTOR) || 4;
+// How long the main thread goes on after the Worker that watched the dead
+// share is gone (30 for the full run; short by default).
+const AFTER_WORKER_S = Number(process.env.OSTREL_DEADSHARE_SECONDS) || 5;
+
+// Runs `source` in a child node without blocking this one; resolves with
+// { status, signal, stdout, stderr, exitAt } (exitAt: when the child ended)
+// and `lineAt(prefix)`: when a stdout line starting with prefix was seen.
+function runChildAsync(source, { timeout = 120000 } = {}) {
+  return new Promise((resolve) => {
+    const child = spawn(process.execPath, ['-e', source], { cwd: root, stdio: ['ignore', 'pipe', 'pipe'] });
+    let stdout = '';
+    let stderr = '';
+    const seen = {};
+    child.stdout.setEncoding('utf8');
+    child.stderr.setEncoding('utf8');
+    child.stdout.on('data', (d) => {
+      const now = Date.now();
+      stdout += d;
+      for (const line of stdout.split('\n')) if (!(line in seen)) seen[line] = now;
+    });
+    child.stderr.on('data', (d) => { stderr += d; });
+    const timer = setTimeout(() => child.kill('SIGKILL'), timeout);
+    child.on('exit', (status, signal) => {
+      const exitAt = Date.now();
+      clearTimeout(timer);
+      child.on('close', () => resolve({
+        status, signal, stdout, stderr, exitAt,
+        lineAt: (prefix) => Object.entries(seen).find(([l]) => l.startsWith(prefix))?.[1],
+      }));
+    });
+  });
+}
+
+function localTree(t) {
+  try {
+    return ensureTree({ repoRoot: root, files: 100000, generate: !isWindows }).dir;
+  } catch (err) {
+    t.skip(err.message);
+    return null;
+  }
+}
+
+// Script pieces shared by the children: timing a scan, the gaps between
+// timer ticks, and the delay of a telemetry span.
+const childKit = `
+  const o = require(${index});
+  const fs = require('fs');
+  const scanOptions = ${JSON.stringify(isWindows ? { fastMetadata: true } : {})};
+  const FACTOR = ${FACTOR};
+  // Resolves with the scan's time and count, or { stalled } after limitMs.
+  function timedScan(dir, limitMs = 600000) {
+    return new Promise((resolve) => {
+      const t0 = Date.now();
+      let close;
+      const timer = setTimeout(() => { close(); resolve({ ms: Date.now() - t0, files: -1, stalled: true }); }, limitMs);
+      close = o.ScanAllSubFiles(dir, () => {}, (r) => { clearTimeout(timer); resolve({ ms: Date.now() - t0, files: r.totalFileCount }); }, scanOptions);
+    });
+  }
+  // The longest gap between ticks of a 20 ms interval while fn() runs.
+  async function withTicks(fn) {
+    let last = Date.now(), gap = 0;
+    const iv = setInterval(() => { const now = Date.now(); gap = Math.max(gap, now - last); last = now; }, 20);
+    try { return { result: await fn(), gap: Math.max(gap, Date.now() - last) }; } finally { clearInterval(iv); }
+  }
+  let spanEnded = null;
+  o.RegisterTracer({ startSpan: () => ({ setAttribute() {}, end() { if (spanEnded) spanEnded(); } }) });
+  // From ReportTest to its statistics span (flushed every 500 ms), or -1 after limitMs.
+  function spanDelay(limitMs) {
+    return new Promise((resolve) => {
+      const t0 = Date.now();
+      const timer = setTimeout(() => { spanEnded = null; resolve(-1); }, limitMs);
+      spanEnded = () => { spanEnded = null; clearTimeout(timer); resolve(Date.now() - t0); };
+      o.ReportTest({});
+    });
+  }
+  function shareStatus(file) {
+    const s = {};
+    try { for (const l of fs.readFileSync(file, 'utf8').split('\\n')) { const [k, v] = l.split(' '); if (k) s[k] = Number(v); } } catch {}
+    return s;
+  }
+  const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
+  async function untilWaiting(file, n, ms) {
+    const end = Date.now() + ms;
+    while (Date.now() < end && !(shareStatus(file).waiting >= n)) await sleep(20);
+    return shareStatus(file).waiting || 0;
+  }
+  const report = (k, v) => console.log(k + ' ' + JSON.stringify(v));
+`;
+
+test('a share that never answers stalls nothing else', { skip: skipReason(), timeout: 900000 }, async (t) => {
+  const share = await mountStallfs(t);
+  // The folder /dead never answers; the share's root does. Under Wine a
+  // drive whose root never answers would stop Wine itself (it stats every
+  // drive's root to turn any Linux path into a drive path), which Windows
+  // does not.
+  fs.mkdirSync(path.join(share.source, 'dead', 'sub'), { recursive: true });
+  for (let i = 0; i < 20; i++) fs.writeFileSync(path.join(share.source, 'dead', 'sub', `f${i}.txt`), 'x');
+  // The share as the module sees it: under Wine one session goes through
+  // the drive letter, the others through Z:.
+  const deadA = path.join(share.drivePath || share.path, 'dead');
+  const deadB = path.join(share.path, 'dead');
+  const statusFile = path.join(share.base, 'status');
+  const results = (r) => Object.fromEntries(r.stdout.split('\n').filter((l) => /^[A-Z_]+ /.test(l)).map((l) => {
+    const i = l.indexOf(' ');
+    return [l.slice(0, i), JSON.parse(l.slice(i + 1))];
+  }));
+
+  await t.test('two watch sessions and a scan on it: a local 100,000-file scan, telemetry and timers keep their speed; closing returns at once; exit within 2 s', async (t) => {
+    const local = localTree(t);
+    if (!local) return;
+    await share.set({ '/dead': 'never' });
+    const r = await runChildAsync(`${childKit}
+      (async () => {
+        const local = ${JSON.stringify(local)};
+        await timedScan(local);  // warm the system's caches
+        const before = await withTicks(() => timedScan(local));
+        const spanBefore = await spanDelay(30000);
+        report('BEFORE', { scan: before.result, gap: before.gap, span: spanBefore });
+        const dead = [
+          o.StartFileWatch(${JSON.stringify(deadA)}, (e) => report('DEAD_EVENT', e), () => report('DEAD_READY', 1)),
+          o.StartFileWatch(${JSON.stringify(deadB)}, (e) => report('DEAD_EVENT', e), () => report('DEAD_READY', 2)),
+          o.ScanAllSubFiles(${JSON.stringify(deadB)}, () => {}, (res) => report('DEAD_SCAN', res), {}),
+        ];
+        report('WAITING', await untilWaiting(${JSON.stringify(statusFile)}, 3, 10000));
+        const limit = FACTOR * before.result.ms + 5000;
+        const during = await withTicks(() => timedScan(local, limit));
+        const spanDuring = await spanDelay(FACTOR * Math.max(spanBefore, 500));
+        report('DURING', { scan: during.result, gap: during.gap, span: spanDuring });
+        // Closing a session on a local folder, for comparison.
+        const near = await new Promise((res) => {
+          const c = o.StartFileWatch(local, () => {}, () => { clearTimeout(timer); res(c); });
+          const timer = setTimeout(() => { report('LOCAL_WATCH_NOT_READY', limit); res(c); }, limit);
+        });
+        let t0 = process.hrtime.bigint();
+        near();
+        const closeLocal = Number(process.hrtime.bigint() - t0) / 1e6;
+        const closeDead = dead.map((close) => { const t0 = process.hrtime.bigint(); close(); return Number(process.hrtime.bigint() - t0) / 1e6; });
+        report('CLOSE', { local: closeLocal, dead: closeDead });
+        const after = await timedScan(local, limit);
+        report('AFTER', { scan: after });
+        o.UnRegisterTracers();
+        console.log('EXIT');
+        process.exit(0);
+      })();`, { timeout: 600000 });
+    const res = results(r);
+    t.diagnostic(JSON.stringify(res));
+    t.diagnostic(`share: ${JSON.stringify(share.status())}`);
+    const exitMs = r.exitAt - r.lineAt('EXIT');
+    t.diagnostic(`process.exit() to the end of the process: ${exitMs} ms`);
+    assert.ok(res.BEFORE && res.DURING, ended(r));
+    assert.ok(share.status().held >= 1, 'the module never asked the share');
+    assert.ok(!res.DEAD_READY && !res.DEAD_SCAN, 'the share answered');
+    const { BEFORE: b, DURING: d } = res;
+    assert.equal(d.scan.files, b.scan.files, `the local scan stalled beside the dead share (${d.scan.ms} ms, ${b.scan.ms} ms before)`);
+    assert.ok(d.scan.ms <= FACTOR * b.scan.ms, `local scan ${d.scan.ms} ms beside the dead share, ${b.scan.ms} ms before`);
+    assert.ok(d.span >= 0, 'no telemetry span beside the dead share');
+    assert.ok(d.span <= FACTOR * Math.max(b.span, 500), `telemetry span after ${d.span} ms, ${b.span} ms before`);
+    assert.ok(d.gap <= FACTOR * Math.max(b.gap, 50), `timer gap ${d.gap} ms beside the dead share, ${b.gap} ms before`);
+    assert.ok(res.CLOSE.dead.every((ms) => ms <= FACTOR * res.CLOSE.local + 100), `close took ${res.CLOSE.dead} ms (a local session ${res.CLOSE.local} ms)`);
+    assert.equal(res.AFTER.scan.files, b.scan.files);
+    assert.equal(r.status, 0, ended(r));
+    assert.ok(exitMs <= 2000, `the process ended ${exitMs} ms after process.exit()`);
+    await share.set({});
+  });
+
+  await t.test(`a Worker that alone loaded the module, watching it, terminated: the main thread goes on (${AFTER_WORKER_S} s), loads the module again and scans`, async () => {
+    await share.set({ '/dead': 'never' });
+    const control = path.join(share.base, 'control');
+    const small = makeTree({ files: { 'a.txt': 'a', 'b/c.txt': 'c', 'b/d.txt': 'd' } });
+    t.after(() => removeTree(small));
+    const r = await runChildAsync(`const { Worker } = require('worker_threads');
+      const fs = require('fs');
+      const statusFile = ${JSON.stringify(statusFile)};
+      const waiting = () => { try { return Number((fs.readFileSync(statusFile, 'utf8').match(/waiting (\\d+)/) || [])[1]); } catch { return 0; } };
+      const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
+      const w = new Worker(\`const o = require(${index.replace(/\\/g, '\\\\')});
+        o.StartFileWatch(${JSON.stringify(deadA).replace(/\\/g, '\\\\')}, () => {}, () => console.log('READY'));
+        o.StartFileWatch(${JSON.stringify(deadB).replace(/\\/g, '\\\\')}, () => {}, () => console.log('READY'));
+        require('worker_threads').parentPort.postMessage('watching');\`, { eval: true });
+      w.once('message', async () => {
+        for (let i = 0; i < 500 && !(waiting() >= 1); i++) await sleep(20);
+        console.log('STUCK ' + waiting());
+        const t0 = Date.now();
+        const ended = await Promise.race([w.terminate().then(() => true), sleep(30000).then(() => false)]);
+        console.log((ended ? 'TERMINATED ' : 'TERMINATE HANGS ') + (Date.now() - t0));
+        if (!ended) process.exit(9);
+        // Past the runtime's grace for threads stuck at clean-up, then the
+        // share answers: whatever was stuck returns now.
+        await sleep(3000);
+        fs.writeFileSync(${JSON.stringify(control)} + '.new', '');
+        fs.renameSync(${JSON.stringify(control)} + '.new', ${JSON.stringify(control)});
+        const end = Date.now() + ${AFTER_WORKER_S * 1000};
+        let ticks = 0, junk = [];
+        while (Date.now() < end) {
+          await sleep(10);
+          ticks++;
+          junk.push(Buffer.alloc(4096, ticks));  // keep the allocator and GC busy
+          if (junk.length > 1000) junk = [];
+        }
+        console.log('WENT ON ' + ticks);
+        const o = require(${index});
+        o.ScanAllSubFiles(${JSON.stringify(small)}, () => {}, (res) => console.log('MAIN SCAN ' + res.totalFileCount), {});
+      });`, { timeout: 120000 + AFTER_WORKER_S * 1000 });
+    t.diagnostic(r.stdout.split('\n').filter((l) => /^(STUCK|TERMINATE|WENT|MAIN|READY)/.test(l)).join(' | '));
+    assert.doesNotMatch(r.stdout, /TERMINATE HANGS/);
+    assert.equal(r.status, 0, ended(r));
+    assert.match(r.stdout, /^STUCK [1-9]/m);
+    assert.match(r.stdout, /^WENT ON \d+$/m);
+    assert.match(r.stdout, /^MAIN SCAN 3$/m);
+    assert.doesNotMatch(r.stderr, /FATAL ERROR|Segmentation|page fault/i);
+    await share.set({});
+  });
 });
 
 if (isWindows) {
