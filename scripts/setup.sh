@@ -16,6 +16,7 @@ debian_packages=(
   g++-mingw-w64-x86-64-posix mingw-w64-tools binutils-mingw-w64-x86-64
   wine wine64
   nodejs
+  gcovr clang
 )
 
 missing=()
