@@ -77,14 +77,6 @@ TEST(StorageValues, ReadersByVariantKind) {
   EXPECT_THROW(read_size(wmi_value::string("C:")), std::invalid_argument);
 }
 
-TEST(StorageValues, StorageTypeNames) {
-  EXPECT_STREQ(storage_type_name(0), "SSD");
-  EXPECT_STREQ(storage_type_name(1), "HDD");
-  EXPECT_STREQ(storage_type_name(2), "USB");
-  EXPECT_STREQ(storage_type_name(3), "Unknown");
-  EXPECT_STREQ(storage_type_name(77), "Unknown");
-}
-
 // The guard's counter is process-wide: these cases run in this order and
 // the ones that leave it off balance (the kept asymmetry) come last.
 TEST(StorageComGuard, SecurityOnlyForTheFirstLiveGuard) {
