@@ -28,9 +28,9 @@ fi
 
 json="$dir/coverage.json"
 # Exception and unreachable branches are the compiler's, not the code's.
-gcovr --root . --object-directory "$dir" --filter 'src/' \
+gcovr --root . "$dir" --filter 'src/' \
   --exclude-throw-branches --exclude-unreachable-branches \
-  --json-summary "$json" --json-summary-pretty "$dir" >/dev/null || exit 1
+  --json-summary "$json" --json-summary-pretty >/dev/null || exit 1
 
 node - "$json" <<'EOF'
 const summary = require(require('path').resolve(process.argv[2]));
@@ -54,3 +54,11 @@ for (const k of keys) {
   console.log(`| ${k} | ${r.lc}/${r.lt} | ${pct(r.lc, r.lt)} | ${r.bc}/${r.bt} | ${pct(r.bc, r.bt)} |`);
 }
 EOF
+
+# Test lines against code lines (the doubles and simulators counted apart).
+lines() { find "$@" -type f \( -name '*.js' -o -name '*.cc' -o -name '*.h' -o -name '*.c' \) -print0 2>/dev/null | xargs -0 cat | wc -l; }
+code=$(lines src lib bin index.js)
+tests=$(lines test/js test/native test/addon test/fuzz)
+fixtures=$(lines test/fixtures)
+echo "code (src lib bin index.js): $code lines; tests (test/js test/native test/addon test/fuzz): $tests lines," \
+  "$((100 * tests / code)) % of the code; doubles and simulators (test/fixtures): $fixtures lines"
