@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "runtime/strings.h"
 #include "scan/name_regex.h"
 
 using ostrel::scan::name_regex;
@@ -25,7 +26,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       parts.back().push_back(static_cast<char>(data[i]));
     }
   }
-  const std::string& source = parts.front();
+  // Script hands expressions over as UTF-8 (a lone surrogate as U+FFFD); names
+  // from a Linux file system may be any bytes.
+  const std::string source = ostrel::to_utf8(ostrel::to_utf16(parts.front()));
   bool direct_ok = true, engine_ok = true;
   std::string direct_error, engine_error;
   std::optional<name_regex> direct, engine;

@@ -90,6 +90,33 @@ TEST(NameRegex, AnswersAsJavaScriptDoes) {
   }
 }
 
+#ifndef _WIN32
+// A Linux name that is not UTF-8 reads as U+FFFD on both matchers (as script
+// sees it). Found by fuzz_name_regex: the direct matcher compared raw bytes.
+TEST(NameRegex, InvalidUtf8NamesReadAsReplacementCharacters) {
+  const char* found =
+      "\xFF\xDA\xDA"
+      "4";  // the fuzzer's input
+  for (const char* p : {"\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"
+                        "4",
+                        "\xEF\xBF\xBD.*",
+                        "x|\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"
+                        "4"}) {
+    name_regex direct(p);
+    name_regex engine(p, name_regex::path::engine_only);
+    ASSERT_TRUE(direct.is_simple()) << p;
+    EXPECT_TRUE(engine.full_match(found)) << p;
+    EXPECT_TRUE(direct.full_match(found)) << p;
+    for (const char* name : {"\xFF",
+                             "\xFF\xDA"
+                             "4",
+                             "\xC3", "a\xE2\x80", "\xEF\xBF\xBD"}) {
+      EXPECT_EQ(direct.full_match(name), engine.full_match(name)) << p;
+    }
+  }
+}
+#endif
+
 TEST(NameRegex, DirectMatcherTakesLiteralsListsAndDotStar) {
   for (const char* p : {"node_modules", "~\\$.*", ".*\\.tmp", ".*", "^abc$", "a.*b.*c", "IMG.*?\\.jpg", "x.*.*y", "^",
                         "caf\xC3\xA9.*", "a\\\\$", "a|b|c", "^(a|b.*|c)$", "(?:foo|bar)", "a|", "\\.DS_Store"}) {
