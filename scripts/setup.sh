@@ -21,6 +21,7 @@ debian_packages=(
   g++-mingw-w64-x86-64-posix mingw-w64-tools binutils-mingw-w64-x86-64
   wine wine64
   fuse3 libfuse3-dev
+  gcovr clang
 )
 missing=()
 for p in "${debian_packages[@]}"; do

@@ -982,7 +982,18 @@ name_regex::name_regex(const std::string& source, path how) : impl_(std::make_sh
 }
 
 bool name_regex::full_match(native_string_view subject) const {
-  return impl_->simple ? impl_->simple_match(subject) : impl_->engine_match(subject);
+  if (!impl_->simple) return impl_->engine_match(subject);
+#ifndef _WIN32
+  // A Linux name need not be UTF-8. The engine reads its invalid bytes as
+  // U+FFFD, as script sees the name; the direct matcher must read them so too.
+  for (unsigned char c : subject) {
+    if (c < 0x80) continue;
+    std::string read = to_utf8(to_utf16(subject));
+    if (read != subject) return impl_->simple_match(read);
+    break;
+  }
+#endif
+  return impl_->simple_match(subject);
 }
 
 const std::string& name_regex::source() const noexcept {

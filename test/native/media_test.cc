@@ -28,32 +28,6 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-TEST(MediaNames, EventNames) {
-  struct row {
-    std::int32_t code;
-    const char* name;
-  };
-  for (const row& r :
-       {row{0, "MEDIA_NOP"}, row{1, "MEDIA_PREPARED"}, row{5, "MEDIA_SET_VIDEO_SIZE"}, row{9, "MEDIA_SKIPPED"},
-        row{12, "UNKNOWN"}, row{100, "MEDIA_ERROR"}, row{200, "MEDIA_INFO"}, row{211, "MEDIA_TIME_DISCONTINUITY"},
-        row{10000, "MEDIA_AUDIO_ROUTING_CHANGED"}, row{-1, "UNKNOWN"}}) {
-    EXPECT_EQ(event_name(r.code), r.name) << r.code;
-  }
-}
-
-TEST(MediaNames, InfoNames) {
-  struct row {
-    std::int32_t code;
-    const char* name;
-  };
-  for (const row& r :
-       {row{1, "MEDIA_INFO_UNKNOWN"}, row{602, "MEDIA_INFO_T3"}, row{701, "MEDIA_INFO_BUFFERING_START"},
-        row{702, "MEDIA_INFO_BUFFERING_END"}, row{803, "MEDIA_INFO_UNKNOWN(803)"}, row{906, "MEDIA_INFO_STAT_INFO"},
-        row{907, "MEDIA_INFO_AUDIO_NO_DRIVER"}, row{0, "MEDIA_INFO_UNKNOWN(0)"}, row{-5, "MEDIA_INFO_UNKNOWN(-5)"}}) {
-    EXPECT_EQ(info_name(r.code), r.name) << r.code;
-  }
-}
-
 TEST(MediaNames, ListenerCodesCompareExactlyAndFallBackToInfo) {
   struct row {
     const char* name;

@@ -46,8 +46,12 @@ TEST(SessionRegistry, StopAllStopsLiveSessionsOnceAndLaterOnesAtOnce) {
   auto after = session_registry::add(registry, [&] { ++late; });
   EXPECT_EQ(late, 1);
   EXPECT_EQ(registry->size(), 0u);
-  // A ticket that outlives its registry lets go quietly.
-  auto orphan = session_registry::add(std::make_shared<session_registry>(), [] {});
+  // A ticket that outlives its registry lets go without running its action.
+  bool orphan_stopped = false;
+  {
+    auto orphan = session_registry::add(std::make_shared<session_registry>(), [&] { orphan_stopped = true; });
+  }
+  EXPECT_FALSE(orphan_stopped);
 }
 
 TEST(Runtime, HoldsStartOnceAndTheLastReleaseStops) {

@@ -23,30 +23,18 @@ struct match_case {
   bool expected;
 };
 
-// Expected answers are those of `new RegExp("^(?:" + pattern + ")$").test(name)`
-// in node.
+// Names no file system of the JS suites' can hold (control characters):
+// the JS suite compares every other answer with V8's RegExp on generated
+// expressions and names. Expected answers are those of
+// `new RegExp("^(?:" + pattern + ")$").test(name)` in node.
 const match_case cases[] = {
-    {"node_modules", "node_modules"sv, true},
-    {"node_modules", "node_modules2"sv, false},
-    {"node_modules", "Node_modules"sv, false},
-    {"node_modules", ""sv, false},
-    {"~\\$.*", "~$report.docx"sv, true},
-    {"~\\$.*", "a~$b"sv, false},
-    {"~\\$.*", "~$"sv, true},
     {"~\\$.*",
      "~$a\x0A"
      "b"sv,
      false},
-    {".*\\.tmp", "file.tmp"sv, true},
-    {".*\\.tmp", "file.tmp.bak"sv, false},
-    {".*\\.tmp", ".tmp"sv, true},
     {".*\\.tmp",
      "line\x0A"
      "break.tmp"sv,
-     false},
-    {".*\\.tmp",
-     "a\xE2\x80\xA8"
-     "b.tmp"sv,
      false},
     {".*\\.tmp",
      "a\x0D"
@@ -56,202 +44,38 @@ const match_case cases[] = {
      "a\x0C"
      "b.tmp"sv,
      true},
-    {"^abc$", "abc"sv, true},
-    {"^abc$", "abcabc"sv, false},
-    {"a.*b.*c", "abc"sv, true},
-    {"a.*b.*c", "aXbYc"sv, true},
-    {"a.*b.*c", "acb"sv, false},
-    {"IMG.*\?\\.jpg", "IMG_1.jpg"sv, true},
-    {"IMG.*\?\\.jpg", "IMG.jpg"sv, true},
-    {"IMG.*\?\\.jpg", "img.jpg"sv, false},
-    {"x.*.*y", "xy"sv, true},
-    {"x.*.*y", "x-y"sv, true},
     {"x.*.*y", "x\x0Ay"sv, false},
-    {"^", ""sv, true},
-    {"^", "a"sv, false},
-    {"caf\xC3\xA9.*", "caf\xC3\xA9 au lait"sv, true},
-    {"caf\xC3\xA9.*", "cafe au lait"sv, false},
-    {"a\\\\$", "a\\"sv, true},
-    {"a\\\\$", "a"sv, false},
-    {"a|b|c", "a"sv, true},
-    {"a|b|c", "b"sv, true},
-    {"a|b|c", "c"sv, true},
-    {"a|b|c", "ab"sv, false},
-    {"a|b|c", ""sv, false},
-    {"^(a|b.*|c)$", "a"sv, true},
-    {"^(a|b.*|c)$", "bcd"sv, true},
-    {"^(a|b.*|c)$", "c"sv, true},
-    {"^(a|b.*|c)$", "cd"sv, false},
-    {"(\?:foo|bar)", "foo"sv, true},
-    {"(\?:foo|bar)", "bar"sv, true},
-    {"(\?:foo|bar)", "foobar"sv, false},
-    {"foo|bar.*|.*baz", "foo"sv, true},
-    {"foo|bar.*|.*baz", "barx"sv, true},
-    {"foo|bar.*|.*baz", "xbaz"sv, true},
-    {"foo|bar.*|.*baz", "bax"sv, false},
     {"foo|bar.*|.*baz",
      "x\x0A"
      "baz"sv,
      false},
-    {"a|", ""sv, true},
-    {"a|", "a"sv, true},
-    {"a|", "b"sv, false},
-    {"IMG_\\d+", "IMG_12"sv, true},
-    {"IMG_\\d+", "IMG_12a"sv, false},
-    {"IMG_\\d+", "IMG_"sv, false},
-    {"IMG_\\d+", "IMG_\xD9\xA3"sv, false},
-    {"\\w+", "a_B9"sv, true},
-    {"\\w+", "\xC3\xA9"sv, false},
-    {"\\w+", "a-b"sv, false},
-    {"\\W", "-"sv, true},
-    {"\\W", "\xC3\xA9"sv, true},
-    {"\\W", "a"sv, false},
-    {"\\s", " "sv, true},
     {"\\s", "\x09"sv, true},
-    {"\\s", "\xC2\xA0"sv, true},
-    {"\\s", "\xE3\x80\x80"sv, true},
-    {"\\s", "\xEF\xBB\xBF"sv, true},
-    {"\\s", "\xE2\x80\xA8"sv, true},
-    {"\\s", "\xC2\x85"sv, false},
-    {"\\s", "x"sv, false},
-    {"\\S+", "abc"sv, true},
-    {"\\S+", "a b"sv, false},
-    {"[\\d-z]+", "1-z"sv, true},
-    {"[\\d-z]+", "y"sv, false},
-    {"[a\\D]+", "abc"sv, true},
-    {"[a\\D]+", "a1"sv, false},
-    {"[^a\\D]+", "123"sv, true},
-    {"[^a\\D]+", "1a"sv, false},
-    {"[\\w-]+", "a-b_c"sv, true},
-    {"[\\w-]+", "a.b"sv, false},
-    {"[]", ""sv, false},
-    {"[]", "a"sv, false},
     {"[^]+",
      "a\x0A"
      "b"sv,
      true},
-    {"[^]+", ""sv, false},
-    {"[[:alpha:]]+", "a"sv, false},
-    {"[[:alpha:]]+", ":]"sv, true},
-    {"[[:alpha:]]+", "[:a]"sv, false},
     {"[\\b]", "\x08"sv, true},
-    {"[\\b]", "b"sv, false},
-    {"[\xC3\xA0-\xC3\xBC]+",
-     "\xC3\xA0"
-     "b\xC3\xBC"sv,
-     false},
-    {"[\xC3\xA0-\xC3\xBC]+", "\xC3\xA9"sv, true},
-    {"[\xC3\xA0-\xC3\xBC]+", "abc"sv, false},
-    {"[^\xC3\xA0-\xC3\xBC]+", "abc"sv, true},
-    {"[^\xC3\xA0-\xC3\xBC]+", "\xC3\xA9"sv, false},
-    {"[\xF0\x9F\x98\x80]", "\xF0\x9F\x98\x80"sv, false},
-    {"[\xF0\x9F\x98\x80]", "x"sv, false},
-    {"\xF0\x9F\x98\x80+", "\xF0\x9F\x98\x80"sv, true},
-    {".\xF0\x9F\x98\x80", "x\xF0\x9F\x98\x80"sv, true},
-    {".\xF0\x9F\x98\x80", "\xF0\x9F\x98\x80\xF0\x9F\x98\x80"sv, false},
-    {"\\ud83d\\ude00", "\xF0\x9F\x98\x80"sv, true},
-    {"caf\\u00e9", "caf\xC3\xA9"sv, true},
-    {"caf\\u00e9", "cafe"sv, false},
-    {"\\x41\\x4", "Ax4"sv, true},
-    {"\\x41\\x4", "A"sv, false},
-    {"\\u{41}", "A"sv, false},
-    {"\\u{41}", "u{41}"sv, false},
-    {"\\u{41}", "uuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuu"sv, true},
     {"\\cA\\c1", "\x01\\c1"sv, true},
     {"\\cA\\c1", "\x01"sv, false},
     {"\\0\\101\\8",
      "\x00"
      "A8"sv,
      true},
-    {"\\0\\101\\8", "A8"sv, false},
-    {"\\a\\e\\h\\l\\p\\A\\z\\Q\\E\\G", "aehlpAzQEG"sv, true},
-    {"\\<\\>\\`\\'", "<>`'"sv, true},
     {"\\f\\v\\t", "\x0C\x0B\x09"sv, true},
-    {"\\f\\v\\t", "fvt"sv, false},
-    {"a{2,3}", "a"sv, false},
-    {"a{2,3}", "aa"sv, true},
-    {"a{2,3}", "aaa"sv, true},
-    {"a{2,3}", "aaaa"sv, false},
-    {"a{,2}", "a{,2}"sv, true},
-    {"a{,2}", "aa"sv, false},
-    {"x{2,3", "x{2,3"sv, true},
-    {"a{b}", "a{b}"sv, true},
-    {"}]", "}]"sv, true},
-    {"a{2}\?", "aa"sv, true},
-    {"a+\?b", "aaab"sv, true},
-    {"a{0,100001}", "aaa"sv, true},
-    {"a^b", "ab"sv, false},
-    {"a^b", "a^b"sv, false},
-    {"a$b", "ab"sv, false},
-    {"a$b", "a$b"sv, false},
-    {"(^a|b$)", "a"sv, true},
-    {"(^a|b$)", "b"sv, true},
-    {".", "a"sv, true},
     {".", "\x0A"sv, false},
     {".", "\x0D"sv, false},
-    {".", "\xE2\x80\xA8"sv, false},
-    {".", "\xE2\x80\xA9"sv, false},
     {".", "\x0C"sv, true},
-    {".", "\xC2\x85"sv, true},
     {".", "\x00"sv, true},
-    {".", "\xF0\x9F\x98\x80"sv, false},
-    {"a.c", "abc"sv, true},
     {"a.c",
      "a\x0A"
-     "c"sv,
-     false},
-    {"a.c",
-     "a\xE2\x80\xA8"
      "c"sv,
      false},
     {"a.c",
      "a\x0B"
      "c"sv,
      true},
-    {".+\\.(jpg|png)", "x.jpg"sv, true},
-    {".+\\.(jpg|png)", "x.png"sv, true},
-    {".+\\.(jpg|png)", "x.gif"sv, false},
-    {"(a|ab)(c|bcd)(d*)", "abcd"sv, true},
-    {"\\bfoo\\b.*", "foo bar"sv, true},
-    {"\\bfoo\\b.*", "foobar"sv, false},
-    {"\\bfoo\\b.*", "foo"sv, true},
-    {".*\\bbar", "foo bar"sv, true},
-    {".*\\bbar", "foobar"sv, false},
-    {".*\\bbar",
-     "\xC3\xA9"
-     "bar"sv,
-     true},
-    {"\\Bo\\B.*", "o"sv, false},
-    {"\\Bo\\B.*", "oo"sv, false},
-    {"(\?=a)\\w+", "abc"sv, true},
-    {"(\?=a)\\w+", "bc"sv, false},
-    {"(\?!a)\\w+", "abc"sv, false},
-    {"(\?!a)\\w+", "bc"sv, true},
-    {"a(\?<=a)b", "ab"sv, true},
-    {"a(\?<!a)b", "ab"sv, false},
-    {"(\?=a)*a", "a"sv, true},
-    {"(a)\\1", "aa"sv, true},
-    {"(a)\\1", "a"sv, false},
-    {"(.*)-\\1", "abc-abc"sv, true},
-    {"(.*)-\\1", "abc-abd"sv, false},
-    {"\\1(a)", "a"sv, true},
-    {"\\1(a)", "aa"sv, false},
-    {"(a)|b\\1", "b"sv, true},
-    {"(a)|b\\1", "a"sv, true},
-    {"(a\\1)", "a"sv, true},
-    {"(a\\1)", "aa"sv, false},
-    {"(\?<x>a)\\k<x>", "aa"sv, true},
-    {"(\?<x>a)\\k<x>", "a"sv, false},
-    {"\\k<x>(\?<x>a)", "a"sv, true},
-    {"a\\kb", "akb"sv, true},
     {"(a)\\2", "a\x02"sv, true},
-    {"(a)(b)(c)(d)(e)(f)(g)(h)(i)(j)\\10", "abcdefghijj"sv, true},
-    {"(a)(b)(c)(d)(e)(f)(g)(h)(i)(j)\\10", "abcdefghija"sv, false},
-    {"[A-Z]+", "ABC"sv, true},
-    {"[A-Z]+", "AbC"sv, false},
-    {"Readme\\.md", "Readme.md"sv, true},
-    {"Readme\\.md", "README.md"sv, false},
-    {"Readme\\.md", "readme.md"sv, false},
+
 };
 
 TEST(NameRegex, AnswersAsJavaScriptDoes) {
@@ -265,6 +89,33 @@ TEST(NameRegex, AnswersAsJavaScriptDoes) {
     EXPECT_EQ(engine.gave_up_count(), 0u);
   }
 }
+
+#ifndef _WIN32
+// A Linux name that is not UTF-8 reads as U+FFFD on both matchers (as script
+// sees it). Found by fuzz_name_regex: the direct matcher compared raw bytes.
+TEST(NameRegex, InvalidUtf8NamesReadAsReplacementCharacters) {
+  const char* found =
+      "\xFF\xDA\xDA"
+      "4";  // the fuzzer's input
+  for (const char* p : {"\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"
+                        "4",
+                        "\xEF\xBF\xBD.*",
+                        "x|\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"
+                        "4"}) {
+    name_regex direct(p);
+    name_regex engine(p, name_regex::path::engine_only);
+    ASSERT_TRUE(direct.is_simple()) << p;
+    EXPECT_TRUE(engine.full_match(found)) << p;
+    EXPECT_TRUE(direct.full_match(found)) << p;
+    for (const char* name : {"\xFF",
+                             "\xFF\xDA"
+                             "4",
+                             "\xC3", "a\xE2\x80", "\xEF\xBF\xBD"}) {
+      EXPECT_EQ(direct.full_match(name), engine.full_match(name)) << p;
+    }
+  }
+}
+#endif
 
 TEST(NameRegex, DirectMatcherTakesLiteralsListsAndDotStar) {
   for (const char* p : {"node_modules", "~\\$.*", ".*\\.tmp", ".*", "^abc$", "a.*b.*c", "IMG.*?\\.jpg", "x.*.*y", "^",

@@ -77,14 +77,6 @@ TEST(StorageValues, ReadersByVariantKind) {
   EXPECT_THROW(read_size(wmi_value::string("C:")), std::invalid_argument);
 }
 
-TEST(StorageValues, StorageTypeNames) {
-  EXPECT_STREQ(storage_type_name(0), "SSD");
-  EXPECT_STREQ(storage_type_name(1), "HDD");
-  EXPECT_STREQ(storage_type_name(2), "USB");
-  EXPECT_STREQ(storage_type_name(3), "Unknown");
-  EXPECT_STREQ(storage_type_name(77), "Unknown");
-}
-
 // The guard's counter is process-wide, and other suites leave it at -1 (a
 // machine asked for security twice refuses the second time, as COM does):
 // each case starts from a fresh process's 0.

@@ -133,20 +133,5 @@ TEST(WatchRecords, InotifyEventsAreWalkedAndCutRecordsDropped) {
   EXPECT_EQ(walk_inotify_events(c.data(), c.size() - 5, cut), 2u);
 }
 
-TEST(WatchRecords, EventNames) {
-  struct row {
-    std::uint32_t action;
-    const char* file;
-    const char* dir;
-  } rows[] = {{1, "add", "addDir"},       {2, "unlink", "unlinkDir"},
-              {3, "change", "changeDir"}, {4, "renameOld", "renameOldDir"},
-              {5, "rename", "renameDir"}, {0, "unknown", "unknown"},
-              {6, "unknown", "unknown"},  {0xFFFFFFFF, "unknown", "unknown"}};
-  for (const auto& r : rows) {
-    EXPECT_STREQ(watch_event_name(r.action, true), r.file) << r.action;
-    EXPECT_STREQ(watch_event_name(r.action, false), r.dir) << r.action;
-  }
-}
-
 }  // namespace
 }  // namespace ostrel::watch

@@ -1,0 +1,64 @@
+#!/usr/bin/env bash
+# Line and branch coverage of src/ by the native suites: builds the
+# linux-coverage preset (gcc --coverage), clears the counters, runs the
+# native unit tests and the JS suites with the Linux node on that build, and
+# prints one row per subsystem folder (gcovr, Debian's package).
+#   scripts/coverage.sh                          unit tests and every JS suite
+#   OSTREL_SUITES="native-unit" scripts/coverage.sh        unit tests only
+#   OSTREL_JS_FILES="test/js/a.test.js" scripts/coverage.sh  some JS files
+#   scripts/coverage.sh --report                 print the figures of the last run again
+# Windows-only sources (*_win.cc) are not built here, so they count nowhere.
+set -uo pipefail
+cd "$(dirname "$0")/.."
+preset=linux-coverage
+dir="build/$preset"
+
+if ! command -v gcovr >/dev/null; then
+  SUDO=""
+  [ "$(id -u)" -eq 0 ] || SUDO="sudo"
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends gcovr >/dev/null
+fi
+
+if [ "${1:-}" != "--report" ]; then
+  bash scripts/build.sh "$preset" || exit 1
+  find "$dir" -name '*.gcda' -delete
+  # The suites' own verdicts are printed; a failing suite still leaves counters.
+  OSTREL_PRESET="$preset" OSTREL_SUITES="${OSTREL_SUITES:-native-unit native-js}" bash scripts/test.sh
+fi
+
+json="$dir/coverage.json"
+# Exception and unreachable branches are the compiler's, not the code's.
+gcovr --root . "$dir" --filter 'src/' \
+  --exclude-throw-branches --exclude-unreachable-branches \
+  --json-summary "$json" --json-summary-pretty >/dev/null || exit 1
+
+node - "$json" <<'EOF'
+const summary = require(require('path').resolve(process.argv[2]));
+const rows = new Map();
+const add = (key, f) => {
+  const r = rows.get(key) || { lt: 0, lc: 0, bt: 0, bc: 0 };
+  r.lt += f.line_total; r.lc += f.line_covered; r.bt += f.branch_total; r.bc += f.branch_covered;
+  rows.set(key, r);
+};
+for (const f of summary.files) {
+  add(f.filename.split('/')[1], f);
+  add('all of src/', f);
+}
+const pct = (c, t) => (t ? ((100 * c) / t).toFixed(1) + ' %' : '-');
+const order = ['runtime', 'scan', 'watch', 'storage', 'mtp', 'media', 'telemetry', 'main', 'all of src/'];
+const keys = [...order.filter((k) => rows.has(k)), ...[...rows.keys()].filter((k) => !order.includes(k))];
+console.log('| folder | lines | line coverage | branches | branch coverage |');
+console.log('|---|---:|---:|---:|---:|');
+for (const k of keys) {
+  const r = rows.get(k);
+  console.log(`| ${k} | ${r.lc}/${r.lt} | ${pct(r.lc, r.lt)} | ${r.bc}/${r.bt} | ${pct(r.bc, r.bt)} |`);
+}
+EOF
+
+# Test lines against code lines (the doubles and simulators counted apart).
+lines() { find "$@" -type f \( -name '*.js' -o -name '*.cc' -o -name '*.h' -o -name '*.c' \) -print0 2>/dev/null | xargs -0 cat | wc -l; }
+code=$(lines src lib bin index.js)
+tests=$(lines test/js test/native test/addon test/fuzz)
+fixtures=$(lines test/fixtures)
+echo "code (src lib bin index.js): $code lines; tests (test/js test/native test/addon test/fuzz): $tests lines," \
+  "$((100 * tests / code)) % of the code; doubles and simulators (test/fixtures): $fixtures lines"
