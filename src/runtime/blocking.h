@@ -129,13 +129,20 @@ own_thread_job<std::invoke_result_t<Fn&>> on_own_thread(Fn job) {
   return own_thread_job<std::invoke_result_t<Fn&>>(std::function<std::invoke_result_t<Fn&>()>(std::move(job)));
 }
 
+// Trivially destructible on purpose: GCC 12 destroys some temporaries of a
+// co_await expression twice, and `co_await on_blocking(token)` is written
+// inline. The token is only read while the task is suspended in the
+// expression, where the caller's token (even a temporary one) is alive; the
+// executor keeps its own copy.
 class blocking_hop {
  public:
-  explicit blocking_hop(cancellation_token token) noexcept : token_(std::move(token)) {}
+  explicit blocking_hop(const cancellation_token* token) noexcept : token_(token) {}
   bool await_ready() const noexcept { return false; }
   template <typename P>
   bool await_suspend(std::coroutine_handle<P> h) {
-    if (token_.is_cancellation_requested()) {
+    static const cancellation_token never;
+    const cancellation_token& token = token_ ? *token_ : never;
+    if (token.is_cancellation_requested()) {
       cancelled_ = true;
       return false;
     }
@@ -146,7 +153,7 @@ class blocking_hop {
     }
     // TRICKY: a thread may take the task and resume it (freeing this awaiter)
     // before post returns; `cancelled_` is written only before the resume.
-    executor->post({resumable(h), token_, &cancelled_});
+    executor->post({resumable(h), token, &cancelled_});
     return true;
   }
   void await_resume() const {
@@ -155,16 +162,21 @@ class blocking_hop {
   }
 
  private:
-  cancellation_token token_;
+  const cancellation_token* token_;
   bool cancelled_ = false;
   bool stopped_ = false;
 };
 
+static_assert(std::is_trivially_destructible_v<blocking_hop>);
+
 // co_await on_blocking(token) continues the task on a thread of the blocking
 // executor. When `token` is cancelled before a thread takes the task, it
 // goes on on the pool with operation_cancelled instead.
-inline blocking_hop on_blocking(cancellation_token token = {}) noexcept {
-  return blocking_hop(std::move(token));
+inline blocking_hop on_blocking(const cancellation_token& token) noexcept {
+  return blocking_hop(&token);
+}
+inline blocking_hop on_blocking() noexcept {
+  return blocking_hop(nullptr);
 }
 
 }  // namespace ostrel
