@@ -151,4 +151,13 @@ std::string system_message(std::uint32_t code) {
   return to_utf8(message);
 }
 
+bool special_file(const native_string&) {
+  return false;
+}
+
+bool path_beyond_limit(const native_string&) noexcept {
+  // Every call takes the long-path form.
+  return false;
+}
+
 }  // namespace ostrel::watch
