@@ -149,6 +149,25 @@ std::size_t valid_prefix(native_string_view text) noexcept {
 
 }  // namespace
 
+std::size_t settle_unpaired_renames(std::vector<change_record>& records) noexcept {
+  std::size_t changed = 0;
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    auto& r = records[i];
+    if (r.action == action_renamed_old) {
+      if (i + 1 < records.size() && records[i + 1].action == action_renamed_new) {
+        ++i;  // a pair
+        continue;
+      }
+      r.action = action_removed;
+      ++changed;
+    } else if (r.action == action_renamed_new) {
+      r.action = action_added;
+      ++changed;
+    }
+  }
+  return changed;
+}
+
 std::size_t invalid_name_prefix(native_string_view name) noexcept {
   const std::size_t valid = valid_prefix(name);
   if (valid == name.size()) return native_string_view::npos;

@@ -55,10 +55,40 @@ bool WatchData::stop() {
   return true;
 }
 
-std::uint64_t WatchData::next_sequence(bool dir_mode) {
+std::uint64_t WatchData::next_sequence(bool dir_mode, native_string name, std::uint32_t action) {
   std::lock_guard lock(mutex_);
-  return loops_[dir_mode ? 1 : 0].next_assigned++;
+  ordered& o = loops_[dir_mode ? 1 : 0];
+  pending_record r;
+  if (action == action_renamed_new && o.last_was_renamed_old) r.pair_name = o.last_renamed_old;
+  o.last_was_renamed_old = action == action_renamed_old;
+  if (o.last_was_renamed_old) o.last_renamed_old = name;
+  r.name = std::move(name);
+  const std::uint64_t seq = o.next_assigned++;
+  o.pending.emplace(seq, std::move(r));
+  return seq;
 }
+
+namespace {
+
+// How many held-back records the delivery looks past: beyond them the rest
+// waits in record order, so that a delivery stays cheap.
+constexpr std::size_t max_held = 16;
+
+bool is_separator(scan::native_char c) {
+  return c == scan::native_separator || c == '/';
+}
+
+// Whether two names relative to the root touch each other: the same item,
+// or one a folder above the other. The empty name (the root) touches all.
+bool related(const native_string& a, const native_string& b) {
+  const native_string& shorter = a.size() <= b.size() ? a : b;
+  const native_string& longer = a.size() <= b.size() ? b : a;
+  if (shorter.empty()) return true;
+  if (longer.compare(0, shorter.size(), shorter) != 0) return false;
+  return longer.size() == shorter.size() || is_separator(longer[shorter.size()]);
+}
+
+}  // namespace
 
 namespace {
 
@@ -97,15 +127,34 @@ bool WatchData::keep(const watch_event& e) {
 bool WatchData::finish_record(bool dir_mode, std::uint64_t seq, std::vector<watch_event> events) {
   std::lock_guard lock(mutex_);
   ordered& o = loops_[dir_mode ? 1 : 0];
-  o.finished.emplace(seq, std::move(events));
+  auto at = o.pending.find(seq);
+  if (at == o.pending.end()) {
+    // Not numbered by next_sequence (a test's own numbers): in order of
+    // numbers, like any other.
+    at = o.pending.emplace(seq, pending_record{}).first;
+  }
+  at->second.done = true;
+  at->second.events = std::move(events);
   bool grew = false;
-  for (auto it = o.finished.begin(); it != o.finished.end() && it->first == o.next_delivered;
-       it = o.finished.erase(it)) {
-    for (auto& e : it->second) {
+  // Names of the earlier records still held back: a later record touching
+  // one of them waits too.
+  std::vector<const native_string*> held;
+  for (auto it = o.pending.begin(); it != o.pending.end() && held.size() < max_held;) {
+    pending_record& r = it->second;
+    bool wait = !r.done;
+    for (std::size_t i = 0; i < held.size() && !wait; ++i) {
+      wait = related(*held[i], r.name) || (!r.pair_name.empty() && related(*held[i], r.pair_name));
+    }
+    if (wait) {
+      held.push_back(&r.name);  // map nodes stay put while others are erased
+      ++it;
+      continue;
+    }
+    for (auto& e : r.events) {
       if (keep(e)) deliverable_.push_back(std::move(e));
     }
-    ++o.next_delivered;
     grew = true;
+    it = o.pending.erase(it);
   }
   return grew;
 }

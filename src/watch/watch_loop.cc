@@ -330,8 +330,15 @@ task<void> NotifyDataFromNotifyInfo(std::shared_ptr<WatchData> w, change_record 
     auto components = components_of(record.name);
     if (ignored_component(*w, components)) co_return;
     scan::ScanRule* rule = nullptr;
-    if (path_rejected(*w, components, rule)) co_return;
     native_string path = join(w->rootPath, record.name);
+    if (path_rejected(*w, components, rule)) {
+      // A folder that appeared outside every rule is not reported, but a
+      // folder a rule selects may already lie inside it.
+      if (dir_mode && (record.action == action_added || record.action == action_renamed_new)) {
+        expand_folder(*w, path, record.name, done.events);
+      }
+      co_return;
+    }
     auto info = std::make_shared<scan::FileInfo>(path, w->rootPath);
     // Until a query says otherwise, the kind is that of the loop that saw
     // the item (one loop sees files, the other folders).
@@ -402,8 +409,10 @@ void report_unwatched(WatchData& w, std::uint32_t count, std::uint32_t error) {
   }
 }
 
-void report_notices(WatchData& w, read_outcome& batch) {
-  if (batch.unwatched_folders) report_unwatched(w, batch.unwatched_folders, batch.unwatched_error);
+void report_notices(WatchData& w, read_outcome& batch, bool dir_mode) {
+  // Both readers of a session watch the same folders and miss the same
+  // ones: the folder reader tells.
+  if (batch.unwatched_folders && dir_mode) report_unwatched(w, batch.unwatched_folders, batch.unwatched_error);
   for (const auto& name : batch.invalid_names) w.report_invalid_name(name);
 }
 
@@ -481,10 +490,11 @@ task<void> WatchLoop(std::shared_ptr<WatchData> w, bool dir_mode) {
         std::shared_ptr<read_outcome> batch = co_await queue->pop();
         if (!batch) break;
         failures = 0;
-        report_notices(*w, *batch);
+        report_notices(*w, *batch, dir_mode);
         for (auto& record : batch->records) {
           if (w->rootRemoved.load()) break;
-          spawn(NotifyDataFromNotifyInfo(w, std::move(record), dir_mode, w->next_sequence(dir_mode)), runtime::alive());
+          const std::uint64_t seq = w->next_sequence(dir_mode, record.name, record.action);
+          spawn(NotifyDataFromNotifyInfo(w, std::move(record), dir_mode, seq), runtime::alive());
         }
       }
       if (queue->ended == read_outcome::kind::overflow && w->settings.report_overflow && w->running.load()) {

@@ -67,5 +67,59 @@ TEST(WatchOrder, RecordsFinishedInAnyOrderAreDeliveredInRecordOrder) {
   EXPECT_EQ(count, with_events);
 }
 
+// A record that is slow to classify holds back only the records that touch
+// the same item, a folder above it or an item below it, and the new name
+// of a rename whose old name it touches; the rest passes it.
+TEST(WatchOrder, ASlowRecordHoldsBackOnlyWhatTouchesItsItem) {
+  auto native = [](const char* s) { return scan::utf8_to_native(s); };
+  struct row {
+    const char* name;
+    std::uint32_t action;
+    bool held;  // by the slow record "dir/slow.txt"
+  } rows[] = {
+      {"other.txt", 1, false},
+      {"dir/slow.txt", 3, true},   // the same item
+      {"dir", 3, true},            // a folder above it
+      {"dir/slow.txt.bak", 1, false},
+      {"dirx/a", 1, false},
+      {"dir/slow.txt", 4, true},   // its rename ...
+      {"renamed.txt", 5, true},    // ... and the new name with it
+      {"other2.txt", 1, false},
+  };
+  WatchData w(native("/root"), {}, {}, {}, nullptr);
+  const std::uint64_t slow = w.next_sequence(false, native("dir/slow.txt"), 1);
+  std::vector<std::uint64_t> seqs;
+  for (const auto& r : rows) seqs.push_back(w.next_sequence(false, native(r.name), r.action));
+  for (std::size_t i = 0; i < seqs.size(); ++i) {
+    watch_event e;
+    e.action = rows[i].action;
+    e.file_name = native(rows[i].name);
+    std::vector<watch_event> one;
+    one.push_back(std::move(e));
+    w.finish_record(false, seqs[i], std::move(one));
+  }
+  std::vector<native_string> passed;
+  for (auto& e : w.take_deliverable()) passed.push_back(e.file_name);
+  std::vector<native_string> expected;
+  for (const auto& r : rows) {
+    if (!r.held) expected.push_back(native(r.name));
+  }
+  EXPECT_EQ(passed, expected);
+  // The slow one finishes: it and what it held follow, in record order.
+  watch_event e;
+  e.action = 1;
+  e.file_name = native("dir/slow.txt");
+  std::vector<watch_event> one;
+  one.push_back(std::move(e));
+  w.finish_record(false, slow, std::move(one));
+  std::vector<native_string> rest;
+  for (auto& ev : w.take_deliverable()) rest.push_back(ev.file_name);
+  std::vector<native_string> expected_rest{native("dir/slow.txt")};
+  for (const auto& r : rows) {
+    if (r.held) expected_rest.push_back(native(r.name));
+  }
+  EXPECT_EQ(rest, expected_rest);
+}
+
 }  // namespace
 }  // namespace ostrel::watch
