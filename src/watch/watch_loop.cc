@@ -323,9 +323,11 @@ struct record_finisher {
 task<void> NotifyDataFromNotifyInfo(std::shared_ptr<WatchData> w, change_record record, bool dir_mode,
                                     std::uint64_t seq) {
   record_finisher done{w, dir_mode, seq, {}};
+  // Named: GCC 12 destroys a temporary inside a co_await expression twice.
+  const cancellation_token stop = w->stop_token();
   try {
     // Metadata reads block: never on the I/O service's thread.
-    co_await blocking_hop(w->stop_token());
+    co_await blocking_hop(stop);
     if (!w->running.load()) co_return;
     auto components = components_of(record.name);
     if (ignored_component(*w, components)) co_return;
@@ -426,6 +428,8 @@ task<void> WatchLoop(std::shared_ptr<WatchData> w, bool dir_mode) {
   // after the root came back.
   bool removal_reported = false;
   std::int32_t failures = 0;
+  // Named: GCC 12 destroys a temporary inside a co_await expression twice.
+  const cancellation_token stop = w->stop_token();
   auto close_reader = [&] {
     if (!reader) return;
     reader.reset();
@@ -449,7 +453,7 @@ task<void> WatchLoop(std::shared_ptr<WatchData> w, bool dir_mode) {
         io_service* io = runtime::io();
         if (!io) break;
         try {
-          co_await io->schedule_after(back_off, w->stop_token());
+          co_await io->schedule_after(back_off, stop);
         } catch (const operation_cancelled&) {
           break;  // closed: the loop ends at once
         }
@@ -459,7 +463,7 @@ task<void> WatchLoop(std::shared_ptr<WatchData> w, bool dir_mode) {
       }
       if (!reader) {
         // Opening the root (and putting its watches) may block for long.
-        co_await blocking_hop(w->stop_token());
+        co_await blocking_hop(stop);
         if (!w->running.load()) break;
         open_result opened = open_dir_reader(*w, dir_mode);
         if (!opened.reader) {

@@ -78,9 +78,10 @@ TEST(WatchOrder, ASlowRecordHoldsBackOnlyWhatTouchesItsItem) {
     bool held;  // by the slow record "dir/slow.txt"
   } rows[] = {
       {"other.txt", 1, false},
-      {"dir/slow.txt", 3, true},   // the same item
-      {"dir", 3, true},            // a folder above it
+      {"dir/slow.txt", 3, true},  // the same item
       {"dir/slow.txt.bak", 1, false},
+      {"dir", 3, true},     // a folder above it
+      {"dir/new", 1, true},  // below a held folder
       {"dirx/a", 1, false},
       {"dir/slow.txt", 4, true},   // its rename ...
       {"renamed.txt", 5, true},    // ... and the new name with it
