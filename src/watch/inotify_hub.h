@@ -60,8 +60,7 @@ class subscription {
 
  private:
   friend class channel;
-  friend std::shared_ptr<subscription> subscribe(const native_string&, bool, const std::atomic<bool>&,
-                                                 std::uint32_t&);
+  friend std::shared_ptr<subscription> subscribe(const native_string&, bool, const std::atomic<bool>&, std::uint32_t&);
   native_string root_;
   bool dir_mode_;
   std::shared_ptr<channel> channel_;

@@ -74,20 +74,6 @@ namespace {
 // waits in record order, so that a delivery stays cheap.
 constexpr std::size_t max_held = 16;
 
-bool is_separator(scan::native_char c) {
-  return c == scan::native_separator || c == '/';
-}
-
-// Whether two names relative to the root touch each other: the same item,
-// or one a folder above the other. The empty name (the root) touches all.
-bool related(const native_string& a, const native_string& b) {
-  const native_string& shorter = a.size() <= b.size() ? a : b;
-  const native_string& longer = a.size() <= b.size() ? b : a;
-  if (shorter.empty()) return true;
-  if (longer.compare(0, shorter.size(), shorter) != 0) return false;
-  return longer.size() == shorter.size() || is_separator(longer[shorter.size()]);
-}
-
 }  // namespace
 
 namespace {
@@ -141,10 +127,8 @@ bool WatchData::finish_record(bool dir_mode, std::uint64_t seq, std::vector<watc
   std::vector<const native_string*> held;
   for (auto it = o.pending.begin(); it != o.pending.end() && held.size() < max_held;) {
     pending_record& r = it->second;
-    bool wait = !r.done;
-    for (std::size_t i = 0; i < held.size() && !wait; ++i) {
-      wait = related(*held[i], r.name) || (!r.pair_name.empty() && related(*held[i], r.pair_name));
-    }
+    // In record order: a record waits for every earlier one.
+    bool wait = !r.done || !held.empty();
     if (wait) {
       held.push_back(&r.name);  // map nodes stay put while others are erased
       ++it;

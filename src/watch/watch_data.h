@@ -97,16 +97,11 @@ class WatchData {
   // per session as an error event, never as a change.
   void report_invalid_name(const native_string& relative);
 
-  // Event ordering. Each loop numbers the records it reads, with the name
-  // each is about; classification runs in parallel, and a finished
-  // record's events are handed on once every earlier record of its loop
-  // that touches the same item, a folder above it or an item below it has
-  // been handed on. So the events of one item (and of a folder and its
-  // content) reach script in the order of the records, while a record that
-  // is slow to read (a slow share) holds back only those. A renamed-new
-  // record also waits for the renamed-old record before it, so the two
-  // halves of a rename stay together. An empty name touches everything.
-  // Past 16 records held back, later ones wait in record order.
+  // Event ordering. Each loop numbers the records it reads (with the name
+  // and action of each, kept for finer ordering later); classification
+  // runs in parallel, and the flush hands on only the longest run of
+  // finished records from the oldest, so the events of one loop reach
+  // script in the order of its records.
   std::uint64_t next_sequence(bool dir_mode, native_string name = {}, std::uint32_t action = 0);
   // Classification of record `seq` of a loop produced `events` (maybe none).
   // True when this let the deliverable run grow (a flush is worth it).

@@ -392,12 +392,21 @@ test('folders beyond the inotify watch limit are reported with their count, the 
         for (let i = 0; i < 60; i++) fs.mkdirSync(path.join(root, `f${i}`));
         const saved = fs.readFileSync(maxWatches, 'utf8').trim();
         let w;
+        // The limit is the whole user's: it is put back when the session
+        // is ready, after 10 s at most, and if this process is killed.
+        const restore = () => fs.writeFileSync(maxWatches, saved);
+        const onSignal = (sig) => { restore(); process.kill(process.pid, sig); };
         try {
+          process.once('SIGTERM', onSignal);
+          process.once('SIGINT', onSignal);
           fs.writeFileSync(maxWatches, String(inUse() + 20));
           try {
-            w = await watch(root, { reportOverflow });
+            w = await Promise.race([watch(root, { reportOverflow }),
+              sleep(10000).then(() => { throw new Error('not ready in 10 s'); })]);
           } finally {
-            fs.writeFileSync(maxWatches, saved);
+            restore();
+            process.off('SIGTERM', onSignal);
+            process.off('SIGINT', onSignal);
           }
           await w.waitFor(() => w.errors.length > 0);
           const e = w.errors[0];

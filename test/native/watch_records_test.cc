@@ -188,12 +188,9 @@ TEST(WatchRecords, InvalidNamesAreCutAtTheirFirstBadComponent) {
     std::string name;
     std::size_t prefix;
   } rows[] = {
-      {"plain/name.txt", npos},
-      {"caf\xc3\xa9/\xe2\x82\xac/\xf0\x9f\x98\x80", npos},
-      {"a/b\xff.t/c", 6},
-      {"\xff", 1},
+      {"plain/name.txt", npos},   {"caf\xc3\xa9/\xe2\x82\xac/\xf0\x9f\x98\x80", npos}, {"a/b\xff.t/c", 6}, {"\xff", 1},
       {"ok/\xc0\xaf", 5},          // overlong '/'
-      {"ok/\xed\xa0\x80/x", 6},   // a surrogate
+      {"ok/\xed\xa0\x80/x", 6},    // a surrogate
       {"ok/\xf4\x90\x80\x80", 7},  // past U+10FFFF
       {"ok/\xe2\x82", 5},          // cut short
       {"x\xe2\x82/y", 3},
