@@ -102,7 +102,8 @@ bool WatchData::keep(const watch_event& e) {
   auto it = recent_adds_.find(e.file_name);
   if (it != recent_adds_.end() && it->second.is_file == e.info.isFile &&
       (it->second.ino == e.info.ino || it->second.ino == 0 || e.info.ino == 0)) {
-    recent_adds_.erase(it);
+    // Kept: a folder inside a new folder is listed by both expansions, and
+    // its own record may report the same item a third time.
     return false;
   }
   recent_adds_[e.file_name] = added{e.info.isFile, e.info.ino, now};
