@@ -150,32 +150,32 @@ class channel : public std::enable_shared_from_this<channel> {
       }
       stack.push_back({d, std::move(rel)});
     };
+    // Depth first, reading each folder entry by entry: only the folders on
+    // the way down are open at once, never a whole level of a wide tree.
     visit(dir, native_string());
     while (!stack.empty()) {
       if (running && !running->load()) break;
-      frame f = std::move(stack.back());
-      stack.pop_back();
-      std::vector<std::string> subdirs;
-      while (dirent* e = readdir(f.d)) {
-        if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
-        if (e->d_type == DT_DIR || e->d_type == DT_UNKNOWN) subdirs.emplace_back(e->d_name);
+      frame& f = stack.back();
+      dirent* e = readdir(f.d);
+      if (!e) {
+        closedir(f.d);
+        stack.pop_back();
+        continue;
       }
-      const int parent = dirfd(f.d);
-      for (const auto& name : subdirs) {
-        int fd = ::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
-        if (fd < 0) {
-          int e = errno;
-          // Not a folder, a link, or gone: nothing to watch. A folder that
-          // may not be opened is not watched: counted.
-          if (e == EACCES || e == EPERM || e == EMFILE || e == ENFILE || e == ENOMEM) {
-            ++failed;
-            error = e;
-          }
-          continue;
+      if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
+      if (e->d_type != DT_DIR && e->d_type != DT_UNKNOWN) continue;
+      int fd = ::openat(dirfd(f.d), e->d_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+      if (fd < 0) {
+        int err = errno;
+        // Not a folder, a link, or gone: nothing to watch. A folder that
+        // may not be opened is not watched: counted.
+        if (err == EACCES || err == EPERM || err == EMFILE || err == ENFILE || err == ENOMEM) {
+          ++failed;
+          error = err;
         }
-        visit(fd, child(f.rel, name));
+        continue;
       }
-      closedir(f.d);
+      visit(fd, child(f.rel, e->d_name));  // may grow the stack: `f` is not used after
     }
     for (auto& f : stack) closedir(f.d);
     return failed;
