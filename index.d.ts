@@ -55,7 +55,11 @@ export interface WatchEvent {
  * A watch failure. errorCode 17 / "Directory deleted" / "REMOVED" when the
  * root went away (watching resumes when it comes back); the system's error
  * code and message with code "" when the root cannot be watched; 1022 /
- * ... / "OVERFLOW" when changes were lost and reportOverflow is set.
+ * ... / "OVERFLOW" when changes were lost and reportOverflow is set; the
+ * errno (28 for the inotify limit) / "<n> folders are not watched: ..." /
+ * "UNWATCHED" when part of the tree could not be watched (as "OVERFLOW"
+ * with reportOverflow); 84 (Windows 1113) / "A name that is not valid
+ * Unicode is not reported: ..." / "INVALID_NAME", once per such name.
  */
 export interface WatchError {
   errorCode: number;

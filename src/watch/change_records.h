@@ -55,6 +55,21 @@ struct inotify_record {
 // buffer is dropped with a log line. Returns the number appended.
 std::size_t walk_inotify_events(const unsigned char* buffer, std::size_t bytes, std::vector<inotify_record>& out);
 
+// A rename inside the tree is a renamed-old record immediately followed by
+// its renamed-new record. Wine reports an item moved into the tree as a
+// lone renamed-new record and one moved out as a lone renamed-old record,
+// where Windows reports them as added and removed: a lone one becomes
+// added (new name) or removed (old name), so both say the same. Returns how
+// many were changed.
+std::size_t settle_unpaired_renames(std::vector<change_record>& records) noexcept;
+
+// Where a relative name stops being reportable: the length of its prefix
+// up to the end of the first component that is not valid Unicode (bytes
+// that are not UTF-8 on Linux, an unpaired surrogate on Windows), or npos
+// when every component is valid. Such a name would reach script changed
+// (U+FFFD in place of the bad units), as a path that does not exist.
+std::size_t invalid_name_prefix(native_string_view name) noexcept;
+
 // The script event name of an action for a file or a folder: "add"/"addDir",
 // "unlink"/"unlinkDir", "change"/"changeDir", "renameOld"/"renameOldDir",
 // "rename"/"renameDir", and "unknown" for any other action.

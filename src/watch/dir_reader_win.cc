@@ -94,7 +94,16 @@ class directory_reader final : public dir_reader {
       } else {
         out.what = read_outcome::kind::records;
         walk_notify_information(buffer_.data(), static_cast<std::size_t>(n), out.records);
-        if (out.records.empty()) continue;
+        settle_unpaired_renames(out.records);
+        for (auto it = out.records.begin(); it != out.records.end();) {
+          if (invalid_name_prefix(it->name) != native_string::npos) {
+            out.invalid_names.push_back(it->name.substr(0, invalid_name_prefix(it->name)));
+            it = out.records.erase(it);
+          } else {
+            ++it;
+          }
+        }
+        if (out.records.empty() && out.invalid_names.empty()) continue;
       }
       co_return out;
     }
@@ -149,6 +158,15 @@ std::string system_message(std::uint32_t code) {
     message.pop_back();
   }
   return to_utf8(message);
+}
+
+bool special_file(const native_string&) {
+  return false;
+}
+
+bool path_beyond_limit(const native_string&) noexcept {
+  // Every call takes the long-path form.
+  return false;
 }
 
 }  // namespace ostrel::watch

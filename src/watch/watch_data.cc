@@ -1,6 +1,10 @@
 #include "watch_data.h"
 
 #include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <iterator>
+#include <type_traits>
 
 #include "runtime/log.h"
 
@@ -43,29 +47,127 @@ void WatchData::CancelPendingReads() {
 
 bool WatchData::stop() {
   if (!running.exchange(false)) return false;
+  stopped->store(true);
+  stop_source_.request_cancellation();
   CancelPendingReads();
   dirDeletedChangeEvents[0].set();
   dirDeletedChangeEvents[1].set();
   return true;
 }
 
-std::uint64_t WatchData::next_sequence(bool dir_mode) {
+std::uint64_t WatchData::next_sequence(bool dir_mode, native_string name, std::uint32_t action) {
   std::lock_guard lock(mutex_);
-  return loops_[dir_mode ? 1 : 0].next_assigned++;
+  ordered& o = loops_[dir_mode ? 1 : 0];
+  pending_record r;
+  if (action == action_renamed_new && o.last_was_renamed_old) r.pair_name = o.last_renamed_old;
+  o.last_was_renamed_old = action == action_renamed_old;
+  if (o.last_was_renamed_old) o.last_renamed_old = name;
+  r.name = std::move(name);
+  const std::uint64_t seq = o.next_assigned++;
+  o.pending.emplace(seq, std::move(r));
+  return seq;
+}
+
+namespace {
+
+// How many held-back records the delivery looks past: beyond them the rest
+// waits in record order, so that a delivery stays cheap.
+constexpr std::size_t max_held = 16;
+
+}  // namespace
+
+namespace {
+
+constexpr std::int64_t recent_add_ms = 10000;
+
+std::int64_t now_ms() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+}  // namespace
+
+bool WatchData::keep(const watch_event& e) {
+  const std::int64_t now = now_ms();
+  while (!add_times_.empty() && now - add_times_.front().first >= recent_add_ms) {
+    auto it = recent_adds_.find(add_times_.front().second);
+    if (it != recent_adds_.end() && it->second.at_ms == add_times_.front().first) recent_adds_.erase(it);
+    add_times_.pop_front();
+  }
+  if (e.action == action_removed || e.action == action_renamed_old) {
+    recent_adds_.erase(e.file_name);
+    return true;
+  }
+  if (e.action != action_added) return true;
+  auto it = recent_adds_.find(e.file_name);
+  if (it != recent_adds_.end() && it->second.is_file == e.info.isFile &&
+      (it->second.ino == e.info.ino || it->second.ino == 0 || e.info.ino == 0)) {
+    // Kept: a folder inside a new folder is listed by both expansions, and
+    // its own record may report the same item a third time.
+    return false;
+  }
+  recent_adds_[e.file_name] = added{e.info.isFile, e.info.ino, now};
+  add_times_.emplace_back(now, e.file_name);
+  return true;
 }
 
 bool WatchData::finish_record(bool dir_mode, std::uint64_t seq, std::vector<watch_event> events) {
   std::lock_guard lock(mutex_);
   ordered& o = loops_[dir_mode ? 1 : 0];
-  o.finished.emplace(seq, std::move(events));
+  auto at = o.pending.find(seq);
+  if (at == o.pending.end()) {
+    // Not numbered by next_sequence (a test's own numbers): in order of
+    // numbers, like any other.
+    at = o.pending.emplace(seq, pending_record{}).first;
+  }
+  at->second.done = true;
+  at->second.events = std::move(events);
   bool grew = false;
-  for (auto it = o.finished.begin(); it != o.finished.end() && it->first == o.next_delivered;
-       it = o.finished.erase(it)) {
-    for (auto& e : it->second) deliverable_.push_back(std::move(e));
-    ++o.next_delivered;
+  // Names of the earlier records still held back: a later record touching
+  // one of them waits too.
+  std::vector<const native_string*> held;
+  for (auto it = o.pending.begin(); it != o.pending.end() && held.size() < max_held;) {
+    pending_record& r = it->second;
+    // In record order: a record waits for every earlier one.
+    bool wait = !r.done || !held.empty();
+    if (wait) {
+      held.push_back(&r.name);  // map nodes stay put while others are erased
+      ++it;
+      continue;
+    }
+    for (auto& e : r.events) {
+      if (keep(e)) deliverable_.push_back(std::move(e));
+    }
     grew = true;
+    it = o.pending.erase(it);
   }
   return grew;
+}
+
+void WatchData::report_invalid_name(const native_string& relative) {
+  {
+    std::lock_guard lock(mutex_);
+    for (const auto& r : invalid_reported_) {
+      if (r == relative) return;
+    }
+    invalid_reported_.push_back(relative);
+  }
+  // Each byte that is not printable ASCII as \xHH, so that the log line and
+  // the message say exactly which name it is.
+  std::string shown;
+  for (auto c : relative) {
+    const auto u = static_cast<std::uint32_t>(static_cast<std::make_unsigned_t<scan::native_char>>(c));
+    if (u >= 0x20 && u < 0x7F) {
+      shown.push_back(static_cast<char>(u));
+    } else {
+      char hex[12];
+      std::snprintf(hex, sizeof hex, u <= 0xFF ? "\\x%02X" : "\\u%04X", static_cast<unsigned>(u));
+      shown += hex;
+    }
+  }
+  std::string reason = "A name that is not valid Unicode is not reported: " + shown;
+  log::err("FileWatcher: " + reason);
+  sink->error(error_invalid_name, std::move(reason), "INVALID_NAME");
 }
 
 std::vector<watch_event> WatchData::take_deliverable() {

@@ -7,7 +7,9 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <deque>
 #include <map>
+#include <unordered_map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -26,6 +28,8 @@ struct watch_event {
   std::uint32_t action = 0;
   native_string file_name;  // the record's name, relative to the root
   scan::FileInfo info;
+  // Found by listing a folder that appeared, not reported by the system.
+  bool listed = false;
 };
 
 // Where a session's results go; implemented by the script side, which moves
@@ -37,6 +41,14 @@ class watch_sink {
   virtual void error(std::int64_t error_code, std::string reason, std::string code) = 0;
   virtual void ready() = 0;
 };
+
+// The error code of a name that is not valid Unicode (EILSEQ on Linux,
+// ERROR_NO_UNICODE_TRANSLATION on Windows).
+#ifdef _WIN32
+inline constexpr std::int64_t error_invalid_name = 1113;
+#else
+inline constexpr std::int64_t error_invalid_name = 84;
+#endif
 
 // Options beyond the filters.
 struct watch_settings {
@@ -72,18 +84,33 @@ class WatchData {
   void forget_read_source(const std::shared_ptr<cancellation_source>& source);
   void CancelPendingReads();
 
-  // Stops the session: clears `running`, cancels the pending reads and
-  // wakes loops waiting for a deleted root. True for the first call only.
+  // Stops the session: clears `running`, cancels the pending reads, its
+  // queued blocking work and metadata retries, and wakes loops waiting for
+  // a deleted root. True for the first call only.
   bool stop();
+  // Cancelled by stop(): blocking work still queued ends at once.
+  cancellation_token stop_token() const noexcept { return stop_source_.token(); }
+  // Set by stop(): ends the metadata retries of the session's items.
+  const std::shared_ptr<std::atomic<bool>> stopped = std::make_shared<std::atomic<bool>>(false);
 
-  // Event ordering. Each loop numbers the records it reads; classification
+  // A name that is not valid Unicode (relative to the root): reported once
+  // per session as an error event, never as a change.
+  void report_invalid_name(const native_string& relative);
+
+  // Event ordering. Each loop numbers the records it reads (with the name
+  // and action of each, kept for finer ordering later); classification
   // runs in parallel, and the flush hands on only the longest run of
   // finished records from the oldest, so the events of one loop reach
   // script in the order of its records.
-  std::uint64_t next_sequence(bool dir_mode);
+  std::uint64_t next_sequence(bool dir_mode, native_string name = {}, std::uint32_t action = 0);
   // Classification of record `seq` of a loop produced `events` (maybe none).
   // True when this let the deliverable run grow (a flush is worth it).
   bool finish_record(bool dir_mode, std::uint64_t seq, std::vector<watch_event> events);
+  // A folder that appears is listed after its watch is in place, so a file
+  // created in it at that moment is both listed and reported by the system:
+  // the second "add"/"addDir" of the same item (same path, kind and file
+  // id) within 10 s is dropped, whichever came first, unless the item was
+  // removed in between.
   // Takes every event whose records and all earlier ones are classified.
   std::vector<watch_event> take_deliverable();
   // Hands the deliverable events to the sink. Serialised, so that two
@@ -94,13 +121,31 @@ class WatchData {
   std::mutex mutex_;
   std::mutex flush_mutex_;
   std::vector<std::shared_ptr<cancellation_source>> cancelSources_;
+  struct pending_record {
+    native_string name;
+    native_string pair_name;  // a renamed-new record: the old name before it
+    bool done = false;
+    std::vector<watch_event> events;
+  };
   struct ordered {
     std::uint64_t next_assigned = 0;
-    std::uint64_t next_delivered = 0;
-    std::map<std::uint64_t, std::vector<watch_event>> finished;
+    std::map<std::uint64_t, pending_record> pending;
+    native_string last_renamed_old;
+    bool last_was_renamed_old = false;
   };
   ordered loops_[2];
   std::vector<watch_event> deliverable_;
+  // Caller holds mutex_. False when `e` repeats an add already delivered.
+  bool keep(const watch_event& e);
+  struct added {
+    bool is_file;
+    std::uint64_t ino;
+    std::int64_t at_ms;
+  };
+  std::unordered_map<native_string, added> recent_adds_;
+  std::deque<std::pair<std::int64_t, native_string>> add_times_;
+  std::vector<native_string> invalid_reported_;
+  cancellation_source stop_source_;
 };
 
 }  // namespace ostrel::watch

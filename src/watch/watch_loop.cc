@@ -13,6 +13,8 @@
 #include "runtime/runtime.h"
 #include "runtime/spawn.h"
 #include "runtime/strings.h"
+#include "runtime/blocking.h"
+#include "scan/dir_listing.h"
 #include "scan/file_query.h"
 
 namespace ostrel::watch {
@@ -157,50 +159,148 @@ native_string join(const native_string& root, native_string_view name) {
   return p;
 }
 
+bool ends_with_separator(const native_string& p) {
+  return !p.empty() && (p.back() == scan::native_separator || p.back() == '/');
+}
+
+// Attempts at opening a folder that is busy (held by another program for a
+// moment, just moved in), and the wait between them.
+constexpr int busy_attempts = 5;
+constexpr auto busy_wait = std::chrono::milliseconds(20);
+
+// Opens a folder for listing as the scanner does (the long-path form on
+// Windows; relative to its parent, without following links, on Linux),
+// trying a busy one a few times.
+scan::listing_status open_listing(WatchData& w, scan::dir_listing& dir, const native_string& path,
+                                  const scan::dir_listing* parent, const scan::dir_entry* entry) {
+  scan::listing_status status = dir.open(path, parent, entry, false);
+  for (int attempt = 1; status == scan::listing_status::busy && attempt < busy_attempts && w.running.load();
+       ++attempt) {
+    std::this_thread::sleep_for(busy_wait);
+    status = dir.open(path, parent, entry, false);
+  }
+  return status;
+}
+
+// Opens the folder that appeared. A path the system does not take in one
+// call (Linux, beyond PATH_MAX) is opened component by component from the
+// root of the watch, each relative to the one before.
+std::shared_ptr<scan::dir_listing> open_new_folder(WatchData& w, const native_string& path, native_string_view rel) {
+  auto dir = std::make_shared<scan::dir_listing>();
+  if (!path_beyond_limit(path)) {
+    scan::listing_status status = open_listing(w, *dir, path, nullptr, nullptr);
+    if (status == scan::listing_status::listed) return dir;
+    if (status != scan::listing_status::missing && status != scan::listing_status::denied) {
+      log::err("FileWatcher: the entries of " + scan::native_to_utf8(path) +
+               " are not reported: " + scan::dir_listing::describe(dir->error()));
+    }
+    return nullptr;
+  }
+  native_string at = w.rootPath;
+  if (open_listing(w, *dir, at, nullptr, nullptr) != scan::listing_status::listed) return nullptr;
+  for (const auto& name : components_of(rel)) {
+    auto next = std::make_shared<scan::dir_listing>();
+    scan::dir_entry e;
+    e.name = name;  // ends where a NUL follows
+    e.is_dir = true;
+    at = join(at, name);
+    if (open_listing(w, *next, at, dir.get(), &e) != scan::listing_status::listed) {
+      log::err("FileWatcher: the entries of " + scan::native_to_utf8(path) +
+               " are not reported: " + scan::dir_listing::describe(next->error()));
+      return nullptr;
+    }
+    dir = std::move(next);
+  }
+  return dir;
+}
+
 // Reports what a folder that appeared already holds: one "add"/"addDir"
-// per entry that the filters keep, folders first met first.
-void expand_folder(WatchData& w, const native_string& folder, std::vector<watch_event>& out) {
-  namespace fs = std::filesystem;
-  std::error_code ec;
-  fs::recursive_directory_iterator it;
-  // A folder just moved in may refuse to be opened for a moment (another
-  // program still holds it): try a few times before giving up on it.
-  for (int attempt = 0; attempt < 5; ++attempt) {
-    ec.clear();
-    it = fs::recursive_directory_iterator(fs::path(folder), fs::directory_options::skip_permission_denied, ec);
-    if (!ec || ec == std::errc::no_such_file_or_directory) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  if (ec && ec != std::errc::no_such_file_or_directory) {
-    log::err("FileWatcher: the entries of " + scan::native_to_utf8(folder) + " are not reported: " + ec.message());
-    return;
-  }
-  for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+// per entry that the filters keep, depth first, with the scanner's listing
+// (links not followed, a folder that leads back to one of its ancestors not
+// entered, an entry gone meanwhile skipped). Names are built from the
+// listing's components, whatever form the root has (a drive root, a
+// long-path prefix).
+void expand_folder(WatchData& w, const native_string& folder, native_string_view folder_rel,
+                   std::vector<watch_event>& out) {
+  auto top = open_new_folder(w, folder, folder_rel);
+  if (!top) return;
+  struct frame {
+    std::shared_ptr<scan::dir_listing> dir;
+    std::size_t path_size;
+    std::size_t rel_size;
+  };
+  native_string path = folder;
+  native_string rel(folder_rel);
+  const std::size_t rel_offset = w.rootPath.size() + (ends_with_separator(w.rootPath) ? 0 : 1);
+  std::vector<scan::folder_id> ancestors{top->id()};
+  std::vector<frame> stack;
+  stack.push_back({std::move(top), path.size(), rel.size()});
+  scan::dir_entry e;
+  while (!stack.empty()) {
     if (!w.running.load()) return;
-    const fs::path& p = it->path();
-    native_string path = p.native();
-    native_string_view rel(path);
-    rel.remove_prefix(std::min(rel.size(), w.rootPath.size() + 1));
-    auto components = components_of(rel);
-    bool is_dir = it->is_directory(ec);
-    if (ignored_component(w, components)) {
-      if (is_dir) it.disable_recursion_pending();
+    frame& f = stack.back();
+    if (!f.dir->next(e)) {
+      if (f.dir->end_status() == scan::listing_status::failed || f.dir->end_status() == scan::listing_status::busy) {
+        path.resize(f.path_size);
+        log::err("FileWatcher: the listing of " + scan::native_to_utf8(path) +
+                 " stopped part-way: " + scan::dir_listing::describe(f.dir->error()));
+      }
+      stack.pop_back();
+      ancestors.pop_back();
       continue;
     }
+    if (e.name == OSTREL_NATIVE(".") || e.name == OSTREL_NATIVE("..")) continue;
+    path.resize(f.path_size);
+    rel.resize(f.rel_size);
+    if (!ends_with_separator(path)) path.push_back(scan::native_separator);
+    const std::size_t name_offset = path.size();
+    path.append(e.name);
+    if (!rel.empty()) rel.push_back(scan::native_separator);
+    rel.append(e.name);
+    if (invalid_name_prefix(e.name) != native_string::npos) {
+      w.report_invalid_name(rel);
+      continue;
+    }
+    if (scan::ignoreDir(w.filters, native_string(e.name))) continue;
+    auto components = components_of(rel);
     scan::ScanRule* rule = nullptr;
-    if (path_rejected(w, components, rule)) continue;
-    auto info = std::make_shared<scan::FileInfo>(path, w.rootPath);
-    int settled = scan::settle_outcome(*info, scan::query_file_info(*info));
-    if (settled == 0) continue;  // gone meanwhile
-    if (info->isFile && file_name_rejected(w, path, rule)) continue;
-    watch_event e;
-    e.action = action_added;
-    e.file_name = native_string(rel);
-    e.info = std::move(*info);
-    out.push_back(std::move(e));
-  }
-  if (ec && ec != std::errc::no_such_file_or_directory) {
-    log::err("FileWatcher: the listing of " + scan::native_to_utf8(folder) + " stopped part-way: " + ec.message());
+    const bool reported = !path_rejected(w, components, rule);
+    if (reported) {
+      scan::FileInfo info = scan::FileInfo::from_walk(path, rel_offset, name_offset);
+      // The listing's kind stands when the metadata cannot be read.
+      info.isFile = !e.is_dir;
+      int settled;
+      try {
+        settled = scan::settle_outcome(info, f.dir->query(info, e));
+      } catch (const std::exception& ex) {
+        log::err_value("Error in NotifyDataFromNotifyInfo: ", ex.what());
+        settled = -1;
+      }
+      if (settled == 0) continue;  // gone meanwhile
+      if (settled < 0) {
+        // Failed only for now: reported with its kind, as unreadable.
+        info.readable = false;
+        info.clear_metadata();
+        info.isFile = !e.is_dir;
+      }
+      if (info.isFile && !e.is_dir && special_file(path)) continue;
+      if (!info.isFile || !file_name_rejected(w, path, rule)) {
+        watch_event ev;
+        ev.action = action_added;
+        ev.file_name = rel;
+        ev.info = std::move(info);
+        ev.listed = true;
+        out.push_back(std::move(ev));
+      }
+    }
+    if (!e.is_dir) continue;
+    auto child = std::make_shared<scan::dir_listing>();
+    if (open_listing(w, *child, path, f.dir.get(), &e) != scan::listing_status::listed) continue;
+    bool loop = false;
+    for (const auto& a : ancestors) loop = loop || a.same_as(child->id());
+    if (loop) continue;
+    ancestors.push_back(child->id());
+    stack.push_back({std::move(child), path.size(), rel.size()});
   }
 }
 
@@ -223,28 +323,45 @@ struct record_finisher {
 task<void> NotifyDataFromNotifyInfo(std::shared_ptr<WatchData> w, change_record record, bool dir_mode,
                                     std::uint64_t seq) {
   record_finisher done{w, dir_mode, seq, {}};
+  // Named: GCC 12 destroys a temporary inside a co_await expression twice.
+  const cancellation_token stop = w->stop_token();
   try {
     // Metadata reads block: never on the I/O service's thread.
-    co_await on_pool();
+    co_await on_blocking(stop);
     if (!w->running.load()) co_return;
     auto components = components_of(record.name);
     if (ignored_component(*w, components)) co_return;
     scan::ScanRule* rule = nullptr;
-    if (path_rejected(*w, components, rule)) co_return;
     native_string path = join(w->rootPath, record.name);
+    if (path_rejected(*w, components, rule)) {
+      // A folder that appeared outside every rule is not reported, but a
+      // folder a rule selects may already lie inside it.
+      if (dir_mode && (record.action == action_added || record.action == action_renamed_new)) {
+        expand_folder(*w, path, record.name, done.events);
+      }
+      co_return;
+    }
     auto info = std::make_shared<scan::FileInfo>(path, w->rootPath);
-    if (record.action == action_removed || record.action == action_renamed_old) {
-      // Gone under this name: the loop that saw it tells the kind.
-      info->isFile = !dir_mode;
-    } else {
-      bool usable = co_await scan::FillFileInfoAsync(info, 0, nullptr);
+    // Until a query says otherwise, the kind is that of the loop that saw
+    // the item (one loop sees files, the other folders).
+    info->isFile = !dir_mode;
+    const bool gone = record.action == action_removed || record.action == action_renamed_old;
+    if (!gone) {
+      bool usable = false;
+      if (path_beyond_limit(path)) {
+        info->readable = false;  // cannot be queried by path: its kind stays
+      } else {
+        usable = co_await scan::FillFileInfoAsync(info, 0, w->stopped);
+        if (!w->running.load()) co_return;
+      }
       if (!usable && info->readable) {
         // Gone before it could be read (created and deleted at once): still
         // reported, so that a replay sees every step, with the kind from
         // the loop that saw it and no metadata.
-        info->isFile = !dir_mode;
         info->clear_metadata();
       }
+      if (!info->readable || !usable) info->isFile = !dir_mode;
+      if (info->isFile && usable && info->readable && special_file(path)) co_return;
       if (info->isFile && file_name_rejected(*w, path, rule)) co_return;
     }
     const bool expand = !info->isFile && (record.action == action_added || record.action == action_renamed_new);
@@ -253,7 +370,8 @@ task<void> NotifyDataFromNotifyInfo(std::shared_ptr<WatchData> w, change_record 
     e.file_name = std::move(record.name);
     e.info = std::move(*info);
     done.events.push_back(std::move(e));
-    if (expand) expand_folder(*w, path, done.events);
+    if (expand) expand_folder(*w, path, done.events.front().file_name, done.events);
+  } catch (const operation_cancelled&) {
   } catch (const std::exception& ex) {
     log::err_value("Error in NotifyDataFromNotifyInfo: ", ex.what());
   }
@@ -276,11 +394,42 @@ void HandleLastError(WatchData& w, std::uint32_t error) {
   SendWatchError(w, error, std::move(message), "");
 }
 
+namespace {
+
+// Folders of the tree that could not be watched: one error event per
+// occurrence, naming how many (an overflow with reportOverflow, since the
+// changes there are lost the same way).
+void report_unwatched(WatchData& w, std::uint32_t count, std::uint32_t error) {
+  std::string reason = std::to_string(count) + (count == 1 ? " folder is" : " folders are") +
+                       " not watched: changes there are lost (" +
+                       (error ? system_message(error) : std::string("the watch could not be added")) + ")";
+  log::err("FileWatcher: " + reason);
+  if (w.settings.report_overflow) {
+    SendWatchError(w, error_overflow, std::move(reason), "OVERFLOW");
+  } else {
+    SendWatchError(w, error ? error : error_unwatched, std::move(reason), "UNWATCHED");
+  }
+}
+
+void report_notices(WatchData& w, read_outcome& batch, bool dir_mode) {
+  // Both readers of a session watch the same folders and miss the same
+  // ones: the folder reader tells.
+  if (batch.unwatched_folders && dir_mode) report_unwatched(w, batch.unwatched_folders, batch.unwatched_error);
+  for (const auto& name : batch.invalid_names) w.report_invalid_name(name);
+}
+
+}  // namespace
+
 task<void> WatchLoop(std::shared_ptr<WatchData> w, bool dir_mode) {
   std::shared_ptr<dir_reader> reader;
   bool reopen = false;
   bool just_opened = false;
+  // The deletion of the root has been reported; it is reported again only
+  // after the root came back.
+  bool removal_reported = false;
   std::int32_t failures = 0;
+  // Named: GCC 12 destroys a temporary inside a co_await expression twice.
+  const cancellation_token stop = w->stop_token();
   auto close_reader = [&] {
     if (!reader) return;
     reader.reset();
@@ -291,7 +440,10 @@ task<void> WatchLoop(std::shared_ptr<WatchData> w, bool dir_mode) {
     while (w->running.load()) {
       if (reopen || w->rootRemoved.load()) close_reader();
       if (w->rootRemoved.load()) {
-        SendWatchError(*w, 17, "Directory deleted", "REMOVED");
+        if (!removal_reported) {
+          removal_reported = true;
+          SendWatchError(*w, 17, "Directory deleted", "REMOVED");
+        }
         co_await w->dirDeletedChangeEvents[dir_mode ? 1 : 0];
         co_await on_pool();
         log::out("dirDeletedChangeEvents");
@@ -300,12 +452,19 @@ task<void> WatchLoop(std::shared_ptr<WatchData> w, bool dir_mode) {
       if (failures >= 3) {
         auto io = runtime::io();
         if (!io) break;
-        co_await io->schedule_after(back_off);
+        try {
+          co_await io->schedule_after(back_off, stop);
+        } catch (const operation_cancelled&) {
+          break;  // closed: the loop ends at once
+        }
         co_await on_pool();
         log::out("wait 1s for handler to be created");
         if (!w->running.load()) break;
       }
       if (!reader) {
+        // Opening the root (and putting its watches) may block for long.
+        co_await on_blocking(stop);
+        if (!w->running.load()) break;
         open_result opened = open_dir_reader(*w, dir_mode);
         if (!opened.reader) {
           reopen = true;
@@ -320,6 +479,7 @@ task<void> WatchLoop(std::shared_ptr<WatchData> w, bool dir_mode) {
         reader = std::move(opened.reader);
         reopen = false;
         just_opened = true;
+        removal_reported = false;
         // The failure count goes back to 0 only once a read has delivered:
         // a root that opens but cannot be read (a file, a remote without
         // change notification) would otherwise be retried in a tight loop.
@@ -334,9 +494,11 @@ task<void> WatchLoop(std::shared_ptr<WatchData> w, bool dir_mode) {
         std::shared_ptr<read_outcome> batch = co_await queue->pop();
         if (!batch) break;
         failures = 0;
+        report_notices(*w, *batch, dir_mode);
         for (auto& record : batch->records) {
           if (w->rootRemoved.load()) break;
-          spawn(NotifyDataFromNotifyInfo(w, std::move(record), dir_mode, w->next_sequence(dir_mode)), runtime::alive());
+          const std::uint64_t seq = w->next_sequence(dir_mode, record.name, record.action);
+          spawn(NotifyDataFromNotifyInfo(w, std::move(record), dir_mode, seq), runtime::alive());
         }
       }
       if (queue->ended == read_outcome::kind::overflow && w->settings.report_overflow && w->running.load()) {
@@ -355,6 +517,8 @@ task<void> WatchLoop(std::shared_ptr<WatchData> w, bool dir_mode) {
       reopen = true;
       ++failures;
     }
+  } catch (const operation_cancelled&) {
+    // The session stopped while this loop waited for a blocking thread.
   } catch (const std::exception& e) {
     log::err_value("std::exception in WatchLoop, the loop is closed: \n", e.what());
   }

@@ -29,6 +29,55 @@ test('argument errors are thrown synchronously and start nothing', () => {
   }
 });
 
+test('the fourth argument, the returned function and the open statistic', async (t) => {
+  const f = () => {};
+  // Each row: the fourth argument, and whether StartFileWatch throws with it.
+  const fourth = [
+    ['no fourth argument', undefined, null],
+    ['a number', 5, null],
+    ['a string', 'x', null],
+    ['null', null, null],
+    ['an array', [], null],
+    ['a throwing option getter', { get ignoreDirRegs() { throw new Error('getter threw'); } }, /getter threw/],
+    ['a throwing getter read first', { get fineGrainedDirs() { throw new Error('first threw'); } }, /first threw/],
+  ];
+  const root = tempDir();
+  t.after(() => fs.rmSync(root, { recursive: true, force: true }));
+  for (const [name, options, throws] of fourth) {
+    await t.test(name, async () => {
+      const args = options === undefined ? [root, f] : [root, f, options];
+      if (throws) {
+        assert.throws(() => ostrel.StartFileWatch(root, f, f, options), throws);
+        return;
+      }
+      let close;
+      await new Promise((resolve) => { close = ostrel.StartFileWatch(args[0], f, resolve, ...args.slice(2)); });
+      assert.equal(typeof close, 'function');
+      assert.equal(close.name, 'CloseFileWatch');
+      assert.equal(close(), undefined);
+      assert.equal(close(), undefined);
+    });
+  }
+  await t.test('"CreateFileW(WatchLoop)" is recorded for each open, failures with their code', async () => {
+    const spans = [];
+    ostrel.RegisterTracer({ startSpan() { const a = {}; spans.push(a); return { setAttribute(k, v) { a[k] = v; }, end() {} }; } });
+    const file = path.join(root, 'plain');
+    fs.writeFileSync(file, 'x');
+    const good = await watch(root);
+    const bad = ostrel.StartFileWatch(file, () => {}, () => {}, {});
+    try {
+      const named = () => spans.filter((a) => a.dim_0 === 'CreateFileW(WatchLoop)');
+      const count = () => named().reduce((n, a) => n + a.indsum_0, 0);
+      for (let i = 0; i < 60 && count() < 4; i++) await new Promise((r) => setTimeout(r, 100));
+      assert.ok(count() >= 4, JSON.stringify(named()));
+    } finally {
+      good.close();
+      bad();
+      ostrel.UnRegisterTracers();
+    }
+  });
+});
+
 test('changes of files and folders', async (t) => {
   const root = tempDir();
   const w = await watch(root);

@@ -133,5 +133,56 @@ TEST(WatchRecords, InotifyEventsAreWalkedAndCutRecordsDropped) {
   EXPECT_EQ(walk_inotify_events(c.data(), c.size() - 5, cut), 2u);
 }
 
+TEST(WatchRecords, LoneRenameRecordsBecomeAddsAndRemovals) {
+  // Each row: the actions of one buffer, and what they must become.
+  struct row {
+    const char* what;
+    std::vector<std::uint32_t> in;
+    std::vector<std::uint32_t> out;
+  } rows[] = {
+      {"a rename inside the tree stays a pair", {4, 5}, {4, 5}},
+      {"moved in (Wine: a lone new name)", {5}, {1}},
+      {"moved out (Wine: a lone old name)", {4}, {2}},
+      {"out, then in", {4, 1, 5}, {2, 1, 1}},
+      {"two pairs back to back", {4, 5, 4, 5}, {4, 5, 4, 5}},
+      {"a lone old name before a pair", {4, 4, 5}, {2, 4, 5}},
+      {"a new name then an old name: neither paired", {5, 4}, {1, 2}},
+      {"other actions untouched", {1, 2, 3, 7}, {1, 2, 3, 7}},
+  };
+  for (const auto& r : rows) {
+    std::vector<change_record> records;
+    for (auto a : r.in) records.push_back({a, native("x")});
+    settle_unpaired_renames(records);
+    std::vector<std::uint32_t> got;
+    for (const auto& c : records) got.push_back(c.action);
+    EXPECT_EQ(got, r.out) << r.what;
+  }
+}
+
+TEST(WatchRecords, InvalidNamesAreCutAtTheirFirstBadComponent) {
+  constexpr auto npos = native_string_view::npos;
+#ifdef _WIN32
+  const native_string lone_high = native_string(L"ok\\a") + wchar_t(0xD800) + L"b\\c";
+  const native_string pair = native_string(L"ok\\") + wchar_t(0xD83D) + wchar_t(0xDE00) + L"\\c";
+  const native_string lone_low = native_string(L"") + wchar_t(0xDC00) + L"\\c";
+  EXPECT_EQ(invalid_name_prefix(lone_high), 6u);
+  EXPECT_EQ(invalid_name_prefix(pair), npos);
+  EXPECT_EQ(invalid_name_prefix(lone_low), 1u);
+#else
+  struct row {
+    std::string name;
+    std::size_t prefix;
+  } rows[] = {
+      {"plain/name.txt", npos},   {"caf\xc3\xa9/\xe2\x82\xac/\xf0\x9f\x98\x80", npos}, {"a/b\xff.t/c", 6}, {"\xff", 1},
+      {"ok/\xc0\xaf", 5},          // overlong '/'
+      {"ok/\xed\xa0\x80/x", 6},    // a surrogate
+      {"ok/\xf4\x90\x80\x80", 7},  // past U+10FFFF
+      {"ok/\xe2\x82", 5},          // cut short
+      {"x\xe2\x82/y", 3},
+  };
+  for (const auto& r : rows) EXPECT_EQ(invalid_name_prefix(r.name), r.prefix) << r.name;
+#endif
+}
+
 }  // namespace
 }  // namespace ostrel::watch
