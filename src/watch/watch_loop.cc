@@ -354,6 +354,9 @@ task<void> NotifyDataFromNotifyInfo(std::shared_ptr<WatchData> w, change_record 
         usable = co_await scan::FillFileInfoAsync(info, 0, w->stopped);
         if (!w->running.load()) co_return;
       }
+      // A FIFO, socket, device or a link to one is no file to report; the
+      // query gives such an item as not usable, as it does one that is gone.
+      if (info->readable && (!usable || info->isFile) && special_file(path)) co_return;
       if (!usable && info->readable) {
         // Gone before it could be read (created and deleted at once): still
         // reported, so that a replay sees every step, with the kind from
@@ -361,7 +364,6 @@ task<void> NotifyDataFromNotifyInfo(std::shared_ptr<WatchData> w, change_record 
         info->clear_metadata();
       }
       if (!info->readable || !usable) info->isFile = !dir_mode;
-      if (info->isFile && usable && info->readable && special_file(path)) co_return;
       if (info->isFile && file_name_rejected(*w, path, rule)) co_return;
     }
     const bool expand = !info->isFile && (record.action == action_added || record.action == action_renamed_new);
