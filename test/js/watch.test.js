@@ -302,7 +302,7 @@ test('closing', async (t) => {
           await new Promise((r) => setTimeout(r, 200));
           global.gc && global.gc();
           console.log('GROWTH MB ' + Math.round((process.memoryUsage().rss - rss) / 1048576));
-        })();`, { timeout: 120000 });
+        })();`, { timeout: /asan|tsan/.test(process.env.LD_PRELOAD || '') ? 400000 : 120000 });
       assert.equal(r.status, 0, r.stderr.slice(-2000));
       const growth = Number(/^GROWTH MB (-?\d+)$/m.exec(r.stdout)[1]);
       if (!/asan/.test(process.env.LD_PRELOAD || '')) assert.ok(growth < 30, `grew ${growth} MB`);
