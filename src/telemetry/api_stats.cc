@@ -4,15 +4,19 @@
 
 namespace ostrel::telemetry {
 
+ApiStatEntry& api_stats::entry_locked(const hashed_name& key) {
+  auto it = entries_.find(key);
+  if (it == entries_.end()) {
+    it = entries_.emplace(stat_key{key.hash, std::string(key.name)}, ApiStatEntry{}).first;
+    it->second.name = it->first.name;
+  }
+  return it->second;
+}
+
 void api_stats::record(std::string_view name, std::uint64_t value_ms, std::int32_t code, std::string_view message) {
   const hashed_name key{std::hash<std::string_view>{}(name), name};
   std::lock_guard lock(lock_);
-  auto it = entries_.find(key);
-  if (it == entries_.end()) {
-    it = entries_.emplace(stat_key{key.hash, std::string(name)}, ApiStatEntry{}).first;
-    it->second.name = it->first.name;
-  }
-  ApiStatEntry& e = it->second;
+  ApiStatEntry& e = entry_locked(key);
   e.count += 1;
   e.sum += value_ms;
   if (e.max < value_ms) e.max = value_ms;
@@ -29,12 +33,7 @@ void api_stats::record_successes(std::string_view name, std::uint64_t count, std
   if (count == 0) return;
   const hashed_name key{std::hash<std::string_view>{}(name), name};
   std::lock_guard lock(lock_);
-  auto it = entries_.find(key);
-  if (it == entries_.end()) {
-    it = entries_.emplace(stat_key{key.hash, std::string(name)}, ApiStatEntry{}).first;
-    it->second.name = it->first.name;
-  }
-  ApiStatEntry& e = it->second;
+  ApiStatEntry& e = entry_locked(key);
   e.count += count;
   e.sum += sum_ms;
   if (e.max < max_ms) e.max = max_ms;

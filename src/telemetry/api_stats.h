@@ -79,6 +79,8 @@ class api_stats {
     }
   };
 
+  // The entry of `key`, made on first use. Under lock_.
+  ApiStatEntry& entry_locked(const hashed_name& key);
   mutable std::mutex lock_;
   std::int64_t last_flush_ns_ = 0;
   std::unordered_map<stat_key, ApiStatEntry, key_hash, key_equal> entries_;
