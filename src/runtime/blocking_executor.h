@@ -40,6 +40,8 @@ class blocking_executor : public std::enable_shared_from_this<blocking_executor>
   // Queues `i`. A task whose token is cancelled by the time a thread takes it
   // is handed to `on_cancelled` instead of being resumed on that thread.
   // Once stopped, the task is freed (it can never run here). Never blocks.
+  // A cancellation is seen only when a thread takes the task: with every
+  // thread stuck, a cancelled task waits in the queue like any other.
   void post(item i);
   // Stops taking work and frees what is queued; idle threads end at once.
   // Waits at most `grace` for busy threads to end; false when one was left
