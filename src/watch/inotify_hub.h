@@ -45,7 +45,7 @@ struct pending_changes {
   }
 };
 
-class subscription {
+class subscription : public std::enable_shared_from_this<subscription> {
  public:
   subscription(native_string root, bool dir_mode) : root_(std::move(root)), dir_mode_(dir_mode) {}
   ~subscription();

@@ -202,10 +202,27 @@ class channel : public std::enable_shared_from_this<channel> {
     if (it == watchers_.end()) return;
     auto& v = it->second;
     v.erase(std::remove(v.begin(), v.end(), &s), v.end());
-    if (v.empty()) {
-      inotify_rm_watch(fd_, wd);
-      watchers_.erase(it);
+    if (!v.empty()) return;
+    watchers_.erase(it);
+    if (walks_ > 0) {
+      // A subscription's walk, outside the mutex, may have just been given
+      // this very watch for a folder it shares: removing it now would leave
+      // that subscription on a dead watch. Removed once no walk is running,
+      // if nobody took it by then.
+      unused_.push_back(wd);
+      return;
     }
+    inotify_rm_watch(fd_, wd);
+  }
+
+  // Removes the watches released during walks that nobody took since.
+  // Caller holds the mutex.
+  void remove_unused() {
+    if (walks_ > 0) return;
+    for (int wd : unused_) {
+      if (watchers_.count(wd) == 0) inotify_rm_watch(fd_, wd);
+    }
+    unused_.clear();
   }
 
   void leave(subscription& s) {
@@ -231,16 +248,28 @@ class channel : public std::enable_shared_from_this<channel> {
     int error = 0;
     const int fd = root.fd;
     root.fd = -1;  // watch_tree owns it now
+    {
+      std::lock_guard lock(mutex_);
+      ++walks_;
+    }
     std::uint32_t failed = watch_tree(fd, s.root_, dirs, error, &running);
+    std::lock_guard lock(mutex_);
+    --walks_;
+    std::uint32_t result = 0;
     if (dirs.empty() || !dirs.front().rel.empty()) {
       // The root itself could not be watched (or went away meanwhile).
-      return static_cast<std::uint32_t>(error ? error : ENOENT);
+      result = static_cast<std::uint32_t>(error ? error : ENOENT);
+      // What the walk was given is not kept: released like a leave.
+      for (const auto& d : dirs) {
+        if (watchers_.count(d.wd) == 0) unused_.push_back(d.wd);
+      }
+    } else {
+      s.root_wd_ = dirs.front().wd;
+      register_dirs(s, native_string(), dirs);
+      if (failed) note_unwatched(s, failed, error);
     }
-    std::lock_guard lock(mutex_);
-    s.root_wd_ = dirs.front().wd;
-    register_dirs(s, native_string(), dirs);
-    if (failed) note_unwatched(s, failed, error);
-    return 0;
+    remove_unused();
+    return result;
   }
 
   void start_pump() { spawn(pump(shared_from_this()), runtime::alive()); }
@@ -287,16 +316,32 @@ class channel : public std::enable_shared_from_this<channel> {
   // The pump ended while subscriptions remain: they fail and reopen on a
   // new channel.
   void fail_all(std::uint32_t error) {
-    std::vector<subscription*> woken;
+    std::unordered_set<subscription*> failed;
     {
       std::lock_guard lock(mutex_);
       stopping_ = true;
       for (subscription* s : subs_) {
         s->pending_.failed = error;
-        woken.push_back(s);
+        failed.insert(s);
       }
     }
-    for (subscription* s : woken) s->wake();
+    wake(failed);
+  }
+
+  // Wakes the subscriptions in `woken` that still live. Not under the
+  // mutex: a woken reader resumes on this thread and takes its records.
+  // A subscription may be leaving meanwhile on another thread; each is
+  // held while it is woken, and one already ending is skipped.
+  void wake(const std::unordered_set<subscription*>& woken) {
+    std::vector<std::shared_ptr<subscription>> held;
+    {
+      std::lock_guard lock(mutex_);
+      for (subscription* s : woken) {
+        if (subs_.count(s) == 0) continue;
+        if (auto alive = s->weak_from_this().lock()) held.push_back(std::move(alive));
+      }
+    }
+    for (auto& s : held) s->wake();
   }
 
   void drain() {
@@ -337,7 +382,7 @@ class channel : public std::enable_shared_from_this<channel> {
       std::lock_guard lock(mutex_);
       for (std::size_t i = 0; i < events.size(); ++i) apply(events, partner, i, woken);
     }
-    for (subscription* s : woken) s->wake();
+    wake(woken);
   }
 
   // Whether `s` watches the folder of the event at `i`'s partner, so that
@@ -495,6 +540,10 @@ class channel : public std::enable_shared_from_this<channel> {
   std::unordered_set<subscription*> subs_;
   // Every watched folder, with the subscriptions that watch it.
   std::unordered_map<int, std::vector<subscription*>> watchers_;
+  // Subscriptions walking their tree outside the mutex, and the watches
+  // released meanwhile (see release_watch).
+  int walks_ = 0;
+  std::vector<int> unused_;
   cancellation_source pump_stop_;
 
   friend class subscription;

@@ -302,8 +302,19 @@ test('closing', async (t) => {
           await new Promise((r) => setTimeout(r, 200));
           global.gc && global.gc();
           console.log('GROWTH MB ' + Math.round((process.memoryUsage().rss - rss) / 1048576));
+          // A session started while the last one is still closing keeps a
+          // live watch on the folder they share.
+          const last = (await start())();
+          const seen = new Promise((res) => { const c = o.StartFileWatch(${JSON.stringify(root)}, (evs) => {
+            if (evs.some((e) => String(e.fileName).endsWith('probe.txt'))) { c(); res(); } }, () => {
+            require('fs').writeFileSync(require('path').join(${JSON.stringify(root)}, 'probe.txt'), 'x'); }, {}); });
+          await seen;
+          console.log('PROBE SEEN');
         })();`, { timeout: /asan|tsan/.test(process.env.LD_PRELOAD || '') ? 400000 : 120000 });
-      assert.equal(r.status, 0, r.stderr.slice(-2000));
+      // Each start waits for its session to be ready: a session whose
+      // watch was removed under it never was, and the child timed out.
+      assert.equal(r.status, 0, r.stderr.slice(-2000) + r.stdout.slice(-2000));
+      assert.match(r.stdout, /PROBE SEEN/);
       const growth = Number(/^GROWTH MB (-?\d+)$/m.exec(r.stdout)[1]);
       if (!/asan/.test(process.env.LD_PRELOAD || '')) assert.ok(growth < 30, `grew ${growth} MB`);
     } finally {
