@@ -31,7 +31,7 @@ class environment : public std::enable_shared_from_this<environment> {
  public:
   // How long the last clean-up waits for a worker stuck in a blocking call
   // before leaving it running so that the process can still exit.
-  static constexpr std::chrono::milliseconds join_grace{2000};
+  static constexpr std::chrono::milliseconds join_grace{1000};
 
   // Sets the module up in `env` on its main thread: binds a scheduler to
   // its loop and to this thread, takes a hold on the process-wide runtime

@@ -1,5 +1,7 @@
 #include "runtime.h"
 
+#include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <list>
 #include <thread>
@@ -239,9 +241,16 @@ bool release(std::chrono::milliseconds grace, const std::function<void()>& after
   // TRICKY: from here on no new user can find this generation; users that
   // already hold its pool or service keep them alive but find them stopped.
   inst->service->stop();
-  const bool jobs_ended = inst->jobs->close(grace);
-  const bool blocking_ended = inst->blocking->stop(grace);
-  const bool workers_ended = inst->workers->shutdown(grace);
+  // One deadline for the three: a thread stuck in the kernel costs the
+  // grace once, not once per executor.
+  const auto deadline = std::chrono::steady_clock::now() + grace;
+  auto left = [&] {
+    return std::max(std::chrono::milliseconds(0), std::chrono::duration_cast<std::chrono::milliseconds>(
+                                                      deadline - std::chrono::steady_clock::now()));
+  };
+  const bool jobs_ended = inst->jobs->close(left());
+  const bool blocking_ended = inst->blocking->stop(left());
+  const bool workers_ended = inst->workers->shutdown(left());
   if (!jobs_ended || !workers_ended || !blocking_ended) {
     log::err("Ostrel: a worker thread did not stop in time and was left running");
   }

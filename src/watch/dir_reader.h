@@ -80,6 +80,10 @@ std::string system_message(std::uint32_t code);
 // on Windows, and for an item that cannot be read.
 bool special_file(const native_string& path);
 
+// Whether the root is there (its metadata can be read, following a link).
+// Blocks: call it on a blocking thread.
+bool root_present(const native_string& path);
+
 // Whether `path` is too long for the system to take in one call (Linux:
 // PATH_MAX); its metadata is then not read by path.
 bool path_beyond_limit(const native_string& path) noexcept;

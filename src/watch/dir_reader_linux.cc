@@ -11,7 +11,6 @@
 #include <chrono>
 #include <optional>
 
-#include "runtime/blocking.h"
 #include "dir_reader.h"
 #include "inotify_hub.h"
 #include "runtime/blocking.h"
@@ -124,6 +123,11 @@ bool special_file(const native_string& path) {
   struct stat st;
   if (::stat(path.c_str(), &st) != 0) return false;
   return !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode);
+}
+
+bool root_present(const native_string& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0;
 }
 
 bool path_beyond_limit(const native_string& path) noexcept {

@@ -164,6 +164,11 @@ bool special_file(const native_string&) {
   return false;
 }
 
+bool root_present(const native_string& path) {
+  WIN32_FILE_ATTRIBUTE_DATA data;
+  return GetFileAttributesExW(scan::long_path_form(path).c_str(), GetFileExInfoStandard, &data) != 0;
+}
+
 bool path_beyond_limit(const native_string&) noexcept {
   // Every call takes the long-path form.
   return false;

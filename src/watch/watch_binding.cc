@@ -1,9 +1,8 @@
 // StartFileWatch: checks its arguments, reads the options, creates the
 // session (WatchData) with a sink that carries its events, errors and ready
-// signal to the main thread, polls the root every 5007 ms for its deletion
-// and return, starts the two watch loops and returns "CloseFileWatch".
+// signal to the main thread, starts the two watch loops and the root poll,
+// and returns "CloseFileWatch".
 #include <napi.h>
-#include <uv.h>
 
 #include <deque>
 #include <iterator>
@@ -28,8 +27,6 @@ namespace ostrel {
 
 namespace watch {
 namespace {
-
-constexpr unsigned root_poll_ms = 5007;
 
 // The script side of one session: the two callbacks, and the delivery of
 // what the loops report. References live on the main thread only.
@@ -247,34 +244,19 @@ void script_sink::deliver_ready() {
 }
 
 // One StartFileWatch call on the script side: the session, its sink, the
-// root poll, the scheduler hold and the registration with the environment.
+// scheduler hold and the registration with the environment.
 class watch_session : public std::enable_shared_from_this<watch_session> {
  public:
   watch_session(std::shared_ptr<WatchData> w, std::shared_ptr<script_sink> sink, std::shared_ptr<scheduler> sched)
       : w_(std::move(w)), sink_(std::move(sink)), sched_(std::move(sched)) {}
 
-  void start(environment& env, napi_env napi, uv_loop_t* loop) {
+  void start(environment& env) {
     sched_->add_ref();
     held_ = true;
-    // TRICKY: closing the root poll completes only once its pending stat
-    // has returned from libuv's thread pool, possibly after the last turn
-    // of a Worker's event loop; a handle still closing then makes node abort
-    // at the loop's close. An asynchronous clean-up hook keeps the
-    // environment waiting until the poll is really closed. The hook belongs
-    // to the poll (its close callback removes it), not to the session, which
-    // may be gone by then.
-    std::weak_ptr<watch_session> weak = weak_from_this();
     // The registry owns the session until it is closed: a script that drops
     // the close function still gets its events, and the environment's
     // clean-up still closes it.
     ticket_ = session_registry::add(env.sessions(), [self = shared_from_this()] { self->close(); });
-    auto* box = new poll_box{weak, nullptr};
-    if (napi_add_async_cleanup_hook(napi, &on_async_cleanup, box, &box->hook) != napi_ok) box->hook = nullptr;
-    poll_ = new uv_fs_poll_t{};
-    poll_->data = box;
-    uv_fs_poll_init(loop, poll_);
-    std::string root = scan::native_to_utf8(w_->rootPath);
-    uv_fs_poll_start(poll_, &on_poll, root.c_str(), root_poll_ms);
     start_watch_loops(w_);
   }
 
@@ -283,18 +265,6 @@ class watch_session : public std::enable_shared_from_this<watch_session> {
   void close() {
     w_->stop();
     if (!sched_->is_main_thread()) return;
-    if (poll_) {
-      uv_fs_poll_stop(poll_);
-      uv_close(reinterpret_cast<uv_handle_t*>(poll_), [](uv_handle_t* h) {
-        auto* p = reinterpret_cast<uv_fs_poll_t*>(h);
-        auto* box = static_cast<poll_box*>(p->data);
-        // The environment need not wait any longer.
-        if (box->hook) napi_remove_async_cleanup_hook(box->hook);
-        delete box;
-        delete p;
-      });
-      poll_ = nullptr;
-    }
     sink_->release();
     ticket_.reset();
     if (held_) {
@@ -304,35 +274,9 @@ class watch_session : public std::enable_shared_from_this<watch_session> {
   }
 
  private:
-  // What the root poll's handle carries: its session, and the clean-up hook
-  // that its close callback removes.
-  struct poll_box {
-    std::weak_ptr<watch_session> session;
-    napi_async_cleanup_hook_handle hook;
-  };
-
-  static void on_async_cleanup(napi_async_cleanup_hook_handle, void* arg) {
-    // Closing the session closes the poll, whose close callback removes
-    // this hook.
-    if (auto self = static_cast<poll_box*>(arg)->session.lock()) self->close();
-  }
-
-  static void on_poll(uv_fs_poll_t* handle, int status, const uv_stat_t*, const uv_stat_t* curr) {
-    auto self = static_cast<poll_box*>(handle->data)->session.lock();
-    if (!self || !self->w_->running.load()) return;
-    WatchData& w = *self->w_;
-    if (status < 0 || curr->st_ino == 0) {
-      if (!w.rootRemoved.exchange(true)) w.CancelPendingReads();
-    } else if (w.rootRemoved.exchange(false)) {
-      w.dirDeletedChangeEvents[0].set();
-      w.dirDeletedChangeEvents[1].set();
-    }
-  }
-
   std::shared_ptr<WatchData> w_;
   std::shared_ptr<script_sink> sink_;
   std::shared_ptr<scheduler> sched_;
-  uv_fs_poll_t* poll_ = nullptr;
   session_registry::ticket ticket_;
   bool held_ = false;
 };
@@ -355,13 +299,11 @@ Napi::Value start_file_watch(const Napi::CallbackInfo& info) {
     Napi::Value overflow = options.Get("reportOverflow");
     settings.report_overflow = overflow.IsBoolean() && overflow.As<Napi::Boolean>().Value();
   }
-  uv_loop_t* loop = nullptr;
-  napi_check(env, napi_get_uv_event_loop(env, &loop));
   auto sink = std::make_shared<script_sink>(env, owner->shared_scheduler(), info[1], info[2]);
   auto data = std::make_shared<WatchData>(scan::walk_root(scan::utf8_to_native(root_utf8)), std::move(filters),
                                           std::move(targets), settings, sink);
   auto session = std::make_shared<watch_session>(data, sink, owner->shared_scheduler());
-  session->start(*owner, env, loop);
+  session->start(*owner);
   return Napi::Function::New(
       env,
       [session](const Napi::CallbackInfo& call) -> Napi::Value {

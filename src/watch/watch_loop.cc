@@ -13,7 +13,6 @@
 #include "runtime/runtime.h"
 #include "runtime/spawn.h"
 #include "runtime/strings.h"
-#include "runtime/blocking.h"
 #include "scan/dir_listing.h"
 #include "scan/file_query.h"
 
@@ -527,9 +526,54 @@ task<void> WatchLoop(std::shared_ptr<WatchData> w, bool dir_mode) {
   close_reader();
 }
 
+namespace {
+
+// The root's poll: every 5007 ms (an odd value on purpose), whether the
+// root is there. It marks the session removed when the root is gone and
+// wakes both loops when it is back. The query runs on a blocking thread,
+// never on libuv's: a root on a share that stopped answering would hold
+// one of libuv's four threads for good (starving the script's own file
+// calls), and node waits for them at process exit and at a Worker's end.
+constexpr std::chrono::milliseconds root_poll_interval{5007};
+
+void apply_root_poll(WatchData& w, bool present) {
+  if (!present) {
+    if (!w.rootRemoved.exchange(true)) w.CancelPendingReads();
+  } else if (w.rootRemoved.exchange(false)) {
+    w.dirDeletedChangeEvents[0].set();
+    w.dirDeletedChangeEvents[1].set();
+  }
+}
+
+task<void> RootPoll(std::shared_ptr<WatchData> w) {
+  // Named: GCC 12 destroys a temporary inside a co_await expression twice.
+  const cancellation_token stop = w->stop_token();
+  try {
+    // The first look at once, as the loops open the root.
+    for (bool first = true; w->running.load(); first = false) {
+      if (!first) {
+        auto io = runtime::io();
+        if (!io) break;
+        co_await io->schedule_after(root_poll_interval, stop);
+      }
+      co_await on_blocking(stop);
+      const bool present = root_present(w->rootPath);
+      if (!w->running.load()) break;
+      apply_root_poll(*w, present);
+    }
+  } catch (const operation_cancelled&) {
+    // Closed.
+  } catch (const std::exception& e) {
+    log::err_value("FileWatcher: the root poll stopped: ", e.what());
+  }
+}
+
+}  // namespace
+
 void start_watch_loops(const std::shared_ptr<WatchData>& w) {
   spawn(WatchLoop(w, false), runtime::alive());
   spawn(WatchLoop(w, true), runtime::alive());
+  spawn(RootPoll(w), runtime::alive());
 }
 
 }  // namespace ostrel::watch
