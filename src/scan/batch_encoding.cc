@@ -19,8 +19,13 @@ bool record_is_ascii(const FileInfo& r) {
 }
 
 template <typename Text, typename Convert>
-void encode_record(Text& text, const FileInfo& r, Convert convert, double* out) {
+void encode_record(Text& text, std::vector<std::size_t>& pieces, const FileInfo& r, Convert convert, double* out) {
   using view = std::basic_string_view<typename Text::value_type>;
+  if (pieces.empty()) pieces.push_back(0);
+  if ((text.size() - pieces.back()) * sizeof(typename Text::value_type) >= text_piece_bytes)
+    pieces.push_back(text.size());
+  const std::size_t piece = pieces.size() - 1;
+  const std::size_t base = pieces.back();
   const std::size_t abs_start = text.size();
   text += convert(r.absolutePath);
   const std::size_t abs_len = text.size() - abs_start;
@@ -53,13 +58,14 @@ void encode_record(Text& text, const FileInfo& r, Convert convert, double* out) 
 
   unsigned flags = (r.isFile ? flag_is_file : 0) | (r.hidden ? flag_hidden : 0) | (r.isSystem ? flag_system : 0) |
                    (r.readable ? flag_readable : 0);
-  out[f_abs_start] = static_cast<double>(abs_start);
+  flags |= static_cast<unsigned>(piece) << piece_shift;
+  out[f_abs_start] = static_cast<double>(abs_start - base);
   out[f_abs_len] = static_cast<double>(abs_len);
-  out[f_name_start] = static_cast<double>(name_start);
+  out[f_name_start] = static_cast<double>(name_start - base);
   out[f_name_len] = static_cast<double>(name_len);
-  out[f_dir_start] = static_cast<double>(dir_start);
+  out[f_dir_start] = static_cast<double>(dir_start - base);
   out[f_dir_len] = static_cast<double>(dir.size());
-  out[f_rel_start] = static_cast<double>(rel_start);
+  out[f_rel_start] = static_cast<double>(rel_start - base);
   out[f_rel_len] = static_cast<double>(rel_len);
   out[f_flags] = flags;
   // Script numbers from the 64-bit values read as signed integers.
@@ -75,6 +81,8 @@ void encode_record(Text& text, const FileInfo& r, Convert convert, double* out) 
 void encode_batch(const std::vector<FileInfo>& files, const std::vector<FileInfo>& folders, encoded_batch& batch) {
   batch.text8.clear();
   batch.text16.clear();
+  batch.pieces8.clear();
+  batch.pieces16.clear();
   batch.file_count = files.size();
   batch.record_count = files.size() + folders.size();
   batch.numbers.resize(batch.record_count * fields_per_record);
@@ -87,9 +95,9 @@ void encode_batch(const std::vector<FileInfo>& files, const std::vector<FileInfo
   auto encode_one = [&](const FileInfo& r) {
     double* out = &batch.numbers[fields_per_record * i++];
     if (record_is_ascii(r)) {
-      encode_record(batch.text8, r, same, out);
+      encode_record(batch.text8, batch.pieces8, r, same, out);
     } else {
-      encode_record(batch.text16, r, utf16, out);
+      encode_record(batch.text16, batch.pieces16, r, utf16, out);
       out[f_flags] = static_cast<double>(static_cast<unsigned>(out[f_flags]) | flag_wide);
     }
   };

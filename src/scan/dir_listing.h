@@ -93,12 +93,21 @@ class dir_listing {
   // The same by name; `name` must end where a NUL follows (the end of a
   // std::string, or a name from next()). Safe from several threads.
   query_outcome query_name(FileInfo& info, native_string_view name) const;
+  // Whether query_name reads the entry's full path from info.native_path
+  // (Windows opens the entry by its path) rather than using `name`.
+#ifdef _WIN32
+  static constexpr bool query_reads_full_path = true;
+#else
+  static constexpr bool query_reads_full_path = false;
+#endif
 
   // How the platform's error `code` counts for a folder being opened or
   // listed.
   static listing_status classify(int code) noexcept;
   // The platform's short description of an error code.
-  static std::string describe(int code) { return system_error_text(code); }
+  static std::string describe(int code) {
+    return system_error_text(code);
+  }
 
  private:
   void close() noexcept;

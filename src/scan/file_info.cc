@@ -45,12 +45,17 @@ FileInfo::FileInfo(native_string path, native_string_view root) : native_path(st
 }
 
 FileInfo FileInfo::from_walk(native_string path, std::size_t relative_offset, std::size_t name_offset) {
+  FileInfo info = from_walk_text(path, relative_offset, name_offset);
+  info.native_path = std::move(path);
+  return info;
+}
+
+FileInfo FileInfo::from_walk_text(native_string_view view, std::size_t relative_offset, std::size_t name_offset) {
   FileInfo info;
-  native_string_view view(path);
   info.absolutePath = native_to_utf8(view);
   // The parts start at component boundaries, so when the path converted
   // byte for byte (valid UTF-8 on Linux) they are parts of absolutePath.
-  bool same_units = sizeof(native_char) == 1 && info.absolutePath.size() == path.size();
+  bool same_units = sizeof(native_char) == 1 && info.absolutePath.size() == view.size();
   auto part = [&](std::size_t at, std::size_t n = native_string_view::npos) {
     return same_units ? info.absolutePath.substr(at, n) : native_to_utf8(view.substr(at, n));
   };
@@ -60,7 +65,6 @@ FileInfo FileInfo::from_walk(native_string path, std::size_t relative_offset, st
     info.relativeDir = part(relative_offset, name_offset - 1 - relative_offset);
     strip_relative_dir(info.relativeDir);
   }
-  info.native_path = std::move(path);
   return info;
 }
 

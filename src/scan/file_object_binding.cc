@@ -16,7 +16,7 @@ constexpr const char* factory_source = R"JS((function (narrow, wide, n, fileCoun
   const dirs = new Array(total - fileCount);
   for (let i = 0, k = 0; i < total; i++, k += 14) {
     const flags = n[k + 8];
-    const text = (flags & 16) !== 0 ? wide : narrow;
+    const text = ((flags & 16) !== 0 ? wide : narrow)[flags >>> 5];
     const o = {
       absolutePath: text.slice(n[k], n[k] + n[k + 1]),
       name: text.slice(n[k + 2], n[k + 2] + n[k + 3]),
@@ -92,17 +92,45 @@ file_object_factory::file_object_factory(napi_env env) : env_(env) {
   function_ = script_ref(env, function);
 }
 
-napi_value file_object_factory::make_update(const encoded_batch& batch, napi_value dir_path) const {
+namespace {
+// The pieces of one text as an array of strings.
+template <typename Text, typename Make>
+napi_value text_pieces(napi_env env, const Text& text, const std::vector<std::size_t>& starts, Make make) {
+  napi_value array;
+  napi_check(env, napi_create_array_with_length(env, starts.size(), &array));
+  for (std::size_t i = 0; i < starts.size(); ++i) {
+    std::size_t end = i + 1 < starts.size() ? starts[i + 1] : text.size();
+    napi_value piece;
+    napi_check(env, make(env, text.data() + starts[i], end - starts[i], &piece));
+    napi_check(env, napi_set_element(env, array, static_cast<std::uint32_t>(i), piece));
+  }
+  return array;
+}
+}  // namespace
+
+napi_value file_object_factory::numbers_for(std::size_t count) const {
   napi_env env = env_;
-  napi_value narrow, wide;
-  napi_check(env, napi_create_string_latin1(env, batch.text8.data(), batch.text8.size(), &narrow));
-  napi_check(env, napi_create_string_utf16(env, batch.text16.data(), batch.text16.size(), &wide));
+  if (numbers_ && count <= numbers_capacity_) return numbers_.value();
+  std::size_t capacity = count < 1024 ? 1024 : count;
   void* data = nullptr;
   napi_value buffer, numbers;
-  std::size_t bytes = batch.numbers.size() * sizeof(double);
-  napi_check(env, napi_create_arraybuffer(env, bytes, &data, &buffer));
-  if (bytes) std::memcpy(data, batch.numbers.data(), bytes);
-  napi_check(env, napi_create_typedarray(env, napi_float64_array, batch.numbers.size(), buffer, 0, &numbers));
+  napi_check(env, napi_create_arraybuffer(env, capacity * sizeof(double), &data, &buffer));
+  napi_check(env, napi_create_typedarray(env, napi_float64_array, capacity, buffer, 0, &numbers));
+  numbers_ = script_ref(env, numbers);
+  numbers_capacity_ = capacity;
+  return numbers;
+}
+
+napi_value file_object_factory::make_update(const encoded_batch& batch, napi_value dir_path) const {
+  napi_env env = env_;
+  napi_value narrow = text_pieces(env, batch.text8, batch.pieces8, napi_create_string_latin1);
+  napi_value wide = text_pieces(env, batch.text16, batch.pieces16, napi_create_string_utf16);
+  // One array of numbers serves every update of the scan: the function reads
+  // it before returning and keeps no reference to it.
+  napi_value numbers = numbers_for(batch.numbers.size());
+  void* data = nullptr;
+  napi_check(env, napi_get_typedarray_info(env, numbers, nullptr, nullptr, &data, nullptr, nullptr));
+  if (!batch.numbers.empty()) std::memcpy(data, batch.numbers.data(), batch.numbers.size() * sizeof(double));
   napi_value file_count, total;
   napi_check(env, napi_create_double(env, static_cast<double>(batch.file_count), &file_count));
   napi_check(env, napi_create_double(env, static_cast<double>(batch.record_count), &total));

@@ -32,8 +32,13 @@ class file_object_factory {
   napi_value make_update(const encoded_batch& batch, napi_value dir_path) const;
 
  private:
+  // A Float64Array of at least `count` numbers, kept for the next updates.
+  napi_value numbers_for(std::size_t count) const;
+
   napi_env env_;
   script_ref function_;
+  mutable script_ref numbers_;
+  mutable std::size_t numbers_capacity_ = 0;
 };
 
 }  // namespace ostrel::scan

@@ -69,8 +69,10 @@ query_outcome query_file_info_at(int dir_fd, const char* name, FileInfo& info, c
   }
   query_outcome outcome = classify_errno(error);
   if (outcome == query_outcome::retry) {
-    log::wout(L"FillFileInfoAsync: statx(" + native_to_wide(info.native_path) + L")failed, error code: " +
-              std::to_wstring(error));
+    // The walk's records carry no native path (it queries by name): their
+    // absolutePath is the same text.
+    const native_string& path = info.native_path.empty() ? info.absolutePath : info.native_path;
+    log::wout(L"FillFileInfoAsync: statx(" + native_to_wide(path) + L")failed, error code: " + std::to_wstring(error));
   }
   return outcome;
 }

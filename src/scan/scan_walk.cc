@@ -457,8 +457,8 @@ class walker {
           scan_->specialFileCount.fetch_add(1, std::memory_order_relaxed);
           continue;
         }
-        walk_item item;
-        if (produce(item, *dir, e, path, name_offset)) w.items.push_back(std::move(item));
+        // Built in place; taken back when there is nothing to deliver.
+        if (!produce(w.items.emplace_back(), *dir, e, path, name_offset)) w.items.pop_back();
         continue;
       }
       if (ignoreDir(f_, e.name) || leave_dirs_.contains(relative)) continue;
@@ -495,7 +495,11 @@ class walker {
   // vanished, or it is no regular file or folder (counted).
   bool produce(walk_item& item, const dir_listing& dir, const dir_entry& e, const native_string& path,
                std::size_t name_offset) {
-    FileInfo info = FileInfo::from_walk(path, rel_offset_, name_offset);
+    FileInfo& info = item.info;
+    info = FileInfo::from_walk_text(path, rel_offset_, name_offset);
+    // The full path is kept only where the query opens the entry by it; a
+    // retry (below) needs it too.
+    if (dir_listing::query_reads_full_path) info.native_path = path;
     // What the listing said, so that an entry whose metadata may not be read
     // still lands in the right list; a successful query overwrites it.
     info.isFile = !e.is_dir;
@@ -504,7 +508,7 @@ class walker {
     } else {
       query_outcome outcome;
       try {
-        outcome = dir.query_name(info, native_string_view(info.native_path).substr(name_offset));
+        outcome = dir.query_name(info, native_string_view(path).substr(name_offset));
       } catch (const std::exception& ex) {
         log::out_value("Exception caught in FillFileInfoAsync: ", ex.what());
         return false;
@@ -516,8 +520,8 @@ class walker {
       int settled = settle_outcome(info, outcome);
       if (settled == 0) return false;
       item.retry = settled < 0;
+      if (item.retry && info.native_path.empty()) info.native_path = path;
     }
-    item.info = std::move(info);
     item.has_record = true;
     return true;
   }

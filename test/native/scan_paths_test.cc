@@ -104,7 +104,17 @@ std::string field(const encoded_batch& b, std::size_t record, std::size_t start_
   const double* n = &b.numbers[record * fields_per_record];
   auto start = static_cast<std::size_t>(n[start_field]);
   auto len = static_cast<std::size_t>(n[start_field + 1]);
-  if (static_cast<unsigned>(n[f_flags]) & flag_wide) return to_utf8(std::u16string_view(b.text16).substr(start, len));
+  const auto flags = static_cast<unsigned>(n[f_flags]);
+  const bool wide = flags & flag_wide;
+  const std::vector<std::size_t>& pieces = wide ? b.pieces16 : b.pieces8;
+  const std::size_t piece = flags >> piece_shift;
+  EXPECT_LT(piece, pieces.size());
+  if (piece >= pieces.size()) return {};
+  // The record lies within its piece.
+  const std::size_t end = piece + 1 < pieces.size() ? pieces[piece + 1] : (wide ? b.text16.size() : b.text8.size());
+  start += pieces[piece];
+  EXPECT_LE(start + len, end);
+  if (wide) return to_utf8(std::u16string_view(b.text16).substr(start, len));
   return b.text8.substr(start, len);
 }
 
@@ -138,9 +148,44 @@ TEST(BatchEncoding, EveryStringFieldDecodesBack) {
   }
   EXPECT_EQ(b.numbers[fields_per_record + f_size], 42.0);
   EXPECT_EQ(static_cast<unsigned>(b.numbers[fields_per_record + f_flags]), flag_hidden | flag_readable | flag_wide);
+  EXPECT_EQ(b.pieces8.size(), 1u);
   // ASCII records share the narrow text and add nothing for their parts.
   EXPECT_EQ(b.text8.size(), files[0].absolutePath.size() + files[2].absolutePath.size() +
                                 folders[0].absolutePath.size() + 1 + 5 + 9 + 3);
+}
+
+// An update's text is cut into pieces small enough for the script engine's
+// young generation, between records, however long the paths are.
+TEST(BatchEncoding, LongBatchesAreCutIntoPiecesBetweenRecords) {
+  std::vector<FileInfo> files;
+  std::vector<FileInfo> folders;
+  std::string long_name(700, 'n');
+  for (int i = 0; i < 3000; ++i) {
+    std::string dir = "d" + std::to_string(i % 7);
+    files.emplace_back(under_root((dir + SEP + std::to_string(i) + (i % 3 ? "x.bin" : long_name)).c_str()), root);
+    if (i % 5 == 0)
+      files.emplace_back(under_root((dir + SEP "\xC3\xA9" + std::to_string(i) + long_name).c_str()), root);
+    if (i % 11 == 0) folders.emplace_back(under_root(dir.c_str()), root);
+  }
+  encoded_batch b = encode_batch(files, folders);
+  EXPECT_GT(b.pieces8.size(), 2u);
+  EXPECT_GT(b.pieces16.size(), 2u);
+  for (std::size_t p = 1; p < b.pieces8.size(); ++p) {
+    // A piece holds at least one record, and a piece ends only past the limit.
+    EXPECT_GT(b.pieces8[p], b.pieces8[p - 1]);
+    EXPECT_GE(b.pieces8[p] - b.pieces8[p - 1], text_piece_bytes);
+    EXPECT_LT(b.pieces8[p] - b.pieces8[p - 1], text_piece_bytes + 4096);
+  }
+  std::size_t i = 0;
+  for (const auto* list : {&files, &folders}) {
+    for (const FileInfo& f : *list) {
+      EXPECT_EQ(field(b, i, f_abs_start), f.absolutePath);
+      EXPECT_EQ(field(b, i, f_name_start), f.name);
+      EXPECT_EQ(field(b, i, f_dir_start), f.relativeDir);
+      EXPECT_EQ(field(b, i, f_rel_start), f.relativePath);
+      ++i;
+    }
+  }
 }
 
 }  // namespace
