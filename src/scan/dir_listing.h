@@ -88,6 +88,10 @@ class dir_listing {
   // The folder's identity, read from the open folder; unknown when the
   // system would not say.
   const folder_id& id() const noexcept { return id_; }
+  // About how many entries the folder holds, from its size on disk where
+  // the platform tells it cheaply (0: unknown). Only a hint for reserving
+  // room: never trusted as a count.
+  std::size_t entry_hint() const noexcept { return entry_hint_; }
   // One metadata attempt for an entry of this folder (the default mode).
   query_outcome query(FileInfo& info, const dir_entry& entry) const { return query_name(info, entry.name); }
   // The same by name; `name` must end where a NUL follows (the end of a
@@ -116,6 +120,7 @@ class dir_listing {
   listing_status end_ = listing_status::listed;
   int error_ = 0;
   folder_id id_;
+  std::size_t entry_hint_ = 0;
 #ifdef _WIN32
   bool next_entry(dir_entry& entry);
   bool fetch();

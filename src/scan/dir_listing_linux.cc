@@ -76,6 +76,7 @@ listing_status dir_listing::open(const native_string& path, const dir_listing* p
   end_ = listing_status::listed;
   error_ = 0;
   id_ = folder_id{};
+  entry_hint_ = 0;
   constexpr int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW;
   if (parent && entry && parent->fd_ >= 0) {
     // The name ends its path, or comes straight from the listing: NUL-terminated.
@@ -93,6 +94,9 @@ listing_status dir_listing::open(const native_string& path, const dir_listing* p
     id_.volume = static_cast<std::uint64_t>(st.st_dev);
     id_.low = static_cast<std::uint64_t>(st.st_ino);
     id_.known = true;
+    // A directory's size is about 32 bytes per entry on ext4 (its blocks
+    // are never quite full), 20 on tmpfs.
+    if (st.st_size > 0) entry_hint_ = static_cast<std::size_t>(st.st_size) / 32;
   }
   buffer_ = take_buffer();
   return listing_status::listed;

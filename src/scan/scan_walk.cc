@@ -1,5 +1,6 @@
 #include "scan_walk.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <atomic>
 #include <chrono>
@@ -415,7 +416,8 @@ class walker {
     const bool empty_folders = !f_.needDirs && f_.returnEmptyFolder;
     bool had_entries = w.continuation;
     std::size_t seen = 0;
-    w.items.reserve(32);
+    // Room for the piece at once: growing the list moves every record in it.
+    w.items.reserve(std::clamp<std::size_t>(dir->entry_hint(), 32, entries_per_piece + 1));
     dir_entry e;
     for (;;) {
       if (seen == entries_per_piece) {
