@@ -245,8 +245,8 @@ bool release(std::chrono::milliseconds grace, const std::function<void()>& after
   // grace once, not once per executor.
   const auto deadline = std::chrono::steady_clock::now() + grace;
   auto left = [&] {
-    return std::max(std::chrono::milliseconds(0), std::chrono::duration_cast<std::chrono::milliseconds>(
-                                                      deadline - std::chrono::steady_clock::now()));
+    return std::max(std::chrono::milliseconds(0),
+                    std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()));
   };
   const bool jobs_ended = inst->jobs->close(left());
   const bool blocking_ended = inst->blocking->stop(left());

@@ -74,6 +74,20 @@ namespace {
 // waits in record order, so that a delivery stays cheap.
 constexpr std::size_t max_held = 16;
 
+bool is_separator(scan::native_char c) {
+  return c == scan::native_separator || c == '/';
+}
+
+// Whether two names relative to the root touch each other: the same item,
+// or one a folder above the other. The empty name (the root) touches all.
+bool related(const native_string& a, const native_string& b) {
+  const native_string& shorter = a.size() <= b.size() ? a : b;
+  const native_string& longer = a.size() <= b.size() ? b : a;
+  if (shorter.empty()) return true;
+  if (longer.compare(0, shorter.size(), shorter) != 0) return false;
+  return longer.size() == shorter.size() || is_separator(longer[shorter.size()]);
+}
+
 }  // namespace
 
 namespace {
@@ -128,10 +142,18 @@ bool WatchData::finish_record(bool dir_mode, std::uint64_t seq, std::vector<watc
   std::vector<const native_string*> held;
   for (auto it = o.pending.begin(); it != o.pending.end() && held.size() < max_held;) {
     pending_record& r = it->second;
-    // In record order: a record waits for every earlier one.
-    bool wait = !r.done || !held.empty();
+    // A record waits for the earlier ones that touch its item (the same
+    // item, a folder above or below it, the old name of its rename); one
+    // slow query does not hold back the rest of the tree.
+    bool wait = !r.done;
+    for (std::size_t i = 0; i < held.size() && !wait; ++i) {
+      wait = related(*held[i], r.name) || (!r.pair_name.empty() && related(*held[i], r.pair_name));
+    }
     if (wait) {
       held.push_back(&r.name);  // map nodes stay put while others are erased
+      // A rename's new half holds back its old name too, so that nothing
+      // of that name comes between the two halves.
+      if (!r.pair_name.empty()) held.push_back(&r.pair_name);
       ++it;
       continue;
     }

@@ -38,6 +38,7 @@ Napi::Value queue_busy_work(const Napi::CallbackInfo& info) {
   struct batch {
     std::int64_t queued_at = 0;
     std::vector<double> starts;
+    std::vector<double> runs;  // the dispatch run each task ran in
     std::uint64_t runs_before = 0;
     std::atomic<int> remaining{0};
   };
@@ -52,6 +53,7 @@ Napi::Value queue_busy_work(const Napi::CallbackInfo& info) {
           [](std::shared_ptr<batch> b, double each_ms, std::shared_ptr<async_auto_reset_event> done) -> task<void> {
             co_await sched().schedule();
             b->starts.push_back(static_cast<double>(monotonic_ns() - b->queued_at) / 1e6);
+            b->runs.push_back(static_cast<double>(sched().dispatch_runs() - b->runs_before));
             busy_wait_ms(each_ms);
             if (--b->remaining == 0) done->set();
           }(b, each_ms, done),
@@ -64,6 +66,9 @@ Napi::Value queue_busy_work(const Napi::CallbackInfo& info) {
     Napi::Array starts = Napi::Array::New(env, b->starts.size());
     for (std::size_t i = 0; i < b->starts.size(); ++i) starts.Set(static_cast<uint32_t>(i), b->starts[i]);
     out.Set("starts", starts);
+    Napi::Array runs = Napi::Array::New(env, b->runs.size());
+    for (std::size_t i = 0; i < b->runs.size(); ++i) runs.Set(static_cast<uint32_t>(i), b->runs[i]);
+    out.Set("runs", runs);
     out.Set("dispatchRuns", static_cast<double>(sched().dispatch_runs() - b->runs_before));
     p->resolve(out);
   }(p, b, count, each_ms));

@@ -10,18 +10,14 @@ const probe = loadProbe();
 
 test('dispatch budget', async (t) => {
   await t.test('150 ms of queued work runs about 100 ms, then the rest no sooner than 100 ms later', async () => {
-    const { starts: queued } = await probe.queueBusyWork(15, 10);
+    const { starts: queued, runs } = await probe.queueBusyWork(15, 10);
     assert.equal(queued.length, 15);
     // Times from the start of the first dispatch run (its first task).
     const starts = queued.map((ms) => ms - queued[0]);
-    let gapAt = -1;
-    for (let i = 1; i < starts.length; i++) {
-      if (starts[i] - starts[i - 1] > 60) {
-        gapAt = i;
-        break;
-      }
-    }
-    assert.ok(gapAt > 0, `no pause between runs: ${starts.join(', ')}`);
+    // The first task of a later dispatch run (not a pause between starts:
+    // on a loaded machine the main thread may be descheduled inside a run).
+    const gapAt = runs.findIndex((r) => r !== runs[0]);
+    assert.ok(gapAt > 0, `one run for all: ${starts.join(', ')}`);
     // The run takes tasks while under 100 ms and stops with the one that
     // pushes it past.
     assert.ok(starts[gapAt - 1] < 100, `first run started a task at ${starts[gapAt - 1]} ms`);

@@ -1,12 +1,16 @@
 // The order of a session's events: records are classified in parallel and
-// finish in any order, yet take_deliverable hands them on in record order,
-// each loop on its own, while flushes run concurrently (run it under
-// ThreadSanitizer too).
+// finish in any order, yet a record's events never overtake an earlier
+// record that touches its item (the same name, a folder above or below it,
+// the old name of its rename), each loop on its own, while flushes run
+// concurrently (run it under ThreadSanitizer too). Unrelated records do not
+// wait for a slow one.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
+#include <map>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -15,17 +19,52 @@
 namespace ostrel::watch {
 namespace {
 
-TEST(WatchOrder, RecordsFinishedInAnyOrderAreDeliveredInRecordOrder) {
+// The order's own notion of "touching", written independently of the
+// module's: names are '/'-joined here.
+bool touches(const std::string& a, const std::string& b) {
+  const std::string& s = a.size() <= b.size() ? a : b;
+  const std::string& l = a.size() <= b.size() ? b : a;
+  if (s.empty()) return true;
+  return l.rfind(s, 0) == 0 && (l.size() == s.size() || l[s.size()] == '/');
+}
+
+std::string native(const std::string& name) {
+  std::string out = name;
+#ifdef _WIN32
+  std::replace(out.begin(), out.end(), '/', '\\');
+#endif
+  return out;
+}
+
+TEST(WatchOrder, RecordsOfOneItemKeepTheirOrderWhateverOrderTheyFinishIn) {
   WatchData w(scan::utf8_to_native("/root"), {}, {}, {}, nullptr);
+  const std::vector<std::string> names = {"a", "a/x", "a/x/1", "a/y", "b", "b/z", "ab", "c", "", "a/xy"};
   constexpr int per_loop = 20000;
   constexpr int threads = 4;
-  // Sequence numbers handed out as the loops would, then finished in a
-  // shuffled order by several threads; every 7th record yields no event.
+  std::mt19937 rng(42);
+  // Per record (by loop and sequence): its name, and the old name for a
+  // rename's new half.
+  struct rec {
+    std::string name, pair;
+  };
+  std::map<std::pair<bool, std::uint64_t>, rec> recs;
   std::vector<std::pair<bool, std::uint64_t>> work;
   for (int i = 0; i < per_loop; ++i) {
-    for (bool dir : {false, true}) work.emplace_back(dir, w.next_sequence(dir));
+    for (bool dir : {false, true}) {
+      std::string name = names[rng() % names.size()];
+      const bool old_half = rng() % 10 == 0;
+      std::uint64_t seq = w.next_sequence(dir, scan::utf8_to_native(native(name)), old_half ? 4 : 1);
+      recs[{dir, seq}] = {name, ""};
+      work.emplace_back(dir, seq);
+      if (old_half) {
+        std::string to = names[rng() % names.size()];
+        std::uint64_t s2 = w.next_sequence(dir, scan::utf8_to_native(native(to)), 5);
+        recs[{dir, s2}] = {to, name};
+        work.emplace_back(dir, s2);
+      }
+    }
   }
-  std::shuffle(work.begin(), work.end(), std::mt19937(42));
+  std::shuffle(work.begin(), work.end(), rng);
   std::atomic<std::size_t> next{0};
   std::atomic<int> running{threads};
   std::vector<std::thread> pool;
@@ -35,8 +74,9 @@ TEST(WatchOrder, RecordsFinishedInAnyOrderAreDeliveredInRecordOrder) {
         auto [dir, seq] = work[i];
         std::vector<watch_event> events;
         if (seq % 7 != 0) {
-          watch_event e;
-          e.action = dir ? 2 : 1;
+          watch_event e;  // a change: never taken for a repeated add
+          e.action = 3;
+          e.info.size = dir ? 1 : 0;
           e.info.ino = seq;
           events.push_back(std::move(e));
         }
@@ -47,24 +87,56 @@ TEST(WatchOrder, RecordsFinishedInAnyOrderAreDeliveredInRecordOrder) {
   }
   std::vector<watch_event> delivered;
   while (running.load() > 0) {
-    auto batch = w.take_deliverable();
-    for (auto& e : batch) delivered.push_back(std::move(e));
+    for (auto& e : w.take_deliverable()) delivered.push_back(std::move(e));
   }
   for (auto& t : pool) t.join();
   for (auto& e : w.take_deliverable()) delivered.push_back(std::move(e));
 
-  std::uint64_t expected[2] = {0, 0};
-  std::size_t count = 0;
+  // Every event once; for each loop, no event before an earlier record of
+  // a touching item.
+  std::size_t expected = 0;
+  for (const auto& [key, r] : recs) expected += key.second % 7 != 0;
+  ASSERT_EQ(delivered.size(), expected);
+  std::vector<std::pair<std::uint64_t, const rec*>> seen[2];
   for (const auto& e : delivered) {
-    const int loop = e.action == 2 ? 1 : 0;
-    while (expected[loop] % 7 == 0) ++expected[loop];  // records without events
-    ASSERT_EQ(e.info.ino, expected[loop]) << "loop " << loop << " out of order";
-    ++expected[loop];
-    ++count;
+    const bool dir = e.info.size == 1;
+    const rec& r = recs.at({dir, e.info.ino});
+    for (const auto& [seq, other] : seen[dir]) {
+      if (seq < e.info.ino) continue;
+      // An event delivered before this one from a later record: they must
+      // not touch.
+      ASSERT_FALSE(touches(other->name, r.name) || (!other->pair.empty() && touches(other->pair, r.name)) ||
+                   (!r.pair.empty() && touches(r.pair, other->name)))
+          << "'" << other->name << "' [" << other->pair << "] (record " << seq << ") overtook '" << r.name << "' ["
+          << r.pair << "] (record " << e.info.ino << ")";
+    }
+    seen[dir].emplace_back(e.info.ino, &r);
   }
-  std::size_t with_events = 0;
-  for (int i = 0; i < per_loop; ++i) with_events += i % 7 != 0 ? 2 : 0;
-  EXPECT_EQ(count, with_events);
+}
+
+TEST(WatchOrder, ASlowRecordHoldsBackOnlyWhatTouchesItsItem) {
+  WatchData w(scan::utf8_to_native("/root"), {}, {}, {}, nullptr);
+  const std::vector<std::string> after = {"b", "a/x", "c/d", "a", "ab"};
+  const std::uint64_t slow = w.next_sequence(false, scan::utf8_to_native(native("a/x")), 1);
+  std::vector<std::uint64_t> seqs;
+  for (const auto& n : after) seqs.push_back(w.next_sequence(false, scan::utf8_to_native(native(n)), 1));
+  for (std::size_t i = 0; i < after.size(); ++i) {
+    watch_event e;
+    e.action = 3;
+    e.info.ino = seqs[i];
+    w.finish_record(false, seqs[i], {e});
+  }
+  std::vector<std::uint64_t> got;
+  for (const auto& e : w.take_deliverable()) got.push_back(e.info.ino);
+  // "b", "c/d" and "ab" pass; "a/x" and "a" wait for the slow "a/x".
+  EXPECT_EQ(got, (std::vector<std::uint64_t>{seqs[0], seqs[2], seqs[4]}));
+  watch_event e;
+  e.action = 3;
+  e.info.ino = slow;
+  w.finish_record(false, slow, {e});
+  got.clear();
+  for (const auto& ev : w.take_deliverable()) got.push_back(ev.info.ino);
+  EXPECT_EQ(got, (std::vector<std::uint64_t>{slow, seqs[1], seqs[3]}));
 }
 
 }  // namespace
