@@ -17,15 +17,8 @@ m.RegisterFact({ corvex: (name, attrs) => facts.push([name, attrs]) });
 m.InitCorvexSync({ corvexDir: simDir('full') });
 test.after(() => m.UnRegisterTvkReporters());
 
-const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
+const { sleep, waitFor } = require('./helpers');
 const stats = (name) => records.filter((r) => r.category === statCategory && r.msg === name);
-async function waitFor(pred, what, ms = 10000) {
-  const start = Date.now();
-  while (!pred()) {
-    if (Date.now() - start > ms) throw new Error(`timed out waiting for ${what}`);
-    await sleep(5);
-  }
-}
 
 // A player whose every event is recorded as [listener name, payload].
 async function recordedPlayer() {
