@@ -16,6 +16,7 @@
 #include <vector>
 
 #ifndef _WIN32
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -230,13 +231,16 @@ TEST(ScanWalk, FoldersThatCannotBeOpenedAreSkippedAndTheWalkGoesOn) {
   }
   struct rlimit saved;
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
-  int lowest_free = dup(0);
-  ASSERT_GE(lowest_free, 0);
-  close(lowest_free);
   // Room for the root, a branch and three levels below it: the fourth
-  // level cannot be opened.
+  // level cannot be opened. Free numbers are counted, not assumed to follow
+  // the lowest one: an earlier test's threads may hold descriptors above a
+  // hole.
+  int limit = 0;
+  for (int free_slots = 0; free_slots < 5; ++limit) {
+    if (fcntl(limit, F_GETFD) == -1) ++free_slots;
+  }
   struct rlimit low = saved;
-  low.rlim_cur = static_cast<rlim_t>(lowest_free + 5);
+  low.rlim_cur = static_cast<rlim_t>(limit);
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
   std::vector<std::string> files;
   auto data = walk_all(base, 0, files);
