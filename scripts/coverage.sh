@@ -23,13 +23,17 @@ if [ "${1:-}" != "--report" ]; then
   bash scripts/build.sh "$preset" || exit 1
   find "$dir" -name '*.gcda' -delete
   # The suites' own verdicts are printed; a failing suite still leaves counters.
-  OSTREL_PRESET="$preset" OSTREL_SUITES="${OSTREL_SUITES:-native-unit native-js}" bash scripts/test.sh
+  # A coroutine chain's bounded stack needs the optimiser's tail calls: at
+  # -O0 that unit test overflows and would end the whole unit run.
+  GTEST_FILTER="${GTEST_FILTER:--Task.LongSynchronousChainsDoNotGrowTheStack}" OSTREL_PRESET="$preset" OSTREL_SUITES="${OSTREL_SUITES:-native-unit native-js}" bash scripts/test.sh
 fi
 
 json="$dir/coverage.json"
 # Exception and unreachable branches are the compiler's, not the code's.
+# Threads race on the counters (gcc without -fprofile-update=atomic), which
+# can leave a negative branch count: such lines are read as far as possible.
 gcovr --root . "$dir" --filter 'src/' \
-  --exclude-throw-branches --exclude-unreachable-branches \
+  --exclude-throw-branches --exclude-unreachable-branches --gcov-ignore-parse-errors \
   --json-summary "$json" --json-summary-pretty >/dev/null || exit 1
 
 node - "$json" <<'EOF'

@@ -43,4 +43,16 @@ const wineCrashReport = /^wine: Unhandled |^Unhandled exception: .* in (32|64)-b
 
 const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
-module.exports = { root, isWindows, buildDir, loadProbe, runChild, sleep };
+// Polls `predicate` until it holds; throws naming `what` after `timeoutMs`.
+async function waitFor(predicate, what, timeoutMs = 10000) {
+  const start = Date.now();
+  while (!predicate()) {
+    if (Date.now() - start > timeoutMs) throw new Error(`timed out waiting for ${what}`);
+    await sleep(5);
+  }
+}
+
+// A fresh folder under the system's temporary folder.
+const tempDir = (prefix) => require('fs').mkdtempSync(path.join(require('os').tmpdir(), prefix));
+
+module.exports = { root, isWindows, buildDir, loadProbe, runChild, sleep, waitFor, tempDir };

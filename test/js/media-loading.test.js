@@ -141,21 +141,6 @@ test('InitCorvexSync: the network library is bound only with a BigInt and znetAv
   }
 });
 
-test('InitCorvexSync: argument errors are thrown and change nothing', () => {
-  const r = runMedia(`
-    for (const args of [[], [5], [{}], [{ corvexDir: 7 }], [{ corvexDir: 'a\\0b' }], [null]]) {
-      try { m.InitCorvexSync(...args); out(JSON.stringify(args), 'returned'); } catch (e) { out(String(args.length) + typeof args[0] + JSON.stringify(args[0]), e.message); }
-    }
-    await m.CreateMediaPlayer().then(() => out('created', true), (e) => out('created', e.message));
-  `);
-  const messages = Object.values(r.outs);
-  assert.ok(messages.includes('A string was expected'), JSON.stringify(r.outs));
-  assert.ok(messages.includes('InitCorvexSync: the path must not contain a NUL character'), JSON.stringify(r.outs));
-  assert.ok(!messages.includes('returned'), JSON.stringify(r.outs));
-  assert.equal(r.outs.created, 'CreateMediaPlayer failed: corvex not initialized');
-  assert.equal(r.stats('InitCorvexV2').length, 0);
-});
-
 test('a directory gets one separator before each library name', () => {
   const missing = path.join(tempDir('sep'), 'nothing');
   for (const [dir, expected] of [

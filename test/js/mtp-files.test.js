@@ -4,9 +4,8 @@
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const fs = require('fs');
-const os = require('os');
 const path = require('path');
-const { isWindows, runChild } = require('./helpers');
+const { isWindows, runChild, tempDir: helperTempDir } = require('./helpers');
 
 const FILE_PROPERTIES = ['objectId', 'parentId', 'name', 'contentType', 'size', 'createdMs', 'modifiedMs', 'storageId'];
 
@@ -79,9 +78,7 @@ function hostile(over = {}) {
   };
 }
 
-function tempDir() {
-  return fs.mkdtempSync(path.join(os.tmpdir(), 'ostrel-mtp-'));
-}
+const tempDir = () => helperTempDir('ostrel-mtp-');
 
 test('device listings and copies with the WPD test double', { skip: !isWindows && 'WPD is Windows only' }, async (t) => {
   const { useDevices, patternBytes } = require('./mtp-fixture');

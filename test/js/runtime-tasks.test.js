@@ -1,5 +1,5 @@
 'use strict';
-// Tasks as exports use them: argument checks, promises and error delivery,
+// Tasks as exports use them (argument checks: conventions.test.js): promises and error delivery,
 // spawn's failure lines, timed waits, the pool's size, and clean-up with
 // work still in flight.
 const test = require('node:test');
@@ -10,21 +10,6 @@ const { loadProbe, runChild, buildDir } = require('./helpers');
 const probePath = require('path').join(buildDir(), 'test', 'runtime_probe.node').replace(/\\/g, '/');
 const probe = loadProbe();
 const load = `const p = require(${JSON.stringify(probePath)});`;
-
-test('argument checks', async (t) => {
-  await t.test('a wrong count throws "Wrong number of arguments" synchronously', () => {
-    assert.throws(() => probe.checkArgs('a', 'b'), (e) => e.constructor === Error && e.message === 'Wrong number of arguments' && !('code' in e));
-    assert.throws(() => probe.checkArgs('a', 'b', () => {}, 1), { message: 'Wrong number of arguments' });
-  });
-  await t.test('a wrong type throws "Wrong arguments"', () => {
-    assert.throws(() => probe.checkArgs(1, 'b', () => {}), { message: 'Wrong arguments' });
-    assert.throws(() => probe.checkArgs('a', 'b', 'not a function'), { message: 'Wrong arguments' });
-    assert.equal(probe.checkArgs('a', 'b', () => {}), true);
-  });
-  await t.test('the telemetry form throws a TypeError', () => {
-    assert.throws(() => probe.checkArgsTypeError(), (e) => e instanceof TypeError && e.message === 'Wrong number of arguments');
-  });
-});
 
 test('settling and delivering failures', async (t) => {
   await t.test('a rejection is an Error with the failure text and no code', async () => {

@@ -110,30 +110,4 @@ test('filters', async (t) => {
     const { paths } = await names({ extFilter: 'jpg', ignoreFileRegs: [42, null], needDirs: 'yes', fineGrainedDirs: [{}] });
     assert.equal(paths.length, FILES.length);
   });
-
-  await t.test('an expression that does not compile throws at once, naming it', () => {
-    let called = false;
-    const cb = () => { called = true; };
-    assert.throws(() => ostrel.ScanAllSubFiles(root, cb, cb, { ignoreFileRegs: ['ok', '(unclosed'] }), (err) => {
-      assert.ok(err instanceof Error);
-      assert.match(err.message, /ignoreFileRegs\[1\]/);
-      assert.match(err.message, /"\(unclosed"/);
-      return true;
-    });
-    const rule = { relativeDirPathRegList: [], omits: [], covers: [{ fileNameReg: '[a-', extList: [] }] };
-    assert.throws(() => ostrel.ScanAllSubFiles(root, cb, cb, { fineGrainedDirs: [rule] }), /fineGrainedDirs\[0\]\.covers\[0\]\.fileNameReg/);
-    assert.equal(called, false);
-  });
-
-  await t.test('wrong arguments throw "Wrong arguments"', async () => {
-    const cb = () => {};
-    assert.throws(() => ostrel.ScanAllSubFiles(root, cb, cb), { message: 'Wrong arguments' });
-    assert.throws(() => ostrel.ScanAllSubFiles(42, cb, cb, {}), { message: 'Wrong arguments' });
-    assert.throws(() => ostrel.ScanAllSubFiles(root, cb, 'x', {}), { message: 'Wrong arguments' });
-    assert.throws(() => ostrel.ScanAllSubFiles(root, cb, cb, null), { message: 'Wrong arguments' });
-    await new Promise((resolve) => {
-      const close = ostrel.ScanAllSubFiles(root, cb, resolve, () => {});
-      assert.equal(typeof close, 'function', 'a function is an options object');
-    });
-  });
 });

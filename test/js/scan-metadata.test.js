@@ -14,33 +14,6 @@ const { scan, makeTree, removeTree } = require('./scan-fixture');
 // A time with a sub-millisecond part (in seconds, as utimes takes it).
 const FRACTIONAL = 1600000000.1234567;
 
-test('folders and files, with times, size and ino as the file system reports them', async (t) => {
-  const root = makeTree({ files: { 'sub/a.txt': 'hello' } });
-  t.after(() => removeTree(root));
-  const file = path.join(root, 'sub', 'a.txt');
-  fs.utimesSync(file, FRACTIONAL, FRACTIONAL);
-  const { nodes, dirs } = await scan(root, { needDirs: true });
-  assert.equal(nodes.length, 1);
-  assert.equal(dirs.length, 1);
-  const [n] = nodes;
-  const [d] = dirs;
-  assert.equal(n.isFile, true);
-  assert.equal(d.isFile, false);
-  assert.equal(d.name, 'sub');
-  assert.ok(d.mtimeMs > 0 && d.ctimeMs > 0);
-
-  const st = fs.statSync(file);
-  assert.equal(n.size, 5);
-  assert.equal(n.ino, st.ino);
-  assert.equal(n.mtimeMs, st.mtimeMs);
-  assert.equal(n.ctimeMs, st.ctimeMs);
-  assert.equal(n.birthtimeMs, st.birthtimeMs);
-  assert.notEqual(n.mtimeMs % 1, 0, 'the sub-millisecond part is kept');
-  assert.ok(Math.abs(n.mtimeMs - FRACTIONAL * 1000) < 0.001, `${n.mtimeMs}`);
-  assert.equal(n.readable, true);
-  assert.equal(n.isSystem, false);
-});
-
 test('formatMsToSecond rounds ctimeMs and mtimeMs down to whole seconds, not birthtimeMs', async (t) => {
   const root = makeTree({ files: { 'a.txt': 'x' } });
   t.after(() => removeTree(root));

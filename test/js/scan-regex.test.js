@@ -160,41 +160,6 @@ test('folder and rule expressions use the same reading', async (t) => {
   });
 });
 
-test('refused expressions throw synchronously, naming the option and the reason', async (t) => {
-  const root = makeTree({ files: { 'a.txt': '' } });
-  t.after(() => removeTree(root));
-  const cb = () => {};
-  const cases = [
-    [{ ignoreFileRegs: ['ok', '(unclosed'] }, 'ignoreFileRegs[1]', '(unclosed', 'Unterminated group'],
-    [{ ignoreDirRegs: ['a**'] }, 'ignoreDirRegs[0]', 'a**', 'Nothing to repeat'],
-    [{ ignoreFileRegs: ['(?i)abc'] }, 'ignoreFileRegs[0]', '(?i)abc', 'Invalid group'],
-    [{ ignoreFileRegs: ['[z-a]'] }, 'ignoreFileRegs[0]', '[z-a]', 'Range out of order'],
-    [{ ignoreFileRegs: ['a{3,2}'] }, 'ignoreFileRegs[0]', 'a{3,2}', 'numbers out of order'],
-    [{ ignoreFileRegs: ['(?<n>a)\\k<m>'] }, 'ignoreFileRegs[0]', '(?<n>a)\\k<m>', 'Invalid named capture'],
-    [
-      { fineGrainedDirs: [{ relativeDirPathRegList: [], omits: [], covers: [{ fileNameReg: 'x)', extList: [] }] }] },
-      'fineGrainedDirs[0].covers[0].fileNameReg',
-      'x)',
-      "Unmatched ')'",
-    ],
-  ];
-  for (const [options, where, source, reason] of cases) {
-    await t.test(where + ' ' + source, () => {
-      assert.throws(() => new RegExp(source), SyntaxError, 'JavaScript refuses it too');
-      assert.throws(
-        () => ostrel.ScanAllSubFiles(root, cb, cb, options),
-        (err) => {
-          assert.ok(err instanceof Error);
-          assert.ok(err.message.startsWith(`ScanAllSubFiles: invalid regular expression "${source}": `), err.message);
-          assert.ok(err.message.includes(reason), err.message);
-          assert.ok(err.message.endsWith(` in ${where}`), err.message);
-          return true;
-        },
-      );
-    });
-  }
-});
-
 // Child scripts: each loads the module from the build under test and prints
 // one line of JSON (among the module's progress lines).
 function child(body, env = {}) {

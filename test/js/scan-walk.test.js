@@ -8,32 +8,13 @@ const fs = require('fs');
 const path = require('path');
 const { spawnSync } = require('child_process');
 const { isWindows, root: repoRoot, buildDir } = require('./helpers');
-const { scan, makeTree, removeTree, relPaths } = require('./scan-fixture');
+const { scan, makeTree, removeTree, relPaths, sep } = require('./scan-fixture');
 
 const COUNTS = ['fileCountBeyondLimit', 'totalFileCount', 'filteredFileCount', 'hiddenSystemFileCount'];
 const NOT_DELIVERED = ['specialFileCount', 'invalidNameCount'];
 const ACCOUNTS = ['complete', 'skippedFolders', 'loopedFolders', 'invalidNameFolders'];
 // node.exe under Wine: Wine passes its own variables on to the Windows process.
 const underWine = isWindows && Boolean(process.env.WINELOADER);
-
-test('the result holds the four counts first, then what the walk could not cover', async (t) => {
-  const root = makeTree({ files: { 'a.txt': '', 'sub/b.txt': '' } });
-  t.after(() => removeTree(root));
-  const { result } = await scan(root);
-  assert.deepEqual(Object.keys(result), [...COUNTS, ...NOT_DELIVERED, ...ACCOUNTS]);
-  assert.deepEqual(result, {
-    fileCountBeyondLimit: false,
-    totalFileCount: 2,
-    filteredFileCount: 0,
-    hiddenSystemFileCount: 0,
-    specialFileCount: 0,
-    invalidNameCount: 0,
-    complete: true,
-    skippedFolders: [],
-    loopedFolders: [],
-    invalidNameFolders: [],
-  });
-});
 
 test('a root that does not exist, or is a file, gives no update, zero counts and an incomplete scan naming it', async (t) => {
   const root = makeTree({ files: { 'f.txt': '' } });
@@ -57,42 +38,102 @@ test('a root that does not exist, or is a file, gives no update, zero counts and
   }
 });
 
-test('walk', async (t) => {
-  const root = makeTree({
-    files: { 'a.txt': '', 'sub/b.txt': '', 'sub/inner/c.txt': '', '.dotdir/d.txt': '' },
-    folders: ['empty', 'sub/empty2', 'only-folders/x'],
-  });
+// node's fs is the oracle: a tree generated from a fixed seed (names with
+// spaces, dots, accents and astral characters, empty folders, sizes, times
+// with sub-millisecond parts) is scanned and walked with fs, and every
+// delivered object must match what fs says, once, with nothing missing.
+function generatedTree(seed) {
+  let x = seed;
+  const rand = (n) => {
+    x = (x + 0x6d2b79f5) | 0;
+    let r = Math.imul(x ^ (x >>> 15), 1 | x);
+    r = (r + Math.imul(r ^ (r >>> 7), 61 | r)) ^ r;
+    return (((r ^ (r >>> 14)) >>> 0) % n);
+  };
+  const alphabet = ['a', 'b', 'Z', '0', ' ', '.', '-', '_', 'é', 'ß', '😀', '中'];
+  const root = makeTree();
+  const folders = [root];
+  const taken = new Set();
+  for (let i = 0; i < 400; i++) {
+    const parent = folders[rand(folders.length)];
+    let name = '';
+    for (let n = 1 + rand(8); n > 0; n--) name += alphabet[rand(alphabet.length)];
+    name = name.trim();
+    const full = path.join(parent, name);
+    // One name per folder whatever the case (Windows), never "." or "..".
+    if (!name || /^\.+$/.test(name) || name.endsWith('.') || taken.has(full.toLowerCase())) continue;
+    taken.add(full.toLowerCase());
+    if (rand(4) === 0 && parent.split(path.sep).length - root.split(path.sep).length < 5) {
+      fs.mkdirSync(full);
+      folders.push(full);
+    } else {
+      fs.writeFileSync(full, Buffer.alloc(rand(3000), 'x'));
+      const when = 1e9 + rand(1e9) + rand(1e7) / 1e7;
+      fs.utimesSync(full, when, when);
+    }
+  }
+  return root;
+}
+
+function walkWithFs(root) {
+  const files = new Map();
+  const dirs = new Map();
+  (function walk(dir) {
+    for (const e of fs.readdirSync(dir, { withFileTypes: true })) {
+      const p = path.join(dir, e.name);
+      const rel = path.relative(root, p).split(path.sep).join('/');
+      if (e.isDirectory()) {
+        dirs.set(rel, fs.readdirSync(p).length === 0);
+        walk(p);
+      } else {
+        files.set(rel, fs.statSync(p));
+      }
+    }
+  })(root);
+  return { files, dirs };
+}
+
+test('the scan against node\'s fs on a generated tree', async (t) => {
+  const root = generatedTree(21);
   t.after(() => removeTree(root));
+  const oracle = walkWithFs(root);
+  assert.ok(oracle.files.size > 200 && oracle.dirs.size > 40, `${oracle.files.size} files, ${oracle.dirs.size} folders`);
 
-  await t.test('"." and ".." never appear; every file appears once', async () => {
+  await t.test('every file once, with its size, id and times; every folder with needDirs', async () => {
     const { nodes, dirs, result } = await scan(root, { needDirs: true });
-    const all = [...nodes, ...dirs];
-    assert.ok(!all.some((o) => o.name === '.' || o.name === '..'));
-    assert.deepEqual(relPaths(nodes), ['.dotdir/d.txt', 'a.txt', 'sub/b.txt', 'sub/inner/c.txt']);
-    assert.equal(result.totalFileCount, 4);
-  });
-
-  await t.test('needDirs delivers every folder below the root in "dirs"', async () => {
-    const { dirs } = await scan(root, { needDirs: true });
-    assert.deepEqual(relPaths(dirs), ['.dotdir', 'empty', 'only-folders', 'only-folders/x', 'sub', 'sub/empty2', 'sub/inner']);
+    assert.deepEqual(relPaths(nodes), [...oracle.files.keys()].sort());
+    assert.deepEqual(relPaths(dirs), [...oracle.dirs.keys()].sort());
+    for (const n of nodes) {
+      const rel = n.relativePath.split(sep).join('/');
+      const st = oracle.files.get(rel);
+      assert.deepEqual(
+        [n.name, n.absolutePath, n.dirPath, n.isFile, n.size, n.ino, n.mtimeMs, n.ctimeMs, n.birthtimeMs, n.readable],
+        [path.basename(rel), path.join(root, ...rel.split('/')), root, true, st.size, st.ino, st.mtimeMs, st.ctimeMs,
+          st.birthtimeMs, true],
+        rel,
+      );
+    }
     assert.ok(dirs.every((d) => d.isFile === false));
+    assert.deepEqual(Object.keys(result), [...COUNTS, ...NOT_DELIVERED, ...ACCOUNTS]);
+    assert.deepEqual(result, {
+      fileCountBeyondLimit: false, totalFileCount: oracle.files.size, filteredFileCount: 0, hiddenSystemFileCount: 0,
+      specialFileCount: 0, invalidNameCount: 0, complete: true, skippedFolders: [], loopedFolders: [], invalidNameFolders: [],
+    });
   });
 
-  await t.test('without needDirs no folder is delivered', async () => {
-    const { dirs } = await scan(root);
-    assert.deepEqual(dirs, []);
-  });
-
-  await t.test('returnEmptyFolder delivers folders that hold no entry at all', async () => {
+  await t.test('without needDirs no folder; returnEmptyFolder gives exactly the empty ones', async () => {
+    assert.deepEqual((await scan(root)).dirs, []);
     const { dirs, nodes } = await scan(root, { returnEmptyFolder: true });
-    assert.deepEqual(relPaths(dirs), ['empty', 'only-folders/x', 'sub/empty2']);
-    assert.equal(nodes.length, 4);
+    assert.deepEqual(relPaths(dirs), [...oracle.dirs].filter(([, empty]) => empty).map(([rel]) => rel).sort());
+    assert.equal(nodes.length, oracle.files.size);
   });
 
   await t.test('a folder ignored by name is skipped with its whole sub-tree', async () => {
-    const { nodes, dirs } = await scan(root, { ignoreDirRegs: ['sub'], needDirs: true });
-    assert.deepEqual(relPaths(nodes), ['.dotdir/d.txt', 'a.txt']);
-    assert.ok(!dirs.some((d) => d.name === 'sub' || d.name === 'inner'));
+    const name = [...oracle.dirs.keys()].find((rel) => !rel.includes('/') && [...oracle.files.keys()].some((f) => f.startsWith(rel + '/')));
+    assert.ok(name, 'the seed gives a top-level folder holding files');
+    const { nodes } = await scan(root, { ignoreDirRegs: [name.replace(/[.*+?^${}()|[\]\\]/g, '\\$&')] });
+    const kept = [...oracle.files.keys()].filter((rel) => !rel.split('/').slice(0, -1).includes(name)).sort();
+    assert.deepEqual(relPaths(nodes), kept);
   });
 });
 

@@ -7,7 +7,7 @@
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const path = require('path');
-const { isWindows, runChild, loadProbe, root, buildDir } = require('./helpers');
+const { runChild, loadProbe, buildDir } = require('./helpers');
 
 const probePath = path.join(buildDir(), 'test', 'runtime_probe.node');
 
@@ -82,106 +82,6 @@ test('drives: a size that does not convert is logged and the promise resolves wi
   assert.match(stdout, /Ostrel Spawn Exception stoull argument out of range/);
 });
 
-test('drives and disks: each failing WMI step is logged in hexadecimal and gives an empty list', () => {
-  const { result, stderr } = inChild(`async (probe) => {
-    const rows = [{ Caption: 'C:', DeviceID: 'C:', Size: '1', FreeSpace: '1', DriveType: 3 }];
-    const out = [];
-    for (const fail of [{ createLocator: 0x80040154 }, { connect: 0x8004100E }, { proxyBlanket: 0x80070005 },
-                        { queryErrors: { Win32_LogicalDisk: 0x80041017 } }]) {
-      const m = probe.storageMachine({ logicalDisks: rows, ...fail });
-      const drives = await probe.storageList('drives', m);
-      const disks = await probe.storageList('disks', m);
-      out.push([drives.length, disks.length, probe.storageCounts(m).liveObjects]);
-    }
-    return out;
-  }`);
-  assert.deepEqual(result, Array(4).fill([0, 0, 0]));
-  for (const line of ['CoCreateInstance failed', 'ConnectServer() failure:8004100E',
-    'Could not set proxy blanket. Error code = 0x80070005', 'ExecQuery() failure:80041017', 'WMI query failed.']) {
-    assert.ok(stderr.includes(line), `${line}\n${stderr}`);
-  }
-});
-
-test('COM security already set by the host: logged, and the query still runs with COM on its thread', () => {
-  // The fake counts COM's initialisations per thread as COM does: the
-  // guard's failure path gives its initialisation back, and the query
-  // needs one of its own.
-  const { result, stderr } = inChild(`async (probe) => {
-    const m = probe.storageMachine({ securityAlreadySet: true,
-      logicalDisks: [{ Caption: 'C:', DeviceID: 'C:', Size: '1', FreeSpace: '1', DriveType: 3, VolumeSerialNumber: 's' }] });
-    const drives = await probe.storageList('drives', m);
-    const disks = await probe.storageList('disks', m);
-    return { drives: drives.map((d) => d.mounted), disks: disks.map((d) => d.mounted),
-      counts: probe.storageCounts(m), guards: probe.storageComGuards() };
-  }`);
-  assert.deepEqual(result.drives, ['C:']);
-  assert.deepEqual(result.disks, ['C:']);
-  assert.equal(result.counts.queries, 3);
-  // Asked once: the counter, set back to 0 and then decremented by the
-  // end, keeps every later guard from asking again.
-  assert.equal(result.counts.security, 1);
-  assert.equal(result.guards, -1);
-  assert.equal(result.counts.uninitializedCalls, 0);
-  // Each job: the guard's and the query's initialisations; the guard's
-  // given back after the failure (first job only) and again at its end.
-  assert.equal(result.counts.initialize, 4);
-  assert.equal(result.counts.uninitialize, 5);
-  assert.equal(result.counts.unbalancedUninitialize, 1);
-  assert.match(stderr, /^Failed to initialize security\. Error code = 0x80010119$/m);
-});
-
-test('disks: numbers, storage types and the join with the physical disks', () => {
-  const { result, stdout, stderr } = inChild(`async (probe) => {
-    const machine = ${JSON.stringify({
-      logicalDisks: [
-        logical('C:', '1000', '400', 3), logical('D:', '2000', '100', 3), logical('E:', '10', '1', 3),
-        logical('Z:', null, null, 4, { FileSystem: 'NTFS' }), logical('S:', '50', '5', 3),
-      ],
-      diskDrives: [physical(11, 'SCSI', 'Eleven'), physical(1, 'IDE', 'WDC WD40'), physical(0, 'SCSI', 'Samsung SSD')],
-      volumes: {
-        'C:': volumeOn(0, { seekPenalty: false }), 'D:': volumeOn(1, { trimEnabled: false }),
-        'E:': volumeOn(11), 'S:': volumeOn(0, { extentsError: 234, seekPenalty: true }),
-      },
-    }, (k, v) => (typeof v === 'bigint' ? `BIG:${v}` : v)).replace(/"BIG:(\d+)"/g, '$1n')};
-    return await probe.storageList('disks', probe.storageMachine(machine));
-  }`);
-  const brief = result.map((d) => [d.mounted, d.storageType, d.diskNumber, d.model, d.interfaceType]);
-  assert.deepEqual(brief, [
-    ['C:', 'SSD', 0, 'Samsung SSD', 'SCSI'],
-    ['D:', 'HDD', 1, 'WDC WD40', 'IDE'],
-    ['E:', 'Unknown', 11, 'Eleven', 'SCSI'],   // answers neither property query
-    ['Z:', 'Unknown', -1000, '', ''],          // network drive: the volume does not open
-    ['S:', 'HDD', -1000, '', ''],              // spanned: one extent does not fit
-  ]);
-  assert.deepEqual(Object.keys(result[0]), ['mounted', 'storageType', 'diskNumber', 'driveType', 'fileSystem',
-    'freeSpace', 'size', 'interfaceType', 'mediaType', 'model']);
-  assert.equal(result[0].size, 1000);  // the logical disk's size and free space
-  assert.equal(result[0].freeSpace, 400);
-  assert.equal(result[0].fileSystem, 'NTFS');
-  assert.equal(result[3].driveType, 4);
-  assert.match(stdout, /Error opening volume: 2/);
-  assert.match(stdout, /DeviceIoControl failed: 234/);
-  assert.match(stderr, /Failed to get GetDiskNumberFromMountedDrive by DeviceID/);
-});
-
-test('disks: 31 disks record the big-list statistic once per process', () => {
-  const { result } = inChild(`async (probe) => {
-    const records = [];
-    probe.RegisterTvkReporter({ report(r) { records.push(r); } });
-    const rows = [];
-    for (let i = 0; i < 31; ++i) rows.push({ DeviceID: 'C:', Size: '1', FreeSpace: '1', DriveType: 3 });
-    const m = probe.storageMachine({ logicalDisks: rows });
-    const small = probe.storageMachine({ logicalDisks: rows.slice(0, 30) });
-    const first = await probe.storageList('disks', small);
-    const second = await probe.storageList('disks', m);
-    const third = await probe.storageList('disks', m);
-    await new Promise((r) => setTimeout(r, 500));
-    const big = records.filter((r) => r.c20 === 'ostrel:hardwaredisk:biglist');
-    return { sizes: [first.length, second.length, third.length], big: big.map((r) => [r.category, r.wl_avgv1]) };
-  }`);
-  assert.deepEqual(result, { sizes: [30, 31, 31], big: [[194, 31]] });
-});
-
 test('100 concurrent calls of each export settle and leave no COM initialisation behind', async () => {
   const probe = loadProbe();
   const m = probe.storageMachine({
@@ -245,21 +145,4 @@ test('process.exit() and Worker termination while slow jobs run', () => {
   `);
   assert.equal(r.status, 5, r.stdout + r.stderr);
   assert.doesNotMatch(r.stdout + r.stderr, /Spawn|Assertion|Segmentation|abort|promise dropped/i);
-});
-
-test('Linux: the mounts, sizes and sysfs of a desktop fixture', { skip: isWindows && 'Linux facts' }, async () => {
-  const probe = loadProbe();
-  const fixtures = path.join(root, 'test', 'fixtures', 'storage');
-  const source = { mountinfo: path.join(fixtures, 'mountinfo-desktop'), sysfs: path.join(fixtures, 'sys'),
-    space: { '/': [1000, 250], '/media/user/STICK': [64, 60] } };
-  const drives = await probe.storageList('drives', source);
-  const disks = await probe.storageList('disks', source);
-  assert.equal(drives.length, 12);
-  assert.deepEqual(drives[0], { mounted: '/', available: 250, blocks: 1000, used: 750, capacity: '',
-    filesystem: 'Local Fixed Disk', drivetype: 3 });
-  const stick = disks.find((d) => d.mounted === '/media/user/STICK');
-  assert.deepEqual(stick, { mounted: '/media/user/STICK', storageType: 'USB', diskNumber: 2, driveType: 2,
-    fileSystem: 'vfat', freeSpace: 60, size: 64, interfaceType: 'USB', mediaType: 'Removable Media',
-    model: 'Cruzer Blade' });
-  assert.equal(disks.find((d) => d.mounted === '/mnt/nas').diskNumber, -1000);
 });

@@ -32,12 +32,6 @@ function recordingTracer() {
 const attrsOf = (span) => Object.fromEntries(span.attrs);
 const spansNamed = (tracer, name) => tracer.spans.filter((s) => attrsOf(s).dim_0 === name);
 
-async function waitFor(predicate, what, timeoutMs = 5000) {
-  const start = Date.now();
-  while (!predicate()) {
-    if (Date.now() - start > timeoutMs) throw new Error(`timed out waiting for ${what}`);
-    await new Promise((resolve) => setTimeout(resolve, 10));
-  }
-}
+const { waitFor } = require('./helpers');
 
 module.exports = { probePath, modulePath, recordingTracer, attrsOf, spansNamed, waitFor };
