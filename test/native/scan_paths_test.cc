@@ -118,6 +118,20 @@ std::string field(const encoded_batch& b, std::size_t record, std::size_t start_
   return b.text8.substr(start, len);
 }
 
+// Every record's four path parts read back from the batch, files first.
+void expect_parts(const encoded_batch& b, const std::vector<FileInfo>& files, const std::vector<FileInfo>& folders) {
+  std::size_t i = 0;
+  for (const auto* list : {&files, &folders}) {
+    for (const FileInfo& f : *list) {
+      EXPECT_EQ(field(b, i, f_abs_start), f.absolutePath);
+      EXPECT_EQ(field(b, i, f_name_start), f.name);
+      EXPECT_EQ(field(b, i, f_dir_start), f.relativeDir);
+      EXPECT_EQ(field(b, i, f_rel_start), f.relativePath);
+      ++i;
+    }
+  }
+}
+
 TEST(BatchEncoding, EveryStringFieldDecodesBack) {
   std::vector<FileInfo> files;
   files.emplace_back(under_root(".cache" SEP "x.bin"), root);
@@ -136,16 +150,7 @@ TEST(BatchEncoding, EveryStringFieldDecodesBack) {
   encoded_batch b = encode_batch(files, folders);
   ASSERT_EQ(b.record_count, 5u);
   EXPECT_EQ(b.file_count, 3u);
-  std::size_t i = 0;
-  for (const auto* list : {&files, &folders}) {
-    for (const FileInfo& f : *list) {
-      EXPECT_EQ(field(b, i, f_abs_start), f.absolutePath);
-      EXPECT_EQ(field(b, i, f_name_start), f.name);
-      EXPECT_EQ(field(b, i, f_dir_start), f.relativeDir);
-      EXPECT_EQ(field(b, i, f_rel_start), f.relativePath);
-      ++i;
-    }
-  }
+  expect_parts(b, files, folders);
   EXPECT_EQ(b.numbers[fields_per_record + f_size], 42.0);
   EXPECT_EQ(static_cast<unsigned>(b.numbers[fields_per_record + f_flags]), flag_hidden | flag_readable | flag_wide);
   EXPECT_EQ(b.pieces8.size(), 1u);
@@ -176,16 +181,7 @@ TEST(BatchEncoding, LongBatchesAreCutIntoPiecesBetweenRecords) {
     EXPECT_GE(b.pieces8[p] - b.pieces8[p - 1], text_piece_bytes);
     EXPECT_LT(b.pieces8[p] - b.pieces8[p - 1], text_piece_bytes + 4096);
   }
-  std::size_t i = 0;
-  for (const auto* list : {&files, &folders}) {
-    for (const FileInfo& f : *list) {
-      EXPECT_EQ(field(b, i, f_abs_start), f.absolutePath);
-      EXPECT_EQ(field(b, i, f_name_start), f.name);
-      EXPECT_EQ(field(b, i, f_dir_start), f.relativeDir);
-      EXPECT_EQ(field(b, i, f_rel_start), f.relativePath);
-      ++i;
-    }
-  }
+  expect_parts(b, files, folders);
 }
 
 }  // namespace
