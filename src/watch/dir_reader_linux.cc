@@ -1,8 +1,9 @@
-// Linux: each loop is a subscription to the process's one inotify
-// descriptor (inotify_hub.h), which keeps a watch on every folder of the
-// tree and hands the loop its change records: the file-mode loop gets the
-// changes of files and the modifications of folders, the directory-mode
-// loop folders appearing, going and moving, as the two Windows handles do.
+// Linux: a session's two loops read one subscription to the process's one
+// inotify descriptor (inotify_hub.h), which keeps a watch on every folder
+// of the tree and hands each loop its change records: the file-mode loop
+// gets the changes of files and the modifications of folders, the
+// directory-mode loop folders appearing, going and moving, as the two
+// Windows handles do.
 #include <limits.h>
 #include <sys/stat.h>
 
@@ -25,18 +26,22 @@ namespace {
 
 class inotify_reader final : public dir_reader {
  public:
-  explicit inotify_reader(std::shared_ptr<inotify::subscription> sub) : sub_(std::move(sub)) {}
+  inotify_reader(std::shared_ptr<inotify::subscription> sub, bool dir_mode)
+      : sub_(std::move(sub)), dir_mode_(dir_mode) {}
+  // The other loop, if it still reads this subscription, opens a new one.
+  ~inotify_reader() override { sub_->retire(); }
 
   task<read_outcome> read(cancellation_token token) override {
     std::shared_ptr<inotify::subscription> sub = sub_;
+    const bool mode = dir_mode_;
     // A cancellation wakes the wait below.
-    cancellation_registration wake(token, [sub] { sub->wake(); });
+    cancellation_registration wake(token, [sub, mode] { sub->wake(mode); });
     for (;;) {
       if (token.is_cancellation_requested()) throw operation_cancelled();
-      inotify::pending_changes more = sub->take();
+      inotify::pending_changes more = sub->take(mode);
       merge(more);
       if (std::optional<read_outcome> out = next()) co_return std::move(*out);
-      co_await sub->event();
+      co_await sub->event(mode);
       // Woken by the pump, or by a cancellation on the main thread: go on
       // on a pool worker, never there.
       co_await on_pool();
@@ -56,6 +61,7 @@ class inotify_reader final : public dir_reader {
     carry_.overflow = carry_.overflow || more.overflow;
     carry_.root_gone = carry_.root_gone || more.root_gone;
     if (more.failed) carry_.failed = more.failed;
+    carry_.ended = carry_.ended || more.ended;
   }
 
   // What to hand on: the records read before an overflow or the root's
@@ -90,10 +96,16 @@ class inotify_reader final : public dir_reader {
       carry_.failed = 0;
       return out;
     }
+    if (carry_.ended) {
+      // The other loop closed the subscription: this one opens a new one.
+      out.what = read_outcome::kind::cancelled;
+      return out;
+    }
     return std::nullopt;
   }
 
   std::shared_ptr<inotify::subscription> sub_;
+  const bool dir_mode_;
   inotify::pending_changes carry_;
 };
 
@@ -102,13 +114,23 @@ class inotify_reader final : public dir_reader {
 open_result open_dir_reader(const WatchData& w, bool dir_mode) {
   auto start = std::chrono::steady_clock::now();
   std::uint32_t error = 0;
-  auto sub = inotify::subscribe(w.rootPath, dir_mode, w.running, error);
+  std::shared_ptr<inotify::subscription> sub;
+  {
+    // The loop that opens first puts the watches; the other, waiting here
+    // meanwhile, reads the same subscription while it is not spent.
+    std::lock_guard lock(w.readers.mutex);
+    sub = std::static_pointer_cast<inotify::subscription>(w.readers.shared.lock());
+    if (!sub || sub->spent()) {
+      sub = inotify::subscribe(w.rootPath, w.running, error);
+      w.readers.shared = sub;
+    }
+  }
   auto elapsed = static_cast<std::uint64_t>(
       std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count());
   scan::record_call_stat("CreateFileW(WatchLoop)", error ? "WatchLoop" : "", elapsed, static_cast<std::int32_t>(error));
   open_result r;
   if (sub) {
-    r.reader = std::make_unique<inotify_reader>(std::move(sub));
+    r.reader = std::make_unique<inotify_reader>(std::move(sub), dir_mode);
   } else {
     r.error = error ? error : EIO;
   }

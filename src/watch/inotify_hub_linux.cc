@@ -102,6 +102,11 @@ struct watched {
   native_string rel;  // "" for the start folder
 };
 
+// Subscriptions to wake after the mutex is released, with the modes (bit 0:
+// mode 0, bit 1: mode 1) that got something.
+using wake_list = std::unordered_map<subscription*, unsigned>;
+constexpr unsigned both_modes = 3;
+
 }  // namespace
 
 // The process's inotify descriptor and every subscription over it.
@@ -191,19 +196,25 @@ class channel : public std::enable_shared_from_this<channel> {
         it->second = std::move(rel);
         continue;
       }
-      watchers_[d.wd].push_back(&s);
+      watchers_.emplace(d.wd, &s);
     }
   }
 
   // Forgets `s`'s watch `wd`; removes the kernel's watch when no
   // subscription uses it any more. Caller holds the mutex.
   void release_watch(subscription& s, int wd) {
-    auto it = watchers_.find(wd);
-    if (it == watchers_.end()) return;
-    auto& v = it->second;
-    v.erase(std::remove(v.begin(), v.end(), &s), v.end());
-    if (!v.empty()) return;
-    watchers_.erase(it);
+    bool mine = false;
+    bool others = false;
+    for (auto [it, last] = watchers_.equal_range(wd); it != last;) {
+      if (it->second == &s) {
+        it = watchers_.erase(it);
+        mine = true;
+      } else {
+        others = true;
+        ++it;
+      }
+    }
+    if (!mine || others) return;
     if (walks_ > 0) {
       // A subscription's walk, outside the mutex, may have just been given
       // this very watch for a folder it shares: removing it now would leave
@@ -285,9 +296,18 @@ class channel : public std::enable_shared_from_this<channel> {
     return wd;
   }
 
+  // Reported by the directory-mode reader only.
   void note_unwatched(subscription& s, std::uint32_t count, int error) {
-    s.pending_.unwatched += count;
-    s.pending_.unwatched_error = static_cast<std::uint32_t>(error);
+    s.pending_[1].unwatched += count;
+    s.pending_[1].unwatched_error = static_cast<std::uint32_t>(error);
+  }
+
+  // Ends `s` with a notice both readers get. Caller holds the mutex.
+  template <typename Mark>
+  void spend(subscription& s, wake_list& woken, Mark mark) {
+    for (auto& p : s.pending_) mark(p);
+    s.spent_ = true;
+    woken[&s] |= both_modes;
   }
 
   static task<void> pump(std::shared_ptr<channel> self) {
@@ -316,14 +336,11 @@ class channel : public std::enable_shared_from_this<channel> {
   // The pump ended while subscriptions remain: they fail and reopen on a
   // new channel.
   void fail_all(std::uint32_t error) {
-    std::unordered_set<subscription*> failed;
+    wake_list failed;
     {
       std::lock_guard lock(mutex_);
       stopping_ = true;
-      for (subscription* s : subs_) {
-        s->pending_.failed = error;
-        failed.insert(s);
-      }
+      for (subscription* s : subs_) spend(*s, failed, [&](pending_changes& p) { p.failed = error; });
     }
     wake(failed);
   }
@@ -332,16 +349,19 @@ class channel : public std::enable_shared_from_this<channel> {
   // mutex: a woken reader resumes on this thread and takes its records.
   // A subscription may be leaving meanwhile on another thread; each is
   // held while it is woken, and one already ending is skipped.
-  void wake(const std::unordered_set<subscription*>& woken) {
-    std::vector<std::shared_ptr<subscription>> held;
+  void wake(const wake_list& woken) {
+    std::vector<std::pair<std::shared_ptr<subscription>, unsigned>> held;
     {
       std::lock_guard lock(mutex_);
-      for (subscription* s : woken) {
+      for (const auto& [s, modes] : woken) {
         if (subs_.count(s) == 0) continue;
-        if (auto alive = s->weak_from_this().lock()) held.push_back(std::move(alive));
+        if (auto alive = s->weak_from_this().lock()) held.emplace_back(std::move(alive), modes);
       }
     }
-    for (auto& s : held) s->wake();
+    for (auto& [s, modes] : held) {
+      if (modes & 1) s->wake(false);
+      if (modes & 2) s->wake(true);
+    }
   }
 
   void drain() {
@@ -377,10 +397,12 @@ class channel : public std::enable_shared_from_this<channel> {
         }
       }
     }
-    std::unordered_set<subscription*> woken;
+    wake_list woken;
     {
       std::lock_guard lock(mutex_);
-      for (std::size_t i = 0; i < events.size(); ++i) apply(events, partner, i, woken);
+      std::vector<subscription*> overflowed;
+      for (std::size_t i = 0; i < events.size(); ++i) apply(events, partner, i, woken, overflowed);
+      for (subscription* s : overflowed) s->spent_ = true;
     }
     wake(woken);
   }
@@ -393,25 +415,29 @@ class channel : public std::enable_shared_from_this<channel> {
   }
 
   void apply(const std::vector<inotify_record>& events, const std::vector<std::ptrdiff_t>& partner, std::size_t i,
-             std::unordered_set<subscription*>& woken) {
+             wake_list& woken, std::vector<subscription*>& overflowed) {
     const inotify_record& e = events[i];
+    auto root_gone = [](pending_changes& p) { p.root_gone = true; };
     if (e.mask & IN_Q_OVERFLOW) {
+      // Spent at the end of this drain: what was read after the overflow
+      // in the same drain is still handed on, before the notice.
       for (subscription* s : subs_) {
-        s->pending_.overflow = true;
-        woken.insert(s);
+        if (s->spent_) continue;
+        for (auto& p : s->pending_) p.overflow = true;
+        woken[s] |= both_modes;
+        overflowed.push_back(s);
       }
       return;
     }
-    auto it = watchers_.find(e.wd);
-    if (it == watchers_.end()) return;
-    std::vector<subscription*> subs = it->second;  // registrations below may change the list
+    // Copied: registrations below may change the map.
+    std::vector<subscription*> subs;
+    auto [first, last] = watchers_.equal_range(e.wd);
+    for (auto it = first; it != last; ++it) subs.push_back(it->second);
+    if (subs.empty()) return;
     if (e.mask & IN_IGNORED) {
       for (subscription* s : subs) {
         s->dirs_.erase(e.wd);
-        if (e.wd == s->root_wd_) {
-          s->pending_.root_gone = true;
-          woken.insert(s);
-        }
+        if (e.wd == s->root_wd_ && !s->spent_) spend(*s, woken, root_gone);
       }
       watchers_.erase(e.wd);
       return;
@@ -421,9 +447,7 @@ class channel : public std::enable_shared_from_this<channel> {
       // except for a root, which has none.
       if (e.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT)) {
         for (subscription* s : subs) {
-          if (e.wd != s->root_wd_) continue;
-          s->pending_.root_gone = true;
-          woken.insert(s);
+          if (e.wd == s->root_wd_ && !s->spent_) spend(*s, woken, root_gone);
         }
       }
       return;
@@ -431,6 +455,7 @@ class channel : public std::enable_shared_from_this<channel> {
     const bool is_dir = (e.mask & IN_ISDIR) != 0;
     if (is_dir && (e.mask & (IN_CREATE | IN_MOVED_TO))) follow_new_folder(events, partner, i, subs);
     for (subscription* s : subs) {
+      if (s->spent_) continue;
       auto dir = s->dirs_.find(e.wd);
       if (dir == s->dirs_.end()) continue;
       const bool paired = (e.mask & (IN_MOVED_FROM | IN_MOVED_TO)) && paired_for(*s, events, partner, i);
@@ -462,12 +487,12 @@ class channel : public std::enable_shared_from_this<channel> {
       // As on Windows: the folder reader sees folders appear, go and move;
       // the file reader everything else, changes of folders included.
       const bool for_dir_reader = is_dir && action != action_modified;
-      if (for_dir_reader != s->dir_mode_) continue;
-      auto& pending = s->pending_;
+      auto& pending = s->pending_[for_dir_reader ? 1 : 0];
+      const unsigned mode_bit = for_dir_reader ? 2u : 1u;
       std::size_t bad = invalid_name_prefix(rel);
       if (bad != native_string::npos) {
         pending.invalid_names.push_back(rel.substr(0, bad));
-        woken.insert(s);
+        woken[s] |= mode_bit;
         continue;
       }
       // A write often comes as several modify events in a row: one is enough.
@@ -476,7 +501,7 @@ class channel : public std::enable_shared_from_this<channel> {
         continue;
       }
       pending.records.push_back({action, std::move(rel)});
-      woken.insert(s);
+      woken[s] |= mode_bit;
     }
   }
 
@@ -490,6 +515,7 @@ class channel : public std::enable_shared_from_this<channel> {
     std::vector<std::pair<subscription*, native_string>> walk_for;
     native_string path;
     for (subscription* s : subs) {
+      if (s->spent_) continue;  // hands on nothing more: not worth a walk
       auto dir = s->dirs_.find(e.wd);
       if (dir == s->dirs_.end()) continue;
       native_string rel = child(dir->second, e.name);
@@ -539,7 +565,8 @@ class channel : public std::enable_shared_from_this<channel> {
   bool stopping_ = false;
   std::unordered_set<subscription*> subs_;
   // Every watched folder, with the subscriptions that watch it.
-  std::unordered_map<int, std::vector<subscription*>> watchers_;
+  // (One entry per pair: most folders have one subscription.)
+  std::unordered_multimap<int, subscription*> watchers_;
   // Subscriptions walking their tree outside the mutex, and the watches
   // released meanwhile (see release_watch).
   int walks_ = 0;
@@ -568,18 +595,35 @@ subscription::~subscription() {
   if (channel_) channel_->leave(*this);
 }
 
-pending_changes subscription::take() {
+pending_changes subscription::take(bool dir_mode) {
   pending_changes out;
   if (!channel_) return out;
   std::lock_guard lock(channel_->mutex_);
-  std::swap(out, pending_);
+  std::swap(out, pending_[dir_mode ? 1 : 0]);
+  out.ended = spent_;
   return out;
 }
 
-std::shared_ptr<subscription> subscribe(const native_string& root, bool dir_mode, const std::atomic<bool>& running,
+bool subscription::spent() {
+  if (!channel_) return true;
+  std::lock_guard lock(channel_->mutex_);
+  return spent_;
+}
+
+void subscription::retire() {
+  if (!channel_) return;
+  {
+    std::lock_guard lock(channel_->mutex_);
+    spent_ = true;
+  }
+  wake(false);
+  wake(true);
+}
+
+std::shared_ptr<subscription> subscribe(const native_string& root, const std::atomic<bool>& running,
                                         std::uint32_t& error) {
   error = 0;
-  auto s = std::make_shared<subscription>(root, dir_mode);
+  auto s = std::make_shared<subscription>(root);
   {
     std::lock_guard lock(hub().mutex);
     std::shared_ptr<channel> ch = hub().current.lock();

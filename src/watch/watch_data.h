@@ -57,6 +57,14 @@ struct watch_settings {
   bool report_overflow = false;
 };
 
+// What a session's two readers share while both are open (on Linux their
+// one subscription to the inotify descriptor; unused on Windows, where each
+// has its own directory handle). Does not keep it alive.
+struct reader_share {
+  std::mutex mutex;
+  std::weak_ptr<void> shared;
+};
+
 class WatchData {
  public:
   WatchData(native_string root, scan::ScanFilters filters, std::vector<native_string> watch_targets,
@@ -75,6 +83,7 @@ class WatchData {
   std::atomic<bool> running{true};
   std::atomic<bool> rootRemoved{false};
   std::atomic<std::int32_t> openLoops{0};
+  mutable reader_share readers;
   // Index 0 wakes the file-mode loop, 1 the directory-mode loop.
   async_auto_reset_event dirDeletedChangeEvents[2];
 
