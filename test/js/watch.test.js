@@ -294,7 +294,7 @@ test('closing', async (t) => {
             require('fs').writeFileSync(require('path').join(${JSON.stringify(root)}, 'probe.txt'), 'x'); }, {}); });
           await seen;
           console.log('PROBE SEEN');
-        })();`, { timeout: /asan|tsan/.test(process.env.LD_PRELOAD || '') ? 400000 : 120000 });
+        })();`, { timeout: /asan|tsan/.test(process.env.LD_PRELOAD || '') || process.platform === 'win32' ? 400000 : 120000 });
       // Each start waits for its session to be ready: a session whose
       // watch was removed under it never was, and the child timed out.
       assert.equal(r.status, 0, r.stderr.slice(-2000) + r.stdout.slice(-2000));
