@@ -30,10 +30,10 @@ for preset in "${presets[@]}"; do
       if ((module_only)); then
         # A build folder configured with the tests keeps them; only the
         # module's target is built.
-        [ -f "$cache" ] || cmake --preset "$preset" -DOSTREL_BUILD_TESTS=OFF >/dev/null
+        [ -f "$cache" ] || cmake --preset "$preset" -DOSTREL_BUILD_TESTS=OFF -DOSTREL_UNITY=ON >/dev/null
         target=(--target ostrel)
       elif [ ! -f "$cache" ] || ! grep -q '^OSTREL_BUILD_TESTS:BOOL=ON' "$cache"; then
-        cmake --preset "$preset" -DOSTREL_BUILD_TESTS=ON >/dev/null
+        cmake --preset "$preset" -DOSTREL_BUILD_TESTS=ON -DOSTREL_UNITY=OFF >/dev/null
       fi
       ;;
   esac
