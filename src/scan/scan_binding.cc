@@ -15,6 +15,7 @@
 #include "main/export_steps.h"
 #include "runtime/blocking.h"
 #include "runtime/environment.h"
+#include "runtime/exceptions.h"
 #include "runtime/log.h"
 #include "runtime/memory.h"
 #include "runtime/napi_util.h"
@@ -204,7 +205,14 @@ task<void> scan_task(std::shared_ptr<scan_session> session) {
       co_await data.batch_ready;
       auto io = runtime::io();
       if (!io) co_return;  // the module is going away
-      if (!data.finished() && !data.stopped()) co_await io->schedule_after(std::chrono::milliseconds(100));
+      if (!data.finished() && !data.stopped()) {
+        // An update leaves 100 ms after its first record, or as soon as it
+        // is full or the walk has ended.
+        try {
+          co_await io->schedule_after(std::chrono::milliseconds(100), data.update_due_token());
+        } catch (const operation_cancelled&) {
+        }
+      }
       co_await on_pool();
     }
     // Read before taking: once finished, nothing can be collected any more.
