@@ -15,6 +15,7 @@
 #include "main/export_steps.h"
 #include "runtime/blocking.h"
 #include "runtime/environment.h"
+#include "runtime/exceptions.h"
 #include "runtime/log.h"
 #include "runtime/memory.h"
 #include "runtime/napi_util.h"
@@ -186,41 +187,89 @@ task<void> walk_task(std::shared_ptr<ScanData> data) {
   }
 }
 
-// The delivery loop: waits for collected records, lets more gather for
-// 100 ms, encodes them on a pool worker (never on the I/O service's thread,
-// which every timer needs) and hops to the main thread once to hand them to
-// script. After the last records, the counts. A stopped scheduler (the
-// environment is going away) ends it at the hop.
+// One update taken from the collected records and encoded for script. The
+// delivery loop keeps two: while the main thread turns one into objects, a
+// pool worker takes and encodes the next, so the main thread only ever
+// builds objects. Shared with the encoding job, which may still run when
+// the loop has ended (the environment went away during a delivery).
+struct prepared_update {
+  scan_update records;  // its buffers serve every update of the scan
+  encoded_batch batch;
+  bool more = false;    // records were left for the next update
+  bool last = false;    // the scan had finished before this one was taken
+  bool failed = false;  // the runtime stopped before it could be prepared
+  async_auto_reset_event ready;
+};
+
+// Takes the next update and encodes it; on a pool worker.
+void prepare(ScanData& data, prepared_update& u) {
+  // Read before taking: once finished, nothing can be collected any more.
+  u.last = data.finished();
+  u.batch.record_count = 0;
+  try {
+    data.take_update(ScanData::update_record_limit, u.more, u.records);
+    encode_batch(u.records.files, u.records.folders, u.batch);
+  } catch (const std::exception& e) {
+    log::out_value("Exception caught in Update Vectors move: ", e.what());
+  } catch (...) {
+    log::out("Unknown exception caught in Update Vectors move");
+  }
+}
+
+// prepare() on a pool worker, started from the main thread; sets `ready`.
+task<void> prepare_on_pool(std::shared_ptr<ScanData> data, std::shared_ptr<prepared_update> u) {
+  try {
+    co_await on_pool();
+    prepare(*data, *u);
+  } catch (...) {
+    u->failed = true;  // the runtime is going away: nothing more is delivered
+  }
+  u->ready.set();
+}
+
+// The delivery loop: waits for collected records, lets more gather (up to
+// 100 ms, see ScanData::update_due_token), encodes them on a pool worker
+// (never on the I/O service's thread, which every timer needs) and hops to
+// the main thread once to hand them to script. After the last records, the
+// counts. A stopped scheduler (the environment is going away) ends it at
+// the hop.
 task<void> scan_task(std::shared_ptr<scan_session> session) {
   ScanData& data = session->data();
   data.begin_work();
   spawn(walk_task(session->shared_data()), runtime::alive());
-  bool more = false;  // records left from the last update: no waiting
-  // Kept for the whole scan: their buffers serve every update.
-  scan_update update;
-  encoded_batch batch;
+  auto current = std::make_shared<prepared_update>();
+  auto next = std::make_shared<prepared_update>();
+  bool next_started = false;  // `next` is being prepared on a pool worker
   for (;;) {
-    if (!more) {
+    if (next_started) {
+      // Resumes on the worker that prepared it, or here if it already has.
+      co_await next->ready;
+      next_started = false;
+      if (next->failed) co_return;
+      std::swap(current, next);
+    } else {
       co_await data.batch_ready;
       auto io = runtime::io();
       if (!io) co_return;  // the module is going away
-      if (!data.finished() && !data.stopped()) co_await io->schedule_after(std::chrono::milliseconds(100));
+      if (!data.finished() && !data.stopped()) {
+        // An update leaves 100 ms after its first record, or as soon as it
+        // is full or the walk has ended.
+        try {
+          co_await io->schedule_after(std::chrono::milliseconds(100), data.update_due_token());
+        } catch (const operation_cancelled&) {
+        }
+      }
       co_await on_pool();
-    }
-    // Read before taking: once finished, nothing can be collected any more.
-    bool last = data.finished();
-    batch.record_count = 0;
-    try {
-      data.take_update(ScanData::update_record_limit, more, update);
-      encode_batch(update.files, update.folders, batch);
-    } catch (const std::exception& e) {
-      log::out_value("Exception caught in Update Vectors move: ", e.what());
-    } catch (...) {
-      log::out("Unknown exception caught in Update Vectors move");
+      prepare(data, *current);
     }
     co_await session->sched().schedule();
+    if (current->more) {
+      // The rest is taken and encoded meanwhile.
+      next_started = true;
+      spawn(prepare_on_pool(session->shared_data(), next), runtime::alive());
+    }
     try {
-      if (batch.record_count) session->deliver_update(batch);
+      if (current->batch.record_count) session->deliver_update(current->batch);
     } catch (const environment_terminating&) {
       throw;
     } catch (const std::exception& e) {
@@ -228,8 +277,8 @@ task<void> scan_task(std::shared_ptr<scan_session> session) {
     } catch (...) {
       log::out("Unknown exception caught in dispatching scan file update");
     }
-    data.release_backlog(batch.record_count);
-    if (last && !more) break;
+    data.release_backlog(current->batch.record_count);
+    if (current->last && !current->more) break;
   }
   try {
     session->deliver_result();
@@ -239,8 +288,8 @@ task<void> scan_task(std::shared_ptr<scan_session> session) {
     log::out_value("Exception caught in dispatching scan file update: ", e.what());
   }
   session->end();
-  update = {};
-  batch = {};
+  current.reset();
+  next.reset();
   // The walk's threads freed what they allocated; give it back now rather
   // than keep it in their allocator arenas for the life of the process.
   co_await on_pool();

@@ -18,7 +18,26 @@ bool ScanData::request_stop() {
   bool was = stop_->exchange(true, std::memory_order_acq_rel);
   { std::lock_guard lock(backlog_mutex_); }
   backlog_drained_.notify_all();
+  end_update_wait();
   return was;
+}
+
+void ScanData::end_update_wait() {
+  cancellation_source due;
+  {
+    std::lock_guard lock(mutex_);
+    due = update_due_;
+  }
+  // Outside the lock: the timer's cancellation runs here.
+  due.request_cancellation();
+}
+
+cancellation_token ScanData::update_due_token() {
+  std::lock_guard lock(mutex_);
+  update_due_ = cancellation_source();
+  // Nobody holds the fresh token yet: no callback runs under the lock.
+  if (waiting_records_ >= update_record_limit || finished() || stopped()) update_due_.request_cancellation();
+  return update_due_.token();
 }
 
 void ScanData::keep_record(FileInfo&& info, bool may_wait) {
@@ -46,6 +65,7 @@ void ScanData::collect(FileInfo&& info, bool may_wait) {
     ++backlog_;
   }
   bool first;
+  bool full = false;
   {
     std::lock_guard lock(mutex_);
     if (info.isFile) {
@@ -63,9 +83,11 @@ void ScanData::collect(FileInfo&& info, bool may_wait) {
     } else {
       folders_.push_back(std::move(info));
     }
+    full = ++waiting_records_ == update_record_limit;
     first = !update_pending_.exchange(true, std::memory_order_acq_rel);
   }
   if (first) batch_ready.set();
+  if (full) end_update_wait();
 }
 
 void ScanData::take_update(std::size_t max_records, bool& more, scan_update& into) {
@@ -103,6 +125,7 @@ void ScanData::take_update(std::size_t max_records, bool& more, scan_update& int
     folders_.erase(folders_.begin(), folders_.begin() + n);
   }
   for (const FileInfo& f : into.files) into.size += f.size;
+  waiting_records_ -= into.files.size() + into.folders.size();
   collected_size_ -= into.size;
   more = !file_chunks_.empty() || !folders_.empty();
   // Still pending while records are left: the next collect must not signal
@@ -204,6 +227,7 @@ void ScanData::end_work() {
   if (work_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
     finished_.store(true, std::memory_order_release);
     batch_ready.set();
+    end_update_wait();
   }
 }
 

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "file_info.h"
+#include "runtime/cancellation.h"
 #include "runtime/events.h"
 #include "scan_filters.h"
 
@@ -120,6 +121,11 @@ class ScanData {
 
   // Set when records wait for an update, and when the scan has finished.
   async_auto_reset_event batch_ready;
+  // The delivery loop's wait for an update to fill (at most 100 ms): a
+  // fresh token, cancelled as soon as update_record_limit records wait, the
+  // scan has finished or is stopped, since waiting longer would add nothing
+  // to the update.
+  cancellation_token update_due_token();
 
   // The walk's account of what it could not cover. `relative` is the
   // folder's path below the root (empty: the root itself). A folder is
@@ -147,6 +153,9 @@ class ScanData {
   static constexpr std::size_t logged_skip_limit = 10;
 
  private:
+  // Cancels the delivery loop's current wait for an update to fill.
+  void end_update_wait();
+
   std::shared_ptr<std::atomic<bool>> stop_ = std::make_shared<std::atomic<bool>>(false);
   std::atomic<int> work_{0};
   std::atomic<bool> finished_{false};
@@ -159,6 +168,8 @@ class ScanData {
   std::vector<std::vector<FileInfo>> spare_chunks_;  // emptied pieces, for reuse
   std::vector<FileInfo> folders_;
   std::uint64_t collected_size_ = 0;
+  std::size_t waiting_records_ = 0;  // collected, not yet taken into an update
+  cancellation_source update_due_;   // of the delivery loop's current wait
 
   mutable std::mutex account_mutex_;
   std::vector<skipped_folder> skipped_;

@@ -91,9 +91,11 @@ constexpr std::size_t entries_per_piece = 2048;
 // Records listed ahead of delivery beyond which no thread takes new work
 // (the thread that delivers still lists the folder it needs).
 constexpr std::size_t records_ahead_limit = 16384;
-// Folders listed ahead of delivery: each holds its descriptor (Linux) until
-// its sub-tree is delivered, as a walk on one thread holds one per level.
-constexpr std::size_t folders_ahead_limit = 64;
+// Folders the walk's threads hold open (Linux: a descriptor each) beyond
+// which no thread takes new work: a folder stays open while it is being
+// listed and until the last of its sub-folders has been opened relative to
+// it.
+constexpr std::size_t open_folders_limit = 64;
 
 // The folders on the way from a walk's root down to a folder: the loop
 // guard. Shared by every folder below, freed with the last of them.
@@ -135,7 +137,6 @@ struct folder_work {
 
   // Written by the thread that processes it, read by the delivering thread
   // once `state` is done.
-  std::shared_ptr<dir_listing> listing;  // the folder, open until its sub-tree is delivered
   std::vector<walk_item> items;
   std::optional<walk_item> empty_record;
   listing_status open_status = listing_status::listed;
@@ -327,7 +328,23 @@ class walker {
 
   // Under mutex_.
   bool room_ahead() const {
-    return ahead_ < records_ahead_limit && folders_ahead_ < folders_ahead_limit && !scan_->stopped();
+    return ahead_ < records_ahead_limit && open_folders_.load(std::memory_order_acquire) < open_folders_limit &&
+           !scan_->stopped();
+  }
+
+  // A folder opened by the walk's threads, counted until it is closed.
+  std::shared_ptr<dir_listing> counted_listing() {
+    open_folders_.fetch_add(1, std::memory_order_relaxed);
+    std::atomic<std::size_t>* open = &open_folders_;
+    try {
+      return std::shared_ptr<dir_listing>(new dir_listing(), [open](dir_listing* d) {
+        delete d;
+        open->fetch_sub(1, std::memory_order_release);
+      });
+    } catch (...) {
+      open_folders_.fetch_sub(1, std::memory_order_relaxed);
+      throw;
+    }
   }
 
   void helper_loop() {
@@ -337,8 +354,10 @@ class walker {
       std::shared_ptr<folder_work> w;
       if (room_ahead()) w = claim_next();
       if (!w) {
-        // A stop sets no condition here: look again now and then.
-        work_ready_.wait_for(lock, std::chrono::milliseconds(50));
+        // A stop sets no condition here, nor a folder closing: look again
+        // now and then (soon when only open folders are in the way).
+        bool folders_in_way = ahead_ < records_ahead_limit && !work_.empty();
+        work_ready_.wait_for(lock, std::chrono::milliseconds(folders_in_way ? 2 : 50));
         continue;
       }
       lock.unlock();
@@ -379,7 +398,6 @@ class walker {
     {
       std::lock_guard lock(mutex_);
       ahead_ += w.items.size();
-      ++folders_ahead_;
       // Depth first: what this folder holds comes before what was waiting.
       for (auto it = found.rbegin(); it != found.rend(); ++it) work_.push_front(std::move(*it));
       w.state.store(folder_work::done, std::memory_order_release);
@@ -395,7 +413,7 @@ class walker {
       // Linux opens it relative to its parent, by the name that ends its
       // path (NUL-terminated there).
       w.entry.name = native_string_view(w.path).substr(w.name_offset);
-      dir = std::make_shared<dir_listing>();
+      dir = counted_listing();
       w.open_status = open_listing(*dir, w.path, w.parent.get(), &w.entry);
       if (w.open_status != listing_status::listed) {
         w.open_error = dir->error();
@@ -433,7 +451,6 @@ class walker {
         walk_item& item = w.items.emplace_back();
         item.child = rest;
         found.push_back(std::move(rest));
-        w.listing = std::move(dir);
         return;
       }
       if (!dir->next(e)) break;
@@ -477,7 +494,6 @@ class walker {
       item.child = child;
       found.push_back(std::move(child));
     }
-    w.listing = dir;
     w.listed_to_end = true;
     w.end_status = dir->end_status();
     w.end_error = dir->error();
@@ -594,11 +610,9 @@ class walker {
   void delivered(folder_work& w) {
     std::size_t count = w.items.size();
     std::vector<walk_item>().swap(w.items);
-    w.listing.reset();
     {
       std::lock_guard lock(mutex_);
       ahead_ -= count;
-      --folders_ahead_;
     }
     work_ready_.notify_all();
   }
@@ -645,8 +659,8 @@ class walker {
   std::condition_variable work_ready_;  // work queued, or room ahead
   std::condition_variable done_;        // a piece of work is done
   std::deque<std::shared_ptr<folder_work>> work_;
-  std::size_t ahead_ = 0;          // records of processed pieces not yet delivered
-  std::size_t folders_ahead_ = 0;  // processed pieces not yet delivered
+  std::size_t ahead_ = 0;                     // records of processed pieces not yet delivered
+  std::atomic<std::size_t> open_folders_{0};  // counted_listing()s not yet closed
   bool closing_ = false;
   std::vector<std::thread> helpers_;
 };

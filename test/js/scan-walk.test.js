@@ -324,15 +324,17 @@ test('a folder nested past the path limit is listed or named, and the walk goes 
   }
 });
 
-// Linux: the walk holds one open descriptor per folder level; with the limit
-// of open files set low, the folders past it cannot be opened (EMFILE). Two
-// deep chains: the walk skips the first one's deep folder and goes on to the
-// second, whichever the file system lists first.
+// Linux, with the limit of open files set low (`ulimit -n 64`): two chains
+// of 120 folders (a folder is closed once it is listed and its sub-folders
+// are open, so the walk needs no descriptor per level), then the same tree
+// with every descriptor but one taken before the scan: the root opens, the
+// folders below it cannot (EMFILE), and each is skipped, named with its
+// error, while the walk goes on to the next one.
 // The sanitizers test whether memory is readable through a pipe they open;
 // with the descriptors used up that fails and UBSan reports every virtual
 // call as one on an invalid object, so the case runs on the plain build only.
 const sanitized = /asan|tsan/.test(process.env.LD_PRELOAD || '');
-test('folders that cannot be opened are skipped, named with their error, and the walk goes on (Linux)', {
+test('deep folders need no descriptor per level; folders that cannot be opened are skipped and named (Linux)', {
   skip: (isWindows && 'Linux only') || (sanitized && 'sanitizers need descriptors of their own'),
 }, (t) => {
   const files = { 'top.txt': '', 'p/shallow.txt': '', 'q/shallow.txt': '' };
@@ -341,31 +343,46 @@ test('folders that cannot be opened are skipped, named with their error, and the
   files[deep('q')] = '';
   const root = makeTree({ files });
   t.after(() => removeTree(root));
-  const source = `process.env.OSTREL_BUILD_DIR = ${JSON.stringify(buildDir())};
-    const ostrel = require(${JSON.stringify(repoRoot)});
-    const files = [];
-    ostrel.ScanAllSubFiles(process.argv[1], (u) => files.push(...u.nodes.map((n) => n.relativePath)),
-      (r) => console.log('RESULT ' + JSON.stringify({ files, r })), {});`;
-  const r = spawnSync('sh', ['-c', 'ulimit -n 64 && exec "$1" -e "$2" "$3"', 'sh', process.execPath, source, root], {
-    encoding: 'utf8',
-    timeout: 60000,
-  });
-  const line = (r.stdout || '').split('\n').find((l) => l.startsWith('RESULT '));
-  assert.ok(line, `status ${r.status}: ${r.stdout} ${r.stderr}`);
-  const { files: delivered, r: result } = JSON.parse(line.slice(7));
-  assert.deepEqual(delivered.sort(), ['p/shallow.txt', 'q/shallow.txt', 'top.txt']);
-  assert.equal(result.complete, false);
-  assert.equal(result.totalFileCount, 3);
-  const skipped = [...result.skippedFolders].sort((x, y) => x.path.localeCompare(y.path));
-  assert.equal(skipped.length, 2, JSON.stringify(skipped));
-  for (const [i, branch] of ['p', 'q'].entries()) {
-    assert.ok(skipped[i].path.startsWith(path.join(root, branch, 'l0', 'l1')), skipped[i].path);
-    assert.equal(skipped[i].code, 24);  // EMFILE
-    assert.match(skipped[i].reason, /too many open files/i);
+  const scan = (takeDescriptors) => {
+    const source = `process.env.OSTREL_BUILD_DIR = ${JSON.stringify(buildDir())};
+      const fs = require('fs');
+      const ostrel = require(${JSON.stringify(repoRoot)});
+      const held = [];
+      if (${takeDescriptors}) {
+        try { for (;;) held.push(fs.openSync('/dev/null', 'r')); } catch (e) { if (e.code !== 'EMFILE') throw e; }
+        fs.closeSync(held.pop());
+      }
+      const files = [];
+      ostrel.ScanAllSubFiles(process.argv[1], (u) => files.push(...u.nodes.map((n) => n.relativePath)),
+        (r) => console.log('RESULT ' + JSON.stringify({ files, r, held: held.length })), {});`;
+    const r = spawnSync('sh', ['-c', 'ulimit -n 64 && exec "$1" -e "$2" "$3"', 'sh', process.execPath, source, root], {
+      encoding: 'utf8',
+      timeout: 60000,
+    });
+    const line = (r.stdout || '').split('\n').find((l) => l.startsWith('RESULT '));
+    assert.ok(line, `status ${r.status}: ${r.stdout} ${r.stderr}`);
+    return { ...JSON.parse(line.slice(7)), stderr: r.stderr };
+  };
+
+  const whole = scan(false);
+  assert.deepEqual(whole.r.skippedFolders, []);
+  assert.equal(whole.r.complete, true);
+  assert.deepEqual(whole.files.sort(), Object.keys(files).sort());
+
+  const starved = scan(true);
+  assert.ok(starved.held > 0);
+  assert.deepEqual(starved.files, ['top.txt']);
+  assert.equal(starved.r.complete, false);
+  assert.equal(starved.r.totalFileCount, 1);
+  const skipped = [...starved.r.skippedFolders].sort((x, y) => x.path.localeCompare(y.path));
+  assert.deepEqual(skipped.map((s) => s.path), [path.join(root, 'p'), path.join(root, 'q')]);
+  for (const s of skipped) {
+    assert.equal(s.code, 24);  // EMFILE
+    assert.match(s.reason, /too many open files/i);
   }
   // One line per skipped folder on standard error.
-  assert.equal(r.stderr.split('\n').filter((l) => l.startsWith('ScanAllSubFiles: skipped ')).length, 2, r.stderr);
-  assertAccountedFor(root, Object.keys(files), delivered.map((p) => ({ relativePath: p })), result);
+  assert.equal(starved.stderr.split('\n').filter((l) => l.startsWith('ScanAllSubFiles: skipped ')).length, 2, starved.stderr);
+  assertAccountedFor(root, Object.keys(files), starved.files.map((p) => ({ relativePath: p })), starved.r);
 });
 
 // ------------------------------- special files and names that are not UTF-8 --

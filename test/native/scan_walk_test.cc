@@ -121,6 +121,47 @@ native_string rel(std::initializer_list<const char*> parts) {
   return out;
 }
 
+// The delivery loop waits at most 100 ms for an update to fill; its wait
+// ends as soon as a whole update's records wait, the scan has finished or
+// has been stopped, and not before.
+TEST(ScanData, TheWaitForAnUpdateEndsWhenItIsFullOrTheScanEnds) {
+  auto fill = [](ScanData& data, std::size_t n) {
+    for (std::size_t i = 0; i < n; ++i) {
+      FileInfo f;
+      f.isFile = i % 2 == 0;
+      data.collect(std::move(f), false);
+    }
+  };
+  ScanData data;
+  data.set_backlog_limit(1u << 30);
+  data.begin_work();
+  cancellation_token empty = data.update_due_token();
+  fill(data, ScanData::update_record_limit - 1);
+  EXPECT_FALSE(empty.is_cancellation_requested());
+  fill(data, 1);
+  EXPECT_TRUE(empty.is_cancellation_requested());
+  // A wait that starts with a whole update waiting ends at once.
+  fill(data, ScanData::update_record_limit);
+  EXPECT_TRUE(data.update_due_token().is_cancellation_requested());
+  bool more = false;
+  data.take_update(ScanData::update_record_limit, more);
+  EXPECT_TRUE(more);
+  EXPECT_TRUE(data.update_due_token().is_cancellation_requested());
+  data.take_update(ScanData::update_record_limit, more);
+  EXPECT_FALSE(more);
+  fill(data, 3);
+  cancellation_token partial = data.update_due_token();
+  EXPECT_FALSE(partial.is_cancellation_requested());
+  data.end_work();
+  EXPECT_TRUE(partial.is_cancellation_requested());
+  EXPECT_TRUE(data.update_due_token().is_cancellation_requested());
+
+  ScanData stopped;
+  cancellation_token waiting = stopped.update_due_token();
+  stopped.request_stop();
+  EXPECT_TRUE(waiting.is_cancellation_requested());
+}
+
 TEST(ScanData, SkippedFoldersAreNamedOnceAsScriptGaveTheRoot) {
   const std::string sep(1, static_cast<char>(native_separator));
   struct {
@@ -214,49 +255,91 @@ TEST(ScanWalk, ARootThatCannotBeListedIsNamedWhateverTheReason) {
 }
 
 #ifndef _WIN32
-// The walk holds one descriptor per folder level. With the limit of open
-// files set just above what the process holds, the folders past it cannot
-// be opened (EMFILE): each is skipped and named, and the walk goes on with
-// the next branch.
-TEST(ScanWalk, FoldersThatCannotBeOpenedAreSkippedAndTheWalkGoesOn) {
-  fs::path base = fs::temp_directory_path() /
-                  ("ostrel-scan-emfile-" + std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
+// Sets the limit of open files so that exactly `free_slots` more can be
+// opened, and puts it back when it goes out of scope. Free numbers are
+// counted, not assumed to follow the lowest one: an earlier test's threads
+// may hold descriptors above a hole.
+class descriptor_limit {
+ public:
+  explicit descriptor_limit(int free_slots) {
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &saved_), 0);
+    int limit = 0;
+    for (int free = 0; free < free_slots; ++limit) {
+      if (fcntl(limit, F_GETFD) == -1) ++free;
+    }
+    struct rlimit low = saved_;
+    low.rlim_cur = static_cast<rlim_t>(limit);
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+  }
+  ~descriptor_limit() { EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &saved_), 0); }
+
+ private:
+  struct rlimit saved_;
+};
+
+// Two branches, each a chain of `depth` folders below `base`/p and
+// `base`/q, with a file at the top of each branch and one at its end.
+fs::path make_chains(const char* what, int depth) {
+  fs::path base =
+      fs::temp_directory_path() / (std::string("ostrel-scan-") + what + "-" +
+                                   std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
+  fs::create_directories(base);
+  std::ofstream(base / "top.txt") << "x";
   for (const char* branch : {"p", "q"}) {
     fs::path dir = base / branch;
     fs::create_directories(dir);
     std::ofstream(dir / "shallow.txt") << "x";
-    for (int i = 0; i < 10; ++i) dir /= "l" + std::to_string(i);
+    for (int i = 0; i < depth; ++i) dir /= "l" + std::to_string(i);
     fs::create_directories(dir);
     std::ofstream(dir / "leaf.txt") << "x";
   }
-  struct rlimit saved;
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
-  // Room for the root, a branch and three levels below it: the fourth
-  // level cannot be opened. Free numbers are counted, not assumed to follow
-  // the lowest one: an earlier test's threads may hold descriptors above a
-  // hole.
-  int limit = 0;
-  for (int free_slots = 0; free_slots < 5; ++limit) {
-    if (fcntl(limit, F_GETFD) == -1) ++free_slots;
-  }
-  struct rlimit low = saved;
-  low.rlim_cur = static_cast<rlim_t>(limit);
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
-  std::vector<std::string> files;
-  auto data = walk_all(base, 0, files);
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+  return base;
+}
 
-  std::sort(files.begin(), files.end());
-  EXPECT_EQ(files, (std::vector<std::string>{"p/shallow.txt", "q/shallow.txt"}));
-  EXPECT_FALSE(data->complete());
-  auto skipped = data->skipped_folders();
-  ASSERT_EQ(skipped.size(), 2u);
-  std::sort(skipped.begin(), skipped.end(), [](auto& a, auto& b) { return a.path < b.path; });
-  EXPECT_EQ(skipped[0].path, (base / "p" / "l0" / "l1" / "l2" / "l3").string());
-  EXPECT_EQ(skipped[1].path, (base / "q" / "l0" / "l1" / "l2" / "l3").string());
-  for (auto& s : skipped) {
-    EXPECT_EQ(s.code, EMFILE);
-    EXPECT_FALSE(s.reason.empty());
+// With no descriptor to spare once the root is open, the folders below it
+// cannot be opened (EMFILE): each is skipped and named, and the walk goes
+// on with the next one; the root's own files are delivered. With a helper
+// thread, the folder it could not open is handed back to the delivering
+// thread, which names it.
+TEST(ScanWalk, FoldersThatCannotBeOpenedAreSkippedAndTheWalkGoesOn) {
+  fs::path base = make_chains("emfile", 3);
+  for (unsigned helpers : {0u, 1u}) {
+    std::vector<std::string> files;
+    std::shared_ptr<ScanData> data;
+    {
+      descriptor_limit limit(1);
+      data = walk_all(base, helpers, files);
+    }
+    EXPECT_EQ(files, std::vector<std::string>{"top.txt"}) << helpers;
+    EXPECT_FALSE(data->complete());
+    auto skipped = data->skipped_folders();
+    ASSERT_EQ(skipped.size(), 2u) << helpers;
+    std::sort(skipped.begin(), skipped.end(), [](auto& a, auto& b) { return a.path < b.path; });
+    EXPECT_EQ(skipped[0].path, (base / "p").string());
+    EXPECT_EQ(skipped[1].path, (base / "q").string());
+    for (auto& s : skipped) {
+      EXPECT_EQ(s.code, EMFILE);
+      EXPECT_FALSE(s.reason.empty());
+    }
+  }
+  fs::remove_all(base);
+}
+
+// A folder is closed once it is listed and its sub-folders are open, not
+// when its whole sub-tree has been delivered: a chain of folders far deeper
+// than the descriptors left is walked whole.
+TEST(ScanWalk, DeepChainsNeedNoDescriptorPerLevel) {
+  fs::path base = make_chains("deep", 40);
+  for (unsigned helpers : {0u, 1u}) {
+    std::vector<std::string> files;
+    std::shared_ptr<ScanData> data;
+    {
+      descriptor_limit limit(6);
+      data = walk_all(base, helpers, files);
+    }
+    EXPECT_TRUE(data->complete()) << helpers << " "
+                                  << (data->skipped_folders().empty() ? "" : data->skipped_folders()[0].path);
+    EXPECT_EQ(files.size(), 5u) << helpers;
   }
   fs::remove_all(base);
 }
