@@ -39,7 +39,9 @@ class pipe_read : public overlapped_operation<pipe_read> {
     if (after_start) after_start();
     return true;
   }
-  void cancel() noexcept { CancelIoEx(h_, overlapped()); }
+  void cancel() noexcept {
+    CancelIoEx(h_, overlapped());
+  }
   char result() {
     if (error_ != 0) throw std::system_error(static_cast<int>(error_), std::system_category(), "ReadFile");
     return c_;
@@ -56,7 +58,9 @@ class pipe_read : public overlapped_operation<pipe_read> {
     if (after_start) after_start();
     return true;
   }
-  void cancel() noexcept { s_.cancel_fd_wait(this); }
+  void cancel() noexcept {
+    s_.cancel_fd_wait(this);
+  }
   char result() {
     if (error_ != 0) throw std::system_error(static_cast<int>(error_), std::system_category(), "wait");
     char c = 0;
@@ -69,7 +73,9 @@ class pipe_read : public overlapped_operation<pipe_read> {
 
  private:
 #ifdef _WIN32
-  OVERLAPPED* overlapped() { return reinterpret_cast<OVERLAPPED*>(static_cast<detail::io_state*>(this)); }
+  OVERLAPPED* overlapped() {
+    return reinterpret_cast<OVERLAPPED*>(static_cast<detail::io_state*>(this));
+  }
   HANDLE h_;
   char c_ = 0;
 #else
@@ -98,7 +104,9 @@ struct pipe_pair {
     CloseHandle(client);
     CloseHandle(server);
   }
-  pipe_read read(cancellation_token ct) { return pipe_read(server, std::move(ct)); }
+  pipe_read read(cancellation_token ct) {
+    return pipe_read(server, std::move(ct));
+  }
   void write(char c) {
     DWORD written = 0;
     EXPECT_TRUE(WriteFile(client, &c, 1, &written, nullptr));
@@ -106,13 +114,19 @@ struct pipe_pair {
 #else
   io_service& s;
   int fds[2];
-  explicit pipe_pair(io_service& service) : s(service) { EXPECT_EQ(::pipe2(fds, O_NONBLOCK | O_CLOEXEC), 0); }
+  explicit pipe_pair(io_service& service) : s(service) {
+    EXPECT_EQ(::pipe2(fds, O_NONBLOCK | O_CLOEXEC), 0);
+  }
   ~pipe_pair() {
     ::close(fds[0]);
     ::close(fds[1]);
   }
-  pipe_read read(cancellation_token ct) { return pipe_read(s, fds[0], std::move(ct)); }
-  void write(char c) { EXPECT_EQ(::write(fds[1], &c, 1), 1); }
+  pipe_read read(cancellation_token ct) {
+    return pipe_read(s, fds[0], std::move(ct));
+  }
+  void write(char c) {
+    EXPECT_EQ(::write(fds[1], &c, 1), 1);
+  }
 #endif
 };
 
