@@ -63,8 +63,10 @@ TEST(IoService, TimedWaitsNeverWakeEarlyAndFireInDeadlineOrder) {
 TEST(IoService, CancelledTimedWaitThrowsOnTheServiceThread) {
   pumped_service s;
   cancellation_source source;
+  std::atomic<bool> waiting{false};
   auto t = [&]() -> task<bool> {
     try {
+      waiting = true;
       co_await s.service.schedule_after(10s, source.token());
     } catch (const operation_cancelled&) {
       co_return s.service.is_service_thread();
@@ -72,7 +74,11 @@ TEST(IoService, CancelledTimedWaitThrowsOnTheServiceThread) {
     co_return false;
   };
   auto result = std::async(std::launch::async, [&] { return sync_wait(t()); });
-  std::this_thread::sleep_for(20ms);
+  // Cancelled before the wait is registered, the token would end it on this
+  // thread (as an already cancelled one does): on a loaded machine the thread
+  // may take long to get there.
+  while (!waiting) std::this_thread::sleep_for(1ms);
+  std::this_thread::sleep_for(50ms);
   const std::int64_t start = monotonic_ns();
   source.request_cancellation();
   EXPECT_TRUE(result.get());
