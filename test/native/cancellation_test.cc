@@ -19,9 +19,12 @@ TEST(Cancellation, DefaultTokenCannotBeCancelled) {
   EXPECT_FALSE(called);
 }
 
-TEST(Cancellation, CallbacksRunOnceOnRequestAndAtOnceWhenLate) {
+TEST(Cancellation, CallbacksRunOnceOnRequestAtOnceWhenLateAndNeverOnceDeregistered) {
   cancellation_source source;
-  int early = 0, late = 0;
+  int early = 0, late = 0, gone = 0;
+  {
+    cancellation_registration d(source.token(), [&] { ++gone; });
+  }
   {
     cancellation_registration r(source.token(), [&] { ++early; });
     source.request_cancellation();
@@ -30,17 +33,8 @@ TEST(Cancellation, CallbacksRunOnceOnRequestAndAtOnceWhenLate) {
   }
   cancellation_registration r2(source.token(), [&] { ++late; });
   EXPECT_EQ(late, 1);
+  EXPECT_EQ(gone, 0);
   EXPECT_THROW(source.token().throw_if_cancellation_requested(), operation_cancelled);
-}
-
-TEST(Cancellation, DeregisteredCallbackNeverRuns) {
-  cancellation_source source;
-  bool called = false;
-  {
-    cancellation_registration r(source.token(), [&] { called = true; });
-  }
-  source.request_cancellation();
-  EXPECT_FALSE(called);
 }
 
 TEST(Cancellation, CallbackMayDestroyItsOwnRegistration) {

@@ -91,18 +91,6 @@ TEST(Blocking, AJobRunsWhollyOnItsOwnThreadAndTheTaskGoesOnOnThePool) {
   EXPECT_TRUE(runtime::release(5s));
 }
 
-TEST(Blocking, WithoutARuntimeNothingRunsAndTheTaskIsTold) {
-  ASSERT_EQ(runtime::pool(), nullptr);
-  bool ran = false;
-  EXPECT_THROW(sync_wait([]() -> task<void> { co_await on_pool(); }()), runtime_stopped);
-  EXPECT_THROW(sync_wait([](bool& ran) -> task<void> {
-                 auto job = on_own_thread([&ran] { ran = true; });
-                 co_await job;
-               }(ran)),
-               runtime_stopped);
-  EXPECT_FALSE(ran);
-}
-
 // A job stuck in a call nothing can wake must not hold the process up: the
 // last release waits for it only as long as it is told to.
 TEST(Runtime, TheLastReleaseLeavesAStuckJobRunningAfterTheGrace) {
@@ -146,8 +134,9 @@ TEST(Blocking, AStuckCallHoldsOnlyItsOwnThread) {
   EXPECT_TRUE(runtime::release(5s));
 }
 
-// A task cancelled before a thread takes it never runs its blocking part.
-TEST(Blocking, ACancelledTokenEndsTheHopWithOperationCancelled) {
+// A task cancelled before a thread takes it never runs its blocking part;
+// without a runtime nothing runs and the task is told.
+TEST(Blocking, ACancelledTokenOrNoRuntimeEndsTheHopBeforeItsWork) {
   runtime::acquire(2);
   cancellation_source source;
   source.request_cancellation();
@@ -160,6 +149,13 @@ TEST(Blocking, ACancelledTokenEndsTheHopWithOperationCancelled) {
   EXPECT_FALSE(reached);
   EXPECT_TRUE(runtime::release(5s));
   EXPECT_THROW(sync_wait([]() -> task<void> { co_await on_blocking(); }()), runtime_stopped);
+  EXPECT_THROW(sync_wait([]() -> task<void> { co_await on_pool(); }()), runtime_stopped);
+  EXPECT_THROW(sync_wait([](bool& reached) -> task<void> {
+                 auto job = on_own_thread([&reached] { reached = true; });
+                 co_await job;
+               }(reached)),
+               runtime_stopped);
+  EXPECT_FALSE(reached);
 }
 
 // Queued behind a full executor, a cancelled task goes on on the pool as soon

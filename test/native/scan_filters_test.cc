@@ -57,39 +57,34 @@ TEST(ScanFilters, NamesSplitLikeTheFileSystemLibrary) {
   EXPECT_EQ(parts("..hidden").ext, N("hidden"));
 }
 
-TEST(ScanFilters, ExtensionFilterPresenceAndLists) {
-  ExtFilter absent;
-  EXPECT_FALSE(extFiltered(absent, N("a.jpg")));
-  // An extFilter with neither list rejects every file...
-  ExtFilter neither = filter({}, {}, false, true);
-  EXPECT_TRUE(extFiltered(neither, N("a.jpg")));
-  EXPECT_TRUE(extFiltered(neither, N("README")));
-  // ...one whose excludes is an empty array rejects none.
-  ExtFilter empty_excludes = filter({"jpg"}, {}, true, true);
-  EXPECT_FALSE(extFiltered(empty_excludes, N("a.txt")));
-  EXPECT_FALSE(extFiltered(empty_excludes, N("README")));
-  // Excludes win over includes once given.
-  ExtFilter both = filter({"jpg"}, {"jpg"}, true, true);
-  EXPECT_TRUE(extFiltered(both, N("a.jpg")));
-}
-
-TEST(ScanFilters, EmptyEntriesStandForFilesWithoutExtension) {
-  ExtFilter ex = filter({}, {""}, true, true);
-  EXPECT_TRUE(extFiltered(ex, N("README")));
-  EXPECT_TRUE(extFiltered(ex, N(".gitignore")));
-  EXPECT_FALSE(extFiltered(ex, N("a.txt")));
-  ExtFilter in = filter({""}, {}, false, true);
-  EXPECT_FALSE(extFiltered(in, N("README")));
-  EXPECT_TRUE(extFiltered(in, N("a.txt")));
-}
-
-TEST(ScanFilters, ScanLevelListsAreLowerCasedRuleLevelListsAreNot) {
-  ExtFilter scan_level = filter({"JPG"}, {}, false, true);
-  EXPECT_FALSE(extFiltered(scan_level, N("a.jpg")));
-  EXPECT_FALSE(extFiltered(scan_level, N("b.JPG")));
-  ExtFilter rule_level = filter({"JPG"}, {}, false, false);
-  EXPECT_TRUE(extFiltered(rule_level, N("a.jpg")));
-  EXPECT_TRUE(extFiltered(rule_level, N("b.JPG")));
+TEST(ScanFilters, ExtensionFilters) {
+  EXPECT_FALSE(extFiltered(ExtFilter{}, N("a.jpg")));  // no filter given
+  struct row {
+    std::vector<const char*> includes, excludes;
+    bool excludes_given, scan_level;
+    const char* name;
+    bool rejected;
+  };
+  const row rows[] = {
+      {{}, {}, false, true, "a.jpg", true},  // neither list: every file rejected
+      {{}, {}, false, true, "README", true},
+      {{"jpg"}, {}, true, true, "a.txt", false},  // an empty excludes array: none rejected
+      {{"jpg"}, {}, true, true, "README", false},
+      {{"jpg"}, {"jpg"}, true, true, "a.jpg", true},  // excludes, once given, win
+      {{}, {""}, true, true, "README", true},         // "": files without extension
+      {{}, {""}, true, true, ".gitignore", true},
+      {{}, {""}, true, true, "a.txt", false},
+      {{""}, {}, false, true, "README", false},
+      {{""}, {}, false, true, "a.txt", true},
+      {{"JPG"}, {}, false, true, "a.jpg", false},  // scan-level lists are lower-cased...
+      {{"JPG"}, {}, false, true, "b.JPG", false},
+      {{"JPG"}, {}, false, false, "a.jpg", true},  // ...rule-level ones are not
+      {{"JPG"}, {}, false, false, "b.JPG", true},
+  };
+  for (const row& r : rows) {
+    EXPECT_EQ(extFiltered(filter(r.includes, r.excludes, r.excludes_given, r.scan_level), N(r.name)), r.rejected)
+        << r.name << " in row " << &r - rows;
+  }
 }
 
 TEST(ScanFilters, OmitBeatsCover) {

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -42,25 +43,28 @@ fs::path make_tree() {
   return root;
 }
 
+// A walk of `root` with `helpers` threads sharing the metadata queries: the
+// scan, and every record collected and left in it.
 struct walked {
+  std::shared_ptr<ScanData> data = std::make_shared<ScanData>();
   std::vector<std::string> files, folders;
   std::uint64_t total = 0, bytes = 0;
 };
 
 walked walk(const fs::path& root, unsigned helpers, bool stop_at_once = false) {
-  auto data = std::make_shared<ScanData>();
-  data->root = walk_root(root.native());
-  data->filters.needDirs = true;
-  data->filters.metadata_helpers = helpers;
-  data->set_backlog_limit(1u << 30);
-  if (stop_at_once) data->request_stop();
-  data->begin_work();
-  run_walk(data);
-  data->end_work();
-  EXPECT_TRUE(data->finished());
   walked w;
+  w.data->root_utf8 = native_to_utf8(root.native());
+  w.data->root = walk_root(root.native());
+  w.data->filters.needDirs = true;
+  w.data->filters.metadata_helpers = helpers;
+  w.data->set_backlog_limit(1u << 30);
+  if (stop_at_once) w.data->request_stop();
+  w.data->begin_work();
+  run_walk(w.data);
+  w.data->end_work();
+  EXPECT_TRUE(w.data->finished());
   bool more = true;
-  scan_update u = data->take_update(SIZE_MAX, more);
+  scan_update u = w.data->take_update(SIZE_MAX, more);
   EXPECT_FALSE(more);
   for (auto& f : u.files) {
     w.files.push_back(f.relativePath);
@@ -68,47 +72,44 @@ walked walk(const fs::path& root, unsigned helpers, bool stop_at_once = false) {
     EXPECT_GT(f.mtimeMs, 0.0);
   }
   for (auto& f : u.folders) w.folders.push_back(f.relativePath);
-  w.total = data->totalFileCount;
+  w.total = w.data->totalFileCount;
   return w;
 }
 
-// A fast walk's records reach script in pieces of a bounded size, in
-// collection order, files before folders, with sizes summed per piece.
+// A fast walk's records reach script in pieces of at most the number asked
+// for, in collection order, files before folders, each piece with its
+// files' sizes summed.
 TEST(ScanData, UpdatesAreTakenInBoundedPiecesInOrder) {
-  ScanData data;
-  data.set_backlog_limit(1u << 30);
-  for (int i = 0; i < 5; ++i) {
-    FileInfo f;
-    f.isFile = true;
-    f.size = static_cast<std::uint64_t>(i + 1);
-    f.name = "f" + std::to_string(i);
-    data.collect(std::move(f), false);
+  std::mt19937 rng(4);
+  for (int round = 0; round < 100; ++round) {
+    ScanData data;
+    data.set_backlog_limit(1u << 30);
+    std::vector<std::string> files, folders, got_files, got_folders;
+    for (auto n = rng() % 40; n > 0; --n) {
+      FileInfo f;
+      f.isFile = rng() % 3 != 0;
+      f.size = f.isFile ? rng() % 1000 : 0;
+      f.name = std::to_string(files.size() + folders.size());
+      (f.isFile ? files : folders).push_back(f.name);
+      data.collect(std::move(f), false);
+    }
+    for (bool more = true; more;) {
+      const std::size_t limit = 1 + rng() % 8;
+      scan_update u = data.take_update(limit, more);
+      const std::size_t n = u.files.size() + u.folders.size();
+      ASSERT_TRUE(more ? n == limit : n <= limit) << n << " records for " << limit;
+      EXPECT_TRUE(u.folders.empty() || got_files.size() + u.files.size() == files.size());
+      std::uint64_t size = 0;
+      for (auto& f : u.files) {
+        got_files.push_back(f.name);
+        size += f.size;
+      }
+      for (auto& f : u.folders) got_folders.push_back(f.name);
+      EXPECT_EQ(u.size, size);
+    }
+    EXPECT_EQ(got_files, files);
+    EXPECT_EQ(got_folders, folders);
   }
-  FileInfo dir;
-  dir.name = "d";
-  data.collect(std::move(dir), false);
-
-  bool more = false;
-  scan_update first = data.take_update(2, more);
-  EXPECT_TRUE(more);
-  ASSERT_EQ(first.files.size(), 2u);
-  EXPECT_EQ(first.files[0].name, "f0");
-  EXPECT_EQ(first.files[1].name, "f1");
-  EXPECT_TRUE(first.folders.empty());
-  EXPECT_EQ(first.size, 3u);
-
-  scan_update second = data.take_update(4, more);
-  EXPECT_FALSE(more);
-  ASSERT_EQ(second.files.size(), 3u);
-  EXPECT_EQ(second.files[0].name, "f2");
-  ASSERT_EQ(second.folders.size(), 1u);
-  EXPECT_EQ(second.folders[0].name, "d");
-  EXPECT_EQ(second.size, 3u + 4u + 5u);
-
-  scan_update empty = data.take_update(4, more);
-  EXPECT_FALSE(more);
-  EXPECT_TRUE(empty.files.empty() && empty.folders.empty());
-  EXPECT_EQ(empty.size, 0u);
 }
 
 // The relative path of a skipped folder in the walk's native form.
@@ -209,23 +210,6 @@ TEST(ScanData, ALoopIsNoLossAndSkipsAreLoggedFewAtATime) {
   EXPECT_NE(err.find("more folders skipped"), std::string::npos) << err;
 }
 
-// Walks `root` with the given helpers; returns the scan, every record
-// collected and left in it.
-std::shared_ptr<ScanData> walk_all(const fs::path& root, unsigned helpers, std::vector<std::string>& files) {
-  auto data = std::make_shared<ScanData>();
-  data->root_utf8 = native_to_utf8(root.native());
-  data->root = walk_root(root.native());
-  data->filters.metadata_helpers = helpers;
-  data->set_backlog_limit(1u << 30);
-  data->begin_work();
-  run_walk(data);
-  data->end_work();
-  bool more = true;
-  scan_update u = data->take_update(SIZE_MAX, more);
-  for (auto& f : u.files) files.push_back(f.relativePath);
-  return data;
-}
-
 TEST(ScanWalk, ARootThatCannotBeListedIsNamedWhateverTheReason) {
   api_compat::init();
   fs::path base = make_tree();
@@ -235,9 +219,9 @@ TEST(ScanWalk, ARootThatCannotBeListedIsNamedWhateverTheReason) {
     fs::path root;
   } cases[] = {{"missing", base / "missing"}, {"a file", base / "file.txt"}};
   for (auto& c : cases) {
-    std::vector<std::string> files;
-    auto data = walk_all(c.root, 0, files);
-    EXPECT_TRUE(files.empty()) << c.what;
+    walked w = walk(c.root, 0);
+    auto& data = w.data;
+    EXPECT_TRUE(w.files.empty()) << c.what;
     EXPECT_FALSE(data->complete()) << c.what;
     auto skipped = data->skipped_folders();
     ASSERT_EQ(skipped.size(), 1u) << c.what;
@@ -245,12 +229,11 @@ TEST(ScanWalk, ARootThatCannotBeListedIsNamedWhateverTheReason) {
     EXPECT_NE(skipped[0].code, 0) << c.what;
     EXPECT_FALSE(skipped[0].reason.empty()) << c.what;
   }
-  std::vector<std::string> files;
-  auto whole = walk_all(base, 1, files);
-  EXPECT_TRUE(whole->complete());
-  EXPECT_TRUE(whole->skipped_folders().empty());
-  EXPECT_TRUE(whole->looped_folders().empty());
-  EXPECT_EQ(files.size(), 30u * 71u + 1u);
+  walked whole = walk(base, 1);
+  EXPECT_TRUE(whole.data->complete());
+  EXPECT_TRUE(whole.data->skipped_folders().empty());
+  EXPECT_TRUE(whole.data->looped_folders().empty());
+  EXPECT_EQ(whole.files.size(), 30u * 71u + 1u);
   fs::remove_all(base);
 }
 
@@ -308,7 +291,9 @@ TEST(ScanWalk, FoldersThatCannotBeOpenedAreSkippedAndTheWalkGoesOn) {
     std::shared_ptr<ScanData> data;
     {
       descriptor_limit limit(1);
-      data = walk_all(base, helpers, files);
+      walked w = walk(base, helpers);
+      data = w.data;
+      files = std::move(w.files);
     }
     EXPECT_EQ(files, std::vector<std::string>{"top.txt"}) << helpers;
     EXPECT_FALSE(data->complete());
@@ -335,7 +320,9 @@ TEST(ScanWalk, DeepChainsNeedNoDescriptorPerLevel) {
     std::shared_ptr<ScanData> data;
     {
       descriptor_limit limit(6);
-      data = walk_all(base, helpers, files);
+      walked w = walk(base, helpers);
+      data = w.data;
+      files = std::move(w.files);
     }
     EXPECT_TRUE(data->complete()) << helpers << " "
                                   << (data->skipped_folders().empty() ? "" : data->skipped_folders()[0].path);

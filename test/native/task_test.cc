@@ -30,16 +30,12 @@ TEST(Task, PropagatesExceptionsThroughChains) {
     co_return "";
   };
   auto outer = [&]() -> task<std::string> { co_return co_await inner() + "!"; };
-  EXPECT_THROW(
-      {
-        try {
-          sync_wait(outer());
-        } catch (const std::runtime_error& e) {
-          EXPECT_STREQ(e.what(), "inner failed");
-          throw;
-        }
-      },
-      std::runtime_error);
+  try {
+    sync_wait(outer());
+    ADD_FAILURE() << "no exception";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "inner failed");
+  }
 }
 
 TEST(Task, AwaitingAnEmptyTaskIsABrokenPromise) {

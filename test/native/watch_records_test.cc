@@ -1,20 +1,29 @@
-// The change-record walks on buffers built here: FILE_NOTIFY_INFORMATION
-// chains (one record, several, odd-length and truncated ones) and inotify
-// event runs, plus the event names.
+// The change-record walks, checked against the records a buffer was built
+// from: FILE_NOTIFY_INFORMATION chains and inotify event runs generated from
+// a fixed seed, whole, cut at every length and with one header field
+// broken; then the settling of lone renames and the cut of invalid names.
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <random>
+#include <tuple>
 #include <string>
 #include <vector>
 
+#include "runtime/strings.h"
 #include "watch/change_records.h"
 
 namespace ostrel::watch {
 namespace {
 
-void put_u32(std::vector<unsigned char>& b, std::size_t at, std::uint32_t v) {
-  if (b.size() < at + 4) b.resize(at + 4);
+using bytes = std::vector<unsigned char>;
+
+void put_u32(bytes& b, std::size_t at, std::uint32_t v) {
   for (int i = 0; i < 4; ++i) b[at + i] = static_cast<unsigned char>(v >> (8 * i));
+}
+
+native_string native(const char* utf8) {
+  return scan::utf8_to_native(utf8);
 }
 
 struct notify {
@@ -22,117 +31,127 @@ struct notify {
   std::u16string name;
 };
 
-// Lays records out as Windows does: each aligned to 4 bytes, the last with
-// NextEntryOffset 0.
-std::vector<unsigned char> notify_buffer(const std::vector<notify>& records) {
-  std::vector<unsigned char> b;
-  std::size_t at = 0;
+// Records laid out one after another, each padded to 4 bytes (as Windows
+// does) or not (as Wine may); the last has NextEntryOffset 0. `starts`
+// receives where each begins.
+bytes notify_buffer(const std::vector<notify>& records, bool aligned, std::vector<std::size_t>& starts) {
+  bytes b;
+  starts.clear();
   for (std::size_t i = 0; i < records.size(); ++i) {
-    const auto& r = records[i];
-    std::size_t size = 12 + r.name.size() * 2;
-    std::size_t next = i + 1 < records.size() ? (size + 3) / 4 * 4 : 0;
+    const std::size_t at = b.size(), size = 12 + records[i].name.size() * 2;
+    const std::size_t next = i + 1 == records.size() ? 0 : aligned ? (size + 3) / 4 * 4 : size;
+    starts.push_back(at);
     b.resize(at + (next ? next : size));
     put_u32(b, at, static_cast<std::uint32_t>(next));
-    put_u32(b, at + 4, r.action);
-    put_u32(b, at + 8, static_cast<std::uint32_t>(r.name.size() * 2));
-    for (std::size_t k = 0; k < r.name.size(); ++k) {
-      b[at + 12 + 2 * k] = static_cast<unsigned char>(r.name[k] & 0xFF);
-      b[at + 12 + 2 * k + 1] = static_cast<unsigned char>(r.name[k] >> 8);
+    put_u32(b, at + 4, records[i].action);
+    put_u32(b, at + 8, static_cast<std::uint32_t>(size - 12));
+    for (std::size_t k = 0; k < records[i].name.size(); ++k) {
+      b[at + 12 + 2 * k] = static_cast<unsigned char>(records[i].name[k] & 0xFF);
+      b[at + 13 + 2 * k] = static_cast<unsigned char>(records[i].name[k] >> 8);
     }
-    at += next;
   }
   return b;
 }
 
-native_string native(const char* utf8) {
-  return scan::utf8_to_native(utf8);
+std::vector<notify> random_notify(std::mt19937& rng) {
+  static const char16_t units[] = u"ab.\\\u00e9\u4e2d ";
+  std::vector<notify> out(1 + rng() % 6);
+  for (auto& r : out) {
+    r.action = 1 + rng() % 5;
+    for (std::size_t n = rng() % 9; n > 0; --n) r.name.push_back(units[rng() % 7]);
+  }
+  return out;
 }
 
-TEST(WatchRecords, NotifyInformationChainsAreWalkedInOrder) {
-  auto b = notify_buffer({{1, u"a.txt"}, {4, u"dir\\old"}, {5, u"dir\\new\u00e9"}, {3, u"x"}});
+// The walk's result as (action, name) pairs.
+std::vector<std::pair<std::uint32_t, native_string>> walk(const bytes& b, std::size_t size) {
   std::vector<change_record> out;
-  EXPECT_EQ(walk_notify_information(b.data(), b.size(), out), 4u);
-  ASSERT_EQ(out.size(), 4u);
-  EXPECT_EQ(out[0].action, 1u);
-  EXPECT_EQ(out[0].name, native("a.txt"));
-  EXPECT_EQ(out[1].action, 4u);
-  EXPECT_EQ(out[2].name, native("dir\\new\xc3\xa9"));
-  EXPECT_EQ(out[3].action, 3u);
+  const std::size_t n = walk_notify_information(b.data(), size, out);
+  EXPECT_EQ(n, out.size());
+  std::vector<std::pair<std::uint32_t, native_string>> got;
+  for (auto& r : out) got.emplace_back(r.action, r.name);
+  return got;
 }
 
-TEST(WatchRecords, MalformedNotifyRecordsAreDroppedNotRead) {
-  struct row {
-    const char* what;
-    std::vector<unsigned char> buffer;
-    std::size_t expected;
-  };
-  auto one = notify_buffer({{2, u"gone"}});
-  auto two = notify_buffer({{1, u"first"}, {1, u"second"}});
-  auto name_past_end = one;
-  put_u32(name_past_end, 8, 4000);  // FileNameLength beyond the buffer
-  auto odd_length = one;
-  put_u32(odd_length, 8, 3);  // half a UTF-16 unit
-  auto next_past_end = two;
-  put_u32(next_past_end, 0, 1 << 20);                        // NextEntryOffset beyond the buffer
-  auto unaligned = notify_buffer({{1, u"odd"}, {1, u"x"}});  // 18 bytes, then the next record unaligned
-  {
-    std::vector<unsigned char> packed;
-    std::size_t first = 12 + 6;
-    packed.insert(packed.end(), unaligned.begin(), unaligned.begin() + static_cast<std::ptrdiff_t>(first));
-    packed.insert(packed.end(), unaligned.begin() + 20, unaligned.end());
-    put_u32(packed, 0, static_cast<std::uint32_t>(first));
-    unaligned = packed;
+// Whole, every record comes back; cut short, exactly the records lying wholly
+// within the bytes; with one record's header broken, the records before it
+// and, where the record itself is readable, that one.
+TEST(WatchRecords, NotifyChainsGiveBackTheirRecordsAndNothingPastTheBytes) {
+  testing::internal::CaptureStderr();  // what is dropped is logged
+  std::mt19937 rng(1);
+  for (int round = 0; round < 200; ++round) {
+    const std::vector<notify> model = random_notify(rng);
+    std::vector<std::pair<std::uint32_t, native_string>> expected;
+    for (const auto& r : model) expected.emplace_back(r.action, scan::utf8_to_native(to_utf8(r.name)));
+    std::vector<std::size_t> starts;
+    const bytes b = notify_buffer(model, round % 2, starts);
+    for (std::size_t cut = 0; cut <= b.size(); ++cut) {
+      std::size_t whole = 0;
+      while (whole < model.size() && starts[whole] + 12 + model[whole].name.size() * 2 <= cut) ++whole;
+      ASSERT_EQ(walk(b, cut), decltype(expected)(expected.begin(), expected.begin() + whole))
+          << "round " << round << ", cut at " << cut;
+    }
+    const std::size_t k = rng() % model.size(), at = starts[k], name = model[k].name.size() * 2;
+    const bool last = k + 1 == model.size();
+    struct broken {
+      std::size_t field;
+      std::uint32_t value;
+      std::size_t kept;
+    } cases[] = {
+        {8, static_cast<std::uint32_t>(b.size()), k},               // a name past the end
+        {8, static_cast<std::uint32_t>(name + 1), k},               // half a UTF-16 unit
+        {0, static_cast<std::uint32_t>(11 + name), k},              // the next record inside this one
+        {0, static_cast<std::uint32_t>(b.size() - at + 1), k + 1},  // the next record past the end
+    };
+    for (const broken& c : cases) {
+      if (last && c.field == 0) continue;
+      bytes bad = b;
+      put_u32(bad, at + c.field, c.value);
+      ASSERT_EQ(walk(bad, bad.size()), decltype(expected)(expected.begin(), expected.begin() + c.kept))
+          << "round " << round << ", field " << c.field << " = " << c.value;
+    }
   }
-  auto next_inside_name = two;
-  put_u32(next_inside_name, 0, 8);  // the next record would overlap this one
-  std::vector<unsigned char> truncated(two.begin(), two.end() - 3);
-  std::vector<row> rows = {
-      {"whole single record", one, 1},
-      {"name past the end", name_past_end, 0},
-      {"odd name length", odd_length, 0},
-      {"next record past the end", next_past_end, 1},
-      {"next record inside this one", next_inside_name, 0},
-      {"records not aligned to 4 bytes", unaligned, 2},
-      {"second record cut short", truncated, 1},
-      {"fewer bytes than a header", std::vector<unsigned char>(one.begin(), one.begin() + 7), 0},
-  };
-  for (const auto& r : rows) {
-    std::vector<change_record> out;
-    EXPECT_EQ(walk_notify_information(r.buffer.data(), r.buffer.size(), out), r.expected) << r.what;
-    EXPECT_EQ(out.size(), r.expected) << r.what;
+  testing::internal::GetCapturedStderr();
+}
+
+// inotify records with names NUL-padded to 16 bytes (or none), read whole and
+// cut at every length: exactly the records lying wholly within the bytes.
+TEST(WatchRecords, InotifyRunsGiveBackTheirRecordsAndNothingPastTheBytes) {
+  testing::internal::CaptureStderr();
+  std::mt19937 rng(2);
+  for (int round = 0; round < 200; ++round) {
+    std::vector<inotify_record> model(1 + rng() % 6);
+    bytes b;
+    std::vector<std::size_t> ends;
+    for (auto& r : model) {
+      r.wd = static_cast<int>(rng() % 100);
+      r.mask = static_cast<std::uint32_t>(rng());
+      r.cookie = static_cast<std::uint32_t>(rng());
+      for (std::size_t n = rng() % 20; n > 0; --n) r.name.push_back("ab.\xc3\xa9 "[rng() % 6]);
+      const std::size_t at = b.size(), len = r.name.empty() ? 0 : (r.name.size() + 16) / 16 * 16;
+      b.resize(at + 16 + len);
+      put_u32(b, at, static_cast<std::uint32_t>(r.wd));
+      put_u32(b, at + 4, r.mask);
+      put_u32(b, at + 8, r.cookie);
+      put_u32(b, at + 12, static_cast<std::uint32_t>(len));
+      std::copy(r.name.begin(), r.name.end(), b.begin() + static_cast<std::ptrdiff_t>(at + 16));
+      ends.push_back(b.size());
+    }
+    for (std::size_t cut = 0; cut <= b.size(); ++cut) {
+      std::vector<inotify_record> out;
+      const std::size_t n = walk_inotify_events(b.data(), cut, out);
+      std::size_t whole = 0;
+      while (whole < model.size() && ends[whole] <= cut) ++whole;
+      ASSERT_EQ(n, whole) << "round " << round << ", cut at " << cut;
+      ASSERT_EQ(out.size(), whole);
+      for (std::size_t i = 0; i < whole; ++i) {
+        EXPECT_EQ(std::tie(out[i].wd, out[i].mask, out[i].cookie, out[i].name),
+                  std::tie(model[i].wd, model[i].mask, model[i].cookie, model[i].name));
+      }
+    }
   }
+  testing::internal::GetCapturedStderr();
 }
-
-std::vector<unsigned char> inotify_buffer(const std::vector<inotify_record>& records, std::size_t pad = 16) {
-  std::vector<unsigned char> b;
-  for (const auto& r : records) {
-    std::size_t at = b.size();
-    std::size_t len = r.name.empty() ? 0 : (r.name.size() + pad) / pad * pad;
-    b.resize(at + 16 + len);
-    put_u32(b, at, static_cast<std::uint32_t>(r.wd));
-    put_u32(b, at + 4, r.mask);
-    put_u32(b, at + 8, r.cookie);
-    put_u32(b, at + 12, static_cast<std::uint32_t>(len));
-    std::copy(r.name.begin(), r.name.end(), b.begin() + static_cast<std::ptrdiff_t>(at + 16));
-  }
-  return b;
-}
-
-TEST(WatchRecords, InotifyEventsAreWalkedAndCutRecordsDropped) {
-  auto b = inotify_buffer({{1, 0x100, 0, "new.txt"}, {2, 0x40, 7, "moved"}, {1, 0x400, 0, ""}});
-  std::vector<inotify_record> out;
-  EXPECT_EQ(walk_inotify_events(b.data(), b.size(), out), 3u);
-  ASSERT_EQ(out.size(), 3u);
-  EXPECT_EQ(out[0].name, "new.txt");
-  EXPECT_EQ(out[1].cookie, 7u);
-  EXPECT_EQ(out[1].wd, 2);
-  EXPECT_EQ(out[2].name, "");
-  // The last record cut short: the two before it survive.
-  std::vector<inotify_record> cut;
-  auto c = inotify_buffer({{1, 0x100, 0, "a"}, {1, 0x100, 0, "b"}, {1, 0x100, 0, "c"}});
-  EXPECT_EQ(walk_inotify_events(c.data(), c.size() - 5, cut), 2u);
-}
-
 TEST(WatchRecords, LoneRenameRecordsBecomeAddsAndRemovals) {
   // Each row: the actions of one buffer, and what they must become.
   struct row {
