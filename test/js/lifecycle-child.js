@@ -14,21 +14,22 @@ const spin = (ms) => {
 const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
 // Each row: load(d) the module as the row uses it; start(o, d, inside) work
-// that stays in flight and calls inside() from the row's callbacks; again(o,
-// d) one more call after a Worker's end, resolving with what the test
-// expects (and releasing whatever holds the event loop).
+// that stays in flight and calls inside() from the row's callbacks,
+// returning (or resolving with) what closes it where it can be closed;
+// again(o, d) one more call after a Worker's end, resolving with what the
+// test expects (and releasing whatever holds the event loop).
 const rows = {
   scan: {
     load: (d) => require(d.index),
-    start: (o, d, inside) => o.ScanAllSubFiles(d.big, inside, () => {}, {}),
+    start: (o, d, inside) => o.ScanAllSubFiles(d.big, inside, inside, {}),
     again: (o, d) => new Promise((resolve) => o.ScanAllSubFiles(d.small, () => {}, (r) => resolve(r.totalFileCount), {})),
   },
   watch: {
     load: (d) => require(d.index),
     start: (o, d, inside) => {
-      for (let i = 0; i < 3; i++) {
-        o.StartFileWatch(d.dir, inside, () => fs.writeFileSync(path.join(d.dir, `w${i}-${process.pid}`), 'x'), {});
-      }
+      const closes = [0, 1, 2].map((i) =>
+        o.StartFileWatch(d.dir, inside, () => fs.writeFileSync(path.join(d.dir, `w${i}-${process.pid}`), 'x'), {}));
+      return () => closes.forEach((close) => close());
     },
     again: (o, d) => new Promise((resolve) => {
       const close = o.StartFileWatch(d.dir, (evs) => {
@@ -81,11 +82,13 @@ const rows = {
     start: async (m, d, inside) => {
       const players = [];
       for (let i = 0; i < 3; i++) players.push(await m.CreateMediaPlayer());
-      players[0].prepare('sim://media?prepare_ms=60000');
+      const settled = () => {};  // fails once its player is disposed
+      players[0].prepare('sim://media?prepare_ms=60000').catch(settled);
       players[1].addEventListener('buffering_update', inside);
-      players[1].play(d.storm);
-      players[2].play('sim://media?duration=600000&buffering=1');
-      m.ReadMediaDuration('sim://media?prepare_ms=60000');
+      players[1].play(d.storm).catch(settled);
+      players[2].play('sim://media?duration=600000&buffering=1').catch(settled);
+      m.ReadMediaDuration('sim://media?prepare_ms=60000').catch(settled);
+      return () => players.forEach((p) => p.dispose());
     },
     again: async (m) => {
       const p = await m.CreateMediaPlayer();
@@ -98,7 +101,7 @@ const rows = {
     start: (o, d, inside) => {
       o.RegisterTvkReporter({ report: inside });
       o.RegisterTracer({ startSpan: () => ({ setAttribute() {}, end: inside }) });
-      o.RegisterFact({ corvex: inside });
+      o.RegisterFact({ corvex() {} });  // cannot be unregistered
       // Records from native threads: the probe is loaded by one thread only.
       if (isMainThread) require(d.probe).recordFromThreads(4, 50000, ['x', 'y'], 'telemetry');
       for (let i = 0; i < 50; i++) o.ReportTest(i);
@@ -134,6 +137,26 @@ const inProcess = {
   'process.exit() with work in flight, script not keeping up': (row, o, d) => {
     row.start(o, d, guard(() => spin(200)));
     setTimeout(() => exit(7), 1500);
+  },
+  // Closed (twice) from inside its first callback: nothing reaches script
+  // afterwards, not even a result, and the process ends by itself.
+  'closed twice inside its first callback': (row, o, d) => {
+    let close = null;
+    let state = 'open';
+    const shut = () => {
+      close();
+      close();
+      state = 'closed';
+      console.log('CLOSED');
+    };
+    const started = row.start(o, d, guard(() => {
+      if (state === 'closed') console.log('CALLBACK AFTER CLOSE');
+      else if (state === 'open') close ? shut() : (state = 'asked');
+    }));
+    Promise.resolve(started).then((c) => {
+      close = c;
+      if (state === 'asked') shut();
+    });
   },
   'an uncaught error with work in flight': (row, o, d) => {
     row.start(o, d, guard(() => {}));
