@@ -122,7 +122,7 @@ const rows = {
 let exiting = false;
 function exit(code) {
   exiting = true;
-  console.log('EXITING');
+  console.log(`EXITING ${Date.now()}`);
   process.exit(code);
 }
 const guard = (fn) => (...args) => {
