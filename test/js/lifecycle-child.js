@@ -99,12 +99,20 @@ const rows = {
   telemetry: {
     load: (d) => require(d.index),
     start: (o, d, inside) => {
-      o.RegisterTvkReporter({ report: inside });
-      o.RegisterTracer({ startSpan: () => ({ setAttribute() {}, end: inside }) });
-      o.RegisterFact({ corvex() {} });  // cannot be unregistered
-      // Records from native threads: the probe is loaded by one thread only.
-      if (isMainThread) require(d.probe).recordFromThreads(4, 50000, ['x', 'y'], 'telemetry');
-      for (let i = 0; i < 50; i++) o.ReportTest(i);
+      // Records, events and facts from native threads too: the probe is
+      // loaded by one thread only, and has registries of its own.
+      const p = isMainThread ? require(d.probe) : null;
+      for (const m of p ? [o, p] : [o]) {
+        m.RegisterTvkReporter({ report: inside });
+        m.RegisterTracer({ startSpan: () => ({ setAttribute() {}, end: inside }) });
+        m.RegisterFact({ corvex() {} }); // cannot be unregistered
+      }
+      if (p) p.recordFromThreads(4, 50000, ['x', 'y'], 'telemetry');
+      for (let i = 0; i < 50; i++) {
+        o.ReportTest(i);
+        if (p) p.reportEvent(1, 'e', [], true);
+        if (p) p.postFact('f', {}, true);
+      }
     },
     again: (o) => new Promise((resolve) => {
       o.RegisterTracer({ startSpan: () => ({ setAttribute() {}, end() { o.UnRegisterTracers(); resolve('span'); } }) });
