@@ -1,6 +1,5 @@
 #include <napi.h>
 
-#include <cstdint>
 #include <cstdlib>
 #include <thread>
 
@@ -32,15 +31,6 @@ Napi::Object init(Napi::Env env, Napi::Object exports) {
   g_sched = environment::start(env, thread_pool::default_size(hardware_threads()))->shared_scheduler();
   exports.Set("poolSize", Napi::Function::New(env, [](const Napi::CallbackInfo& info) {
                 return Napi::Number::New(info.Env(), static_cast<double>(runtime::pool()->size()));
-              }));
-  // A deliberate crash: a write through a null pointer whose address the
-  // compiler cannot see (a visible one would become a trap instruction).
-  // The runners must count a process that crashed as failed; under Wine
-  // node.exe may even exit with status 0 after an unhandled page fault.
-  exports.Set("writeThroughNull", Napi::Function::New(env, [](const Napi::CallbackInfo& info) -> Napi::Value {
-                static volatile std::uintptr_t address = 0;
-                *reinterpret_cast<volatile int*>(address) = 1;
-                return info.Env().Undefined();
               }));
   for (register_fn fn : probe_part::parts()) fn(env, exports);
   return exports;

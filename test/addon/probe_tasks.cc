@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "probe.h"
+#include "runtime/blocking.h"
 #include "runtime/clock.h"
 #include "runtime/napi_util.h"
 #include "runtime/runtime.h"
@@ -98,18 +99,6 @@ Napi::Value callback_error(const Napi::CallbackInfo& info) {
   return info.Env().Undefined();
 }
 
-// The argument checks an export with (string, string, function) makes.
-Napi::Value check_args(const Napi::CallbackInfo& info) {
-  check_arg_count(info, 3);
-  check_arg_types(info, {napi_string, napi_string, napi_function});
-  return Napi::Boolean::New(info.Env(), true);
-}
-
-Napi::Value check_args_type_error(const Napi::CallbackInfo& info) {
-  check_arg_count_type_error(info, 1);
-  return info[0];
-}
-
 // Keeps `count` tasks cycling between the pool, the timer and the main
 // thread, calling `fn(i)` on the main thread each round, until the process
 // ends. For clean-up with work in flight.
@@ -120,8 +109,12 @@ Napi::Value churn(const Napi::CallbackInfo& info) {
   for (int i = 0; i < count; ++i) {
     start_async([](std::shared_ptr<function_ref> fn, int i) -> task<void> {
       for (;;) {
-        co_await runtime::io()->schedule_after(std::chrono::milliseconds(1 + i % 5));
-        co_await runtime::pool()->schedule();
+        // As the module's tasks do: once the runtime has stopped there is
+        // no I/O service or pool to hop onto, and the task ends.
+        auto io = runtime::io();
+        if (!io) co_return;
+        co_await io->schedule_after(std::chrono::milliseconds(1 + i % 5));
+        co_await on_pool();
         co_await sched().schedule();
         fn->value().Call({Napi::Number::New(sched().env(), i)});
       }
@@ -136,8 +129,6 @@ void register_task_probes(Napi::Env env, Napi::Object exports) {
   exports.Set("throwOnDispatch", Napi::Function::New(env, throw_on_dispatch));
   exports.Set("rejectWith", Napi::Function::New(env, reject_with));
   exports.Set("callbackError", Napi::Function::New(env, callback_error));
-  exports.Set("checkArgs", Napi::Function::New(env, check_args));
-  exports.Set("checkArgsTypeError", Napi::Function::New(env, check_args_type_error));
   exports.Set("churn", Napi::Function::New(env, churn));
 }
 

@@ -1,34 +1,32 @@
 'use strict';
-// The ostrel command line, run as a child of this node: usage errors, the
-// version command, scans of a small tree whose files are known, and scans
-// that cannot list their root or some folder.
+// The ostrel command line, run as a child of this node: one table of
+// commands with their exit status and the shape of what they print, then
+// scans of a small tree whose files are known, scans that cannot list their
+// root or some folder, the watch command until Ctrl-C, the storage and
+// device commands (against the WPD test double on Windows), and the
+// formatting helpers.
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const fs = require('fs');
 const os = require('os');
 const path = require('path');
-const { spawnSync } = require('child_process');
-const { root, buildDir, isWindows } = require('./helpers');
+const { spawn, spawnSync } = require('child_process');
+const { root, buildDir, isWindows, tempDir } = require('./helpers');
 const { ProgressLine, bytes } = require('../../lib/cli/format');
+const { drivesTable, disksTable } = require('../../lib/cli/storage');
 const scanCommand = require('../../lib/cli/scan');
 const { UsageError } = require('../../lib/cli/usage');
 
 const bin = path.join(root, 'bin', 'ostrel.js');
+const env0 = () => ({ ...process.env, OSTREL_BUILD_DIR: buildDir() });
 
 function cli(args, { cwd = root, env = {} } = {}) {
-  const r = spawnSync(process.execPath, [bin, ...args], {
-    cwd,
-    encoding: 'utf8',
-    timeout: 120000,
-    env: { ...process.env, OSTREL_BUILD_DIR: buildDir(), ...env },
-  });
+  const r = spawnSync(process.execPath, [bin, ...args], { cwd, encoding: 'utf8', timeout: 120000, env: { ...env0(), ...env } });
   return { status: r.status, stdout: r.stdout || '', stderr: r.stderr || '' };
 }
 
-// The module's own log lines ("Ostrel Initializing ..."), which the command
-// line asks the module to write to standard error.
-const MODULE_LOG = /^(Ostrel |ScanData::|RegisterTracer end$)/m;
 const outputLines = (stdout) => stdout.split('\n').filter((l) => l);
+const escape = (s) => s.replace(/[\\^$.*+?()[\]{}|]/g, '\\$&');
 
 // name -> size; folders are made as needed.
 const TREE = {
@@ -45,11 +43,12 @@ const TREE = {
   '.cache/h.md': 9,
   'ünï/写真.jpg': 8,
 };
+const N = Object.keys(TREE).length;
 const native = (rel) => rel.split('/').join(path.sep);
 let tree;
 
 test.before(() => {
-  tree = fs.mkdtempSync(path.join(os.tmpdir(), 'ostrel-cli-'));
+  tree = tempDir('ostrel-cli-');
   for (const [rel, size] of Object.entries(TREE)) {
     const file = path.join(tree, native(rel));
     fs.mkdirSync(path.dirname(file), { recursive: true });
@@ -60,6 +59,71 @@ test.before(() => {
 
 test.after(() => {
   if (tree) fs.rmSync(tree, { recursive: true, force: true });
+});
+
+// Every command: [arguments, exit status, standard output, standard error].
+// Each is a pattern, an exact text ('' for nothing) or a check; a usage
+// error of a command says "ostrel <command>: <why>", then its usage.
+const COMMANDS = () => [
+  [[], 2, '', /usage: ostrel <command>/],
+  [['frob'], 2, '', /unknown command 'frob'/],
+  [['help', 'frob'], 2, '', /unknown command 'frob'/],
+  [['scan', '--bogus'], 2, '', /unknown option '--bogus'/],
+  [['scan', 'a', 'b'], 2, '', /unexpected argument 'b'/],
+  [['scan', '--ext'], 2, '', /--ext/],
+  [['scan', '--ext', ''], 2, '', /--ext needs a list/],
+  [['scan', '--ignore', '('], 2, '', /invalid regular expression '\('/],
+  [['version', 'extra'], 2, '', /unexpected argument 'extra'/],
+  [['drives', '--timeout', 'soon'], 2, '', /--timeout needs a number of milliseconds/],
+  [['disks', '--timeout', '-5'], 2, '', /--timeout/],
+  [['disks', '--timeout', '99999999999'], 2, '', /--timeout needs/],
+  [['drives', 'C:'], 2, '', /unexpected argument 'C:'/],
+  [['disks', '--fast'], 2, '', /--fast/],
+  [['device-files'], 2, '', /a device id is needed/],
+  [['device-files', 'a', 'b', 'c'], 2, '', /unexpected argument 'c'/],
+  [['copy-object', 'a', 'b'], 2, '', /a device id, an object id and a destination are needed/],
+  [['copy-object', 'a', 'b', 'c', '--bogus'], 2, '', /unknown option '--bogus'/],
+  [['devices', 'extra'], 2, '', /unexpected argument 'extra'/],
+  [['watch', '--ignore', '('], 2, '', /invalid regular expression/],
+  [['watch', '--nope'], 2, '', /unknown option/],
+  [['scan', path.join(tree, 'no-such-folder')], 1, '', /no such folder: .*no-such-folder/],
+  [['scan', path.join(tree, 'a.jpg')], 1, '', /not a folder/],
+  [['watch', path.join(tree, 'no-such-folder')], 1, '', /no such folder/],
+  [['help'], 0, (out) => ['scan', 'version', 'help'].forEach((n) => assert.match(out, new RegExp(`^  ${n} `, 'm'))), ''],
+  [['help', 'copy-object'], 0, /--thumbnail/, ''],
+  [['scan', '--help'], 0, /^usage: ostrel scan \[dir\][^]*--ignore REGEX/, ''],
+  // Standard output holds only the command's own output: the module's log
+  // lines go to standard error.
+  [['version'], 0, `${require(root).getVersion()}\n`, /^Ostrel Initializing \.\.\.$/m],
+  [['--version'], 0, `${require(root).getVersion()}\n`, /^Ostrel /m],
+  [['drives'], 0, /^MOUNTED +TYPE +SIZE +USED +FREE +DESCRIPTION\n.+\n/, /^Ostrel /m],
+  [['disks'], 0, /^MOUNTED +STORAGE +DISK +TYPE +FS +SIZE +FREE +INTERFACE +MEDIA +MODEL\n.+\n/, /^Ostrel /m],
+  ...(isWindows ? [] : [
+    [['devices'], 0, 'no MTP devices attached\n', /^Ostrel /m],
+    [['devices', '--json'], 0, '[]\n', /^Ostrel /m],
+    [['device-files', 'x'], 1, '', /^ostrel device-files: GetMtpFilesById is not supported on this platform$/m],
+    [['copy-object', 'x', 'o', path.join(os.tmpdir(), 'never-written')], 1, '', /GetMtpFileById is not supported on this platform/],
+  ]),
+];
+const COMMAND_NAMES = ['scan', 'version', 'drives', 'disks', 'devices', 'device-files', 'copy-object', 'watch'];
+
+test('every command: exit status, standard output and standard error', async (t) => {
+  for (const [args, status, stdout, stderr] of COMMANDS()) {
+    await t.test(`ostrel ${args.join(' ')}`, () => {
+      const r = cli(args);
+      const said = `status ${r.status}\n${r.stdout}\n${r.stderr}`;
+      assert.equal(r.status, status, said);
+      if (typeof stdout === 'string') assert.equal(r.stdout, stdout, said);
+      else if (typeof stdout === 'function') stdout(r.stdout);
+      else assert.match(r.stdout, stdout, said);
+      if (typeof stderr === 'string') assert.equal(r.stderr, stderr, said);
+      else assert.match(r.stderr, stderr, said);
+      if (status === 2 && COMMAND_NAMES.includes(args[0])) {
+        assert.match(r.stderr, new RegExp(`^ostrel ${args[0]}: [^]*\\nusage: ostrel ${args[0]}( |$)`, 'm'), said);
+      }
+    });
+  }
+  assert.equal(cli(['help', 'scan']).stdout, cli(['scan', '--help']).stdout);
 });
 
 function counts(text) {
@@ -80,6 +144,7 @@ function counts(text) {
   };
 }
 
+// The JSON lines of a scan: every line must be one file object.
 function jsonFiles(stdout) {
   return outputLines(stdout).map((l) => {
     try {
@@ -89,25 +154,56 @@ function jsonFiles(stdout) {
     }
   });
 }
+const relOf = (f) => f.relativePath.split(path.sep).join('/');
+const treeWhere = (keep) => Object.keys(TREE).filter(keep).sort();
 
-test('usage errors exit with status 2 and say what is wrong', () => {
-  const cases = [
-    [[], /usage: ostrel <command>/],
-    [['frob'], /unknown command 'frob'/],
-    [['scan', '--bogus'], /unknown option '--bogus'/],
-    [['scan', 'a', 'b'], /unexpected argument 'b'/],
-    [['scan', '--ext'], /--ext/],
-    [['scan', '--ext', ''], /--ext needs a list/],
-    [['scan', '--ignore', '('], /invalid regular expression '\('/],
-    [['version', 'extra'], /unexpected argument 'extra'/],
-    [['help', 'frob'], /unknown command 'frob'/],
-  ];
-  for (const [args, message] of cases) {
-    const r = cli(args);
-    assert.equal(r.status, 2, `${args.join(' ')}: ${r.stderr}`);
-    assert.match(r.stderr, message, args.join(' '));
-    assert.equal(outputLines(r.stdout).length, 0, `${args.join(' ')} printed: ${r.stdout}`);
+test('scan of the known tree: counts, JSON lines, and each option against the tree', () => {
+  const r = cli(['scan', tree]);
+  assert.equal(r.status, 0, r.stderr);
+  assert.deepEqual(counts(r.stdout), { delivered: N, total: N, filtered: 0, hiddenSystem: 0, beyondLimit: 'false', complete: 'true' });
+  assert.doesNotMatch(r.stdout, /skipped folders|native calls/);
+  assert.doesNotMatch(r.stderr, /warning/);
+  assert.match(r.stdout, new RegExp(`scanned ${escape(tree)} in [0-9.]+ s`));
+  assert.match(r.stdout, new RegExp(`\\(${escape(bytes(Object.values(TREE).reduce((a, b) => a + b, 0)))}\\)`));
+
+  // Without a folder: the current one.
+  assert.equal(counts(cli(['scan'], { cwd: path.join(tree, 'sub') }).stdout).total, treeWhere((k) => k.startsWith('sub/')).length);
+
+  const json = cli(['scan', tree, '--json']);
+  assert.equal(json.status, 0, json.stderr);
+  const files = jsonFiles(json.stdout);
+  assert.deepEqual(files.map(relOf).sort(), treeWhere(() => true));
+  for (const f of files) {
+    const rel = relOf(f);
+    assert.deepEqual([f.size, f.isFile, f.name, f.absolutePath, f.dirPath, typeof f.mtimeMs],
+      [TREE[rel], true, path.basename(rel), path.join(tree, native(rel)), tree, 'number'], rel);
   }
+  assert.deepEqual(Object.keys(files[0]), [
+    'absolutePath', 'name', 'relativeDir', 'relativePath', 'dirPath', 'isFile', 'hidden', 'isSystem',
+    'size', 'ino', 'ctimeMs', 'mtimeMs', 'birthtimeMs', 'readable',
+  ]);
+  // The summary goes to standard error, out of the way of the JSON lines.
+  assert.equal(counts(json.stderr).total, N);
+
+  // --ext in any case; its filtered files counted.
+  const jpg = cli(['scan', tree, '--json', '--ext', 'jpg']);
+  assert.deepEqual(jsonFiles(jpg.stdout).map(relOf).sort(), treeWhere((k) => /\.jpg$/i.test(k)));
+  assert.equal(counts(jpg.stderr).filtered, N - treeWhere((k) => /\.jpg$/i.test(k)).length);
+  assert.equal(counts(cli(['scan', tree, '--ext', '.PNG,txt']).stdout).delivered, treeWhere((k) => /\.(png|txt)$/.test(k)).length);
+
+  // --ignore: files and whole folders, by full match of the name.
+  const ignored = cli(['scan', tree, '--json', '--ignore', 'skipme', '--ignore', '.*\\.txt']);
+  assert.deepEqual(jsonFiles(ignored.stdout).map(relOf).sort(), treeWhere((k) => !k.startsWith('skipme/') && !k.endsWith('.txt')));
+  assert.equal(jsonFiles(cli(['scan', tree, '--json', '--ignore', 'skip']).stdout).length, N);
+
+  // --fast: the same files with the same sizes.
+  const fast = jsonFiles(cli(['scan', tree, '--json', '--fast']).stdout);
+  assert.deepEqual(new Map(fast.map((f) => [relOf(f), f.size])), new Map(Object.entries(TREE)));
+
+  // --stats: the native calls of the scan, one query per file.
+  const [, table] = cli(['scan', tree, '--stats']).stdout.split('native calls:\n');
+  assert.ok(table);
+  assert.equal(table.split('\n').filter((l) => new RegExp(`^  \\S+ +${N} calls `).test(l)).length, 1, table);
 });
 
 // Patterns the command line's own check lets through can still be refused
@@ -117,16 +213,12 @@ test('usage errors exit with status 2 and say what is wrong', () => {
 test('a pattern the module refuses is a usage error naming --ignore', async () => {
   const refusal = (where, re = '(?<=x") in y') =>
     new Error(`ScanAllSubFiles: invalid regular expression "${re}": Invalid group in ${where}`);
-  const cases = [
-    ['ignoreFileRegs[0]', "--ignore: invalid regular expression '(?<=x\") in y': Invalid group"],
-    ['ignoreDirRegs[2]', "--ignore: invalid regular expression '(?<=x\") in y': Invalid group"],
-    ['fineGrainedDirs[0].omits[1].fileNameReg', "fineGrainedDirs: invalid regular expression '(?<=x\") in y': Invalid group"],
-  ];
-  for (const [where, message] of cases) {
+  for (const [where, option] of [['ignoreFileRegs[0]', '--ignore'], ['ignoreDirRegs[2]', '--ignore'],
+    ['fineGrainedDirs[0].omits[1].fileNameReg', 'fineGrainedDirs']]) {
     const err = scanCommand.refusedPattern(refusal(where));
     assert.ok(err instanceof UsageError, where);
     assert.equal(err.command, 'scan');
-    assert.equal(err.message, message);
+    assert.equal(err.message, `${option}: invalid regular expression '(?<=x") in y': Invalid group`);
   }
   assert.equal(scanCommand.refusedPattern(new Error('something else')), null);
 
@@ -146,43 +238,6 @@ test('a pattern the module refuses is a usage error naming --ignore', async () =
   });
 });
 
-test('help lists the commands and shows a command\'s options', () => {
-  const all = cli(['help']);
-  assert.equal(all.status, 0);
-  for (const name of ['scan', 'version', 'help']) assert.match(all.stdout, new RegExp(`^  ${name} `, 'm'));
-  const scan = cli(['scan', '--help']);
-  assert.equal(scan.status, 0);
-  assert.match(scan.stdout, /^usage: ostrel scan \[dir\]/);
-  assert.match(scan.stdout, /--ignore REGEX/);
-  assert.equal(cli(['help', 'scan']).stdout, scan.stdout);
-});
-
-test('version prints the module version', () => {
-  const expected = require(root).getVersion();
-  for (const args of [['version'], ['--version']]) {
-    const r = cli(args);
-    assert.equal(r.status, 0, r.stderr);
-    assert.deepEqual(outputLines(r.stdout), [expected]);
-  }
-});
-
-test('standard output holds only the command\'s own output', () => {
-  const r = cli(['version']);
-  assert.equal(r.stdout, `${require(root).getVersion()}\n`);
-  assert.match(r.stderr, MODULE_LOG);
-  const scan = cli(['scan', tree, '--json']);
-  for (const l of scan.stdout.split('\n').filter(Boolean)) assert.doesNotThrow(() => JSON.parse(l), l);
-});
-
-test('a folder that cannot be scanned is an error with status 1', () => {
-  const missing = cli(['scan', path.join(tree, 'no-such-folder')]);
-  assert.equal(missing.status, 1);
-  assert.match(missing.stderr, /no such folder: .*no-such-folder/);
-  const file = cli(['scan', path.join(tree, 'a.jpg')]);
-  assert.equal(file.status, 1);
-  assert.match(file.stderr, /not a folder/);
-});
-
 // Linux: as root the permission bits are not checked; without the DAC
 // capabilities they are, as for any user.
 test('a root that may not be listed is an error with status 1, said on standard error', { skip: isWindows && 'needs Unix permissions' }, (t) => {
@@ -191,7 +246,7 @@ test('a root that may not be listed is an error with status 1, said on standard 
     t.skip('needs setpriv as root');
     return;
   }
-  const denied = fs.mkdtempSync(path.join(os.tmpdir(), 'ostrel-cli-denied-'));
+  const denied = tempDir('ostrel-cli-denied-');
   fs.writeFileSync(path.join(denied, 'secret.txt'), 'x');
   fs.chmodSync(denied, 0o000);
   t.after(() => {
@@ -201,7 +256,7 @@ test('a root that may not be listed is an error with status 1, said on standard 
   const r = spawnSync('setpriv', ['--bounding-set=-dac_override,-dac_read_search', process.execPath, bin, 'scan', denied], {
     encoding: 'utf8',
     timeout: 120000,
-    env: { ...process.env, OSTREL_BUILD_DIR: buildDir() },
+    env: env0(),
   });
   assert.equal(r.status, 1, r.stderr);
   assert.match(r.stderr, new RegExp(`^ostrel scan: cannot list ${denied}: Permission denied \\(error 13\\)$`, 'm'));
@@ -213,7 +268,7 @@ test('a root that may not be listed is an error with status 1, said on standard 
 // become Unix paths of at most 4,096 bytes, folders nested past that cannot
 // be listed.
 function incompleteTree(t) {
-  const base = fs.mkdtempSync(path.join(os.tmpdir(), 'ostrel-cli-deep-'));
+  const base = tempDir('ostrel-cli-deep-');
   fs.writeFileSync(path.join(base, 'top.txt'), 'x');
   const long = (i) => `d${i}_`.padEnd(isWindows ? 240 : 1, 'x');
   const short = path.join(base, 't');
@@ -254,7 +309,7 @@ test('a scan that could not list some folders names them and exits with status 3
     : spawnSync('sh', ['-c', 'ulimit -n 64 && exec "$@"', 'sh', process.execPath, bin, 'scan', base], {
         encoding: 'utf8',
         timeout: 120000,
-        env: { ...process.env, OSTREL_BUILD_DIR: buildDir() },
+        env: env0(),
       });
   assert.equal(r.status, scanCommand.EXIT_INCOMPLETE, r.stderr);
   const c = counts(r.stdout);
@@ -262,14 +317,14 @@ test('a scan that could not list some folders names them and exits with status 3
   assert.ok(c.delivered >= 2, 'the files before the failing folder are delivered');
   const listed = r.stdout.split('skipped folders (1), their files are missing:\n')[1];
   assert.ok(listed, r.stdout);
-  assert.match(listed, new RegExp(`^    ${base.replace(/[\\^$.*+?()[\]{}|]/g, '\\$&')}.+: .+ \\(error \\d+\\)$`, 'm'));
+  assert.match(listed, new RegExp(`^    ${escape(base)}.+: .+ \\(error \\d+\\)$`, 'm'));
   assert.match(r.stderr, /^ostrel scan: warning: incomplete scan: 1 folder could not be listed/m);
 });
 
 test('scan names the folders holding names that are not UTF-8, counts special files and exits with status 3 (Linux)', {
   skip: isWindows && 'Linux only',
 }, (t) => {
-  const base = fs.mkdtempSync(path.join(os.tmpdir(), 'ostrel-cli-names-'));
+  const base = tempDir('ostrel-cli-names-');
   t.after(() => fs.rmSync(base, { recursive: true, force: true }));
   fs.writeFileSync(path.join(base, 'good.txt'), 'x');
   fs.mkdirSync(path.join(base, 'sub'));
@@ -288,104 +343,146 @@ test('scan names the folders holding names that are not UTF-8, counts special fi
   assert.doesNotMatch(r.stderr, /could not be listed/);
 });
 
-test('scan prints the counts of the tree', () => {
-  const r = cli(['scan', tree]);
-  assert.equal(r.status, 0, r.stderr);
-  const n = Object.keys(TREE).length;
-  assert.deepEqual(counts(r.stdout), {
-    delivered: n,
-    total: n,
-    filtered: 0,
-    hiddenSystem: 0,
-    beyondLimit: 'false',
-    complete: 'true',
+test('drives and disks: --json prints the module\'s objects; --timeout bounds the call', () => {
+  const drives = JSON.parse(cli(['drives', '--json', '--timeout', '60000']).stdout);
+  assert.ok(drives.length >= 1);
+  assert.deepEqual(Object.keys(drives[0]), ['mounted', 'available', 'blocks', 'used', 'capacity', 'filesystem', 'drivetype']);
+  assert.deepEqual(JSON.parse(cli(['disks', '--json']).stdout).map((d) => d.mounted), drives.map((d) => d.mounted));
+  const none = cli(['disks', '--json', '--timeout', '0']);
+  assert.equal(none.status, 0);
+  assert.ok(Array.isArray(JSON.parse(none.stdout)));
+});
+
+// Runs `ostrel watch` until `until(stdout, stderr)` holds, calling `act`
+// once it said "watching", then ends it with `signal`; resolves with
+// { code, stdout, stderr }.
+function watchCli(args, { act, until, signal = 'SIGINT', env = {} }) {
+  return new Promise((resolve, reject) => {
+    const child = spawn(process.execPath, [bin, 'watch', ...args], { stdio: ['ignore', 'pipe', 'pipe'], env: { ...env0(), ...env } });
+    let stdout = '';
+    let stderr = '';
+    let acted = false;
+    let ended = false;
+    const timer = setTimeout(() => {
+      child.kill('SIGKILL');
+      reject(new Error(`timed out\nstdout: ${stdout}\nstderr: ${stderr}`));
+    }, 30000);
+    const check = () => {
+      if (!acted && /^watching /m.test(stderr)) {
+        acted = true;
+        act();
+      }
+      if (!ended && until(stdout, stderr)) {
+        ended = true;
+        child.kill(signal);
+      }
+    };
+    child.stdout.on('data', (d) => {
+      stdout += d;
+      check();
+    });
+    child.stderr.on('data', (d) => {
+      stderr += d;
+      check();
+    });
+    child.on('exit', (code) => {
+      clearTimeout(timer);
+      resolve({ code, stdout, stderr });
+    });
   });
-  assert.doesNotMatch(r.stdout, /skipped folders/);
-  assert.doesNotMatch(r.stderr, /warning/);
-  assert.match(r.stdout, new RegExp(`scanned ${tree.replace(/[\\^$.*+?()[\]{}|]/g, '\\$&')} in [0-9.]+ s`));
-  const size = Object.values(TREE).reduce((a, b) => a + b, 0);
-  assert.match(r.stdout, new RegExp(`\\(${bytes(size)}\\)`));
+}
+
+test('ostrel watch prints changes until Ctrl-C (status 130)', { skip: isWindows && 'signals to node.exe under Wine' }, async (t) => {
+  const dir = tempDir('ostrel-cli-watch-');
+  t.after(() => fs.rmSync(dir, { recursive: true, force: true }));
+  const r = await watchCli([dir, '--ignore', 'skipme'], {
+    act: () => {
+      fs.mkdirSync(path.join(dir, 'skipme'));
+      fs.writeFileSync(path.join(dir, 'skipme', 'no.txt'), 'x');
+      fs.writeFileSync(path.join(dir, 'hello.txt'), 'x');
+    },
+    until: (out) => /add +hello\.txt/.test(out),
+  });
+  assert.equal(r.code, 130, r.stderr);
+  assert.match(r.stdout, /^\d\d:\d\d:\d\d\.\d{3} add +hello\.txt$/m);
+  assert.doesNotMatch(r.stdout, /skipme/);
 });
 
-test('scan without a folder scans the current one', () => {
-  const r = cli(['scan'], { cwd: path.join(tree, 'sub') });
-  assert.equal(r.status, 0, r.stderr);
-  const inSub = Object.keys(TREE).filter((k) => k.startsWith('sub/')).length;
-  assert.equal(counts(r.stdout).total, inSub);
+// A caller's environment asking for the module's lines on standard output
+// must not mix them into the JSON lines.
+test('ostrel watch --json keeps every module line off standard output, whatever OSTREL_LOG_STDOUT says', async (t) => {
+  const dir = tempDir('ostrel-cli-watch-');
+  t.after(() => fs.rmSync(dir, { recursive: true, force: true }));
+  const r = await watchCli(['--json', dir], {
+    env: { OSTREL_LOG_STDOUT: 'stdout' },
+    signal: 'SIGTERM',
+    act: () => fs.writeFileSync(path.join(dir, 'one.txt'), 'x'),
+    // The statistics of the watch's calls find no tracer registered: the
+    // module gives up flushing them with a failure line.
+    until: (out, err) => /"one\.txt"/.test(out) && /shouldFlush failed again/.test(err),
+  });
+  const lines = outputLines(r.stdout);
+  assert.equal(JSON.parse(lines.find((l) => l.includes('"one.txt"'))).fileName, 'one.txt');
+  for (const line of lines) assert.doesNotThrow(() => JSON.parse(line), `not a JSON line on standard output: ${line}`);
+  assert.match(r.stderr, /^Ostrel Initializing \.\.\.$/m);
+  assert.match(r.stderr, /^shouldFlush failed again, the current time duration is \d+$/m);
 });
 
-test('--json prints one file object per line, matching the tree', () => {
-  const r = cli(['scan', tree, '--json']);
-  assert.equal(r.status, 0, r.stderr);
-  const files = jsonFiles(r.stdout);
-  const byPath = new Map(files.map((f) => [f.relativePath, f]));
-  assert.equal(files.length, Object.keys(TREE).length);
-  for (const [rel, size] of Object.entries(TREE)) {
-    const f = byPath.get(native(rel));
-    assert.ok(f, `missing ${rel}`);
-    assert.equal(f.size, size, rel);
-    assert.equal(f.isFile, true);
-    assert.equal(f.name, path.basename(rel));
-    assert.equal(f.absolutePath, path.join(tree, native(rel)));
-    assert.equal(f.dirPath, tree);
-    assert.equal(typeof f.mtimeMs, 'number');
-  }
-  assert.deepEqual(Object.keys(files[0]), [
-    'absolutePath', 'name', 'relativeDir', 'relativePath', 'dirPath', 'isFile', 'hidden', 'isSystem',
-    'size', 'ino', 'ctimeMs', 'mtimeMs', 'birthtimeMs', 'readable',
-  ]);
-  // The summary goes to standard error, out of the way of the JSON lines.
-  assert.equal(counts(r.stderr).total, Object.keys(TREE).length);
+test('the device commands against the WPD test double', { skip: !isWindows && 'WPD is Windows only' }, (t) => {
+  const { useDevices, phone } = require('./mtp-fixture');
+  const { file } = useDevices({
+    devices: [
+      { id: 'cam', protocol: 'MSC:' },
+      phone({
+        id: 'p',
+        objects: [{ id: 's1', type: 'storage', name: 'Internal', children: [
+          { id: 'a', type: 'image', name: 'a.jpg', data: 'abc', thumbnail: 't' },
+          { id: 'v', type: 'video', name: 'v.mp4', size: 10 },
+          { id: 'e\u001b', type: 'document', name: 'x\u001b[2J\u0007\r\nIMAGE fake\u202e.txt', size: 0 },
+        ] }],
+      }),
+    ],
+  });
+  const run = (...args) => cli(args, { env: { OSTREL_WPD_DOUBLE: file } });
+
+  const list = run('devices');
+  assert.equal(list.status, 0, list.stderr);
+  assert.match(list.stdout, /^0 {2}Pixel {2}Acme P7 {2}MTP: 1\.00 {2}serial SN-1\n {3}id: p\n$/);
+  assert.deepEqual(JSON.parse(run('devices', '--json').stdout).map((d) => d.deviceId), ['p']);
+
+  const files = run('device-files', 'p');
+  assert.equal(files.status, 0, files.stderr);
+  assert.match(files.stdout, /^FOLDER .* s1 {2}Internal$/m);
+  assert.match(files.stdout, /^IMAGE .* a {2}a\.jpg$/m);
+  assert.match(files.stdout, /^4 objects in [0-9.]+ s: 1 photos, 1 videos, 13 B$/m);
+  // A name cannot write control characters to the terminal or pose as a line.
+  assert.doesNotMatch(files.stdout, /[\u0000-\u0009\u000b-\u001f\u007f-\u009f\u202e]/);
+  assert.match(files.stdout, /^UNKNOW .* e\\x1b {2}x\\x1b\[2J\\x07\\x0d\\x0aIMAGE fake\\u202e\.txt$/m);
+  assert.equal(files.stdout.split('\n').filter((l) => l.startsWith('IMAGE')).length, 1);
+  assert.deepEqual(run('device-files', 'p', 's1', '--json').stdout.trim().split('\n').map((l) => JSON.parse(l).objectId), ['a', 'v', 'e\u001b']);
+  const missing = run('device-files', 'p', 'nope');
+  assert.equal(missing.status, 1);
+  assert.match(missing.stderr, /Object not found on the device: nope/);
+
+  const dir = tempDir('ostrel-cli-mtp-');
+  t.after(() => fs.rmSync(dir, { recursive: true, force: true }));
+  const dest = path.join(dir, 'a.jpg');
+  const copy = run('copy-object', 'p', 'a', dest);
+  assert.equal(copy.status, 0, copy.stderr);
+  assert.equal(copy.stdout, `copied 3 bytes to ${dest}\n`);
+  assert.equal(fs.readFileSync(dest, 'utf8'), 'abc');
+  const again = run('copy-object', 'p', 'a', dest);
+  assert.equal(again.status, 1);
+  assert.match(again.stderr, /The destination already exists/);
+  const thumb = run('copy-object', 'p', 'a', dest, '--thumbnail', '--overwrite');
+  assert.equal(thumb.status, 0, thumb.stderr);
+  assert.equal(fs.readFileSync(dest, 'utf8'), 't');
 });
 
-test('--ext keeps only the listed extensions, in any case', () => {
-  const r = cli(['scan', tree, '--json', '--ext', 'jpg']);
-  assert.equal(r.status, 0, r.stderr);
-  const got = jsonFiles(r.stdout).map((f) => f.name).sort();
-  const want = Object.keys(TREE).filter((k) => /\.jpg$/i.test(k)).map((k) => path.basename(k)).sort();
-  assert.deepEqual(got, want);
-  const c = counts(r.stderr);
-  assert.equal(c.total, Object.keys(TREE).length);
-  assert.equal(c.filtered, Object.keys(TREE).length - want.length);
-
-  const two = cli(['scan', tree, '--ext', '.PNG,txt']);
-  assert.equal(two.status, 0, two.stderr);
-  assert.equal(counts(two.stdout).delivered, Object.keys(TREE).filter((k) => /\.(png|txt)$/.test(k)).length);
-});
-
-test('--ignore skips matching files and whole folders', () => {
-  const r = cli(['scan', tree, '--json', '--ignore', 'skipme', '--ignore', '.*\\.txt']);
-  assert.equal(r.status, 0, r.stderr);
-  const got = jsonFiles(r.stdout).map((f) => f.relativePath.split(path.sep).join('/')).sort();
-  const want = Object.keys(TREE).filter((k) => !k.startsWith('skipme/') && !k.endsWith('.txt')).sort();
-  assert.deepEqual(got, want);
-  // Full match: a name that only contains the pattern is kept.
-  const partial = cli(['scan', tree, '--json', '--ignore', 'skip']);
-  assert.equal(jsonFiles(partial.stdout).length, Object.keys(TREE).length);
-});
-
-test('--fast delivers the same files with the same sizes', () => {
-  const r = cli(['scan', tree, '--json', '--fast']);
-  assert.equal(r.status, 0, r.stderr);
-  const got = new Map(jsonFiles(r.stdout).map((f) => [f.relativePath, f.size]));
-  assert.deepEqual(got, new Map(Object.entries(TREE).map(([k, v]) => [native(k), v])));
-});
-
-test('--stats lists the native calls of the scan, one query per file', () => {
-  const r = cli(['scan', tree, '--stats']);
-  assert.equal(r.status, 0, r.stderr);
-  const [, table] = r.stdout.split('native calls:\n');
-  assert.ok(table, r.stdout);
-  const perFile = table.split('\n').filter((l) => new RegExp(`^  \\S+ +${Object.keys(TREE).length} calls `).test(l));
-  assert.equal(perFile.length, 1, table);
-  assert.doesNotMatch(cli(['scan', tree]).stdout, /native calls/);
-});
-
-test('the progress line is throttled, padded over longer text and cleared', () => {
+test('formatting: the progress line is throttled, padded and cleared; tables right-align numbers', () => {
   let now = 0;
   const writes = [];
-  const stream = { columns: 20, write: (s) => writes.push(s) };
-  const p = new ProgressLine(stream, { intervalMs: 100, now: () => now });
+  const p = new ProgressLine({ columns: 20, write: (s) => writes.push(s) }, { intervalMs: 100, now: () => now });
   p.update(() => 'first line', true);
   now = 50;
   p.update(() => 'too soon');
@@ -394,10 +491,19 @@ test('the progress line is throttled, padded over longer text and cleared', () =
   now = 300;
   p.update(() => 'a line far longer than the terminal');
   p.clear();
-  assert.deepEqual(writes, [
-    '\rfirst line',
-    '\rx         ',
-    '\ra line far longer t',
-    `\r${' '.repeat(19)}\r`,
-  ]);
+  assert.deepEqual(writes, ['\rfirst line', '\rx         ', '\ra line far longer t', `\r${' '.repeat(19)}\r`]);
+
+  assert.equal(drivesTable([
+    { mounted: 'C:', available: 400e9, blocks: 1000e9, used: 600e9, capacity: '', filesystem: 'Local Fixed Disk', drivetype: 3 },
+    { mounted: 'Z:', available: 0, blocks: 0, used: 0, capacity: '', filesystem: 'Network Connection', drivetype: 4 },
+  ]), [
+    'MOUNTED  TYPE       SIZE      USED      FREE  DESCRIPTION',
+    'C:       local    1.0 TB  600.0 GB  400.0 GB  Local Fixed Disk',
+    'Z:       network     0 B       0 B       0 B  Network Connection',
+    '',
+  ].join('\n'));
+  // An unknown disk number is shown as -.
+  const disks = disksTable([{ mounted: 'Z:', storageType: 'Unknown', diskNumber: -1000, driveType: 4, fileSystem: '',
+    freeSpace: 0, size: 0, interfaceType: '', mediaType: '', model: '' }]);
+  assert.match(disks.split('\n')[1], /^Z: +Unknown +- +network +0 B +0 B$/);
 });

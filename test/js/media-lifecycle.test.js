@@ -1,9 +1,9 @@
 'use strict';
 // Players at the edges of their life, each case in a child process: dispose
 // while the simulator calls back from several threads, dispose twice and
-// from inside a listener, the event loop held by an undisposed player,
-// process.exit() and Worker termination with players alive, and many
-// create/play/dispose cycles with flat memory.
+// from inside a listener, the event loop held by an undisposed player, and
+// many create/play/dispose cycles with flat memory (process.exit() and
+// Workers ending with players alive: lifecycle.test.js).
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const { runChild } = require('./helpers');
@@ -124,71 +124,6 @@ test('a player that script no longer references plays on and delivers its events
   `, { timeout: 20000 });
   assert.equal(r.status, 0, r.stderr);
   assert.match(r.stdout, /^COMPLETE$/m);
-});
-
-test('process.exit() with players playing, calling back, and waiting for a prepare', () => {
-  for (const when of ['listener', 'timer']) {
-    const r = run(`
-      (async () => {
-        const players = [];
-        for (let i = 0; i < 4; i++) players.push(await m.CreateMediaPlayer());
-        players[0].prepare('sim://media?prepare_ms=60000');
-        players[1].play(${JSON.stringify(storm)});
-        players[2].play('sim://media?duration=600000&buffering=1');
-        m.ReadMediaDuration('sim://media?prepare_ms=60000');
-        if (${JSON.stringify(when)} === 'listener') {
-          players[1].addEventListener('buffering_update', () => { console.log('EXITING'); process.exit(0); });
-        } else {
-          setTimeout(() => { console.log('EXITING'); process.exit(0); }, 100);
-        }
-      })();
-    `, { timeout: 20000 });
-    assert.equal(r.status, 0, `${when}: ${r.signal} ${r.stderr}`);
-    assert.match(r.stdout, /^EXITING$/m);
-    assert.match(r.stdout, /^Ostrel Cleaning \.\.\.$/m);
-  }
-});
-
-test('a Worker with players alive: terminated inside a listener, and ending by process.exit()', () => {
-  const r = run(`
-    const { Worker } = require('worker_threads');
-    const workerSource = \`
-      const { parentPort, workerData } = require('worker_threads');
-      const m = require(workerData.module);
-      m.InitCorvexSync({ corvexDir: workerData.sim });
-      (async () => {
-        const players = [];
-        for (let i = 0; i < 3; i++) players.push(await m.CreateMediaPlayer());
-        players[0].prepare('sim://media?prepare_ms=60000');
-        let told = false;
-        players[1].addEventListener('buffering_update', () => {
-          if (!told) { told = true; parentPort.postMessage('inside'); }
-          const until = Date.now() + 20;
-          while (Date.now() < until) {}
-          if (workerData.exit) process.exit(0);
-        });
-        players[1].play(workerData.storm);
-        players[2].play(workerData.storm);
-      })();
-    \`;
-    (async () => {
-      for (const exit of [false, true, false]) {
-        const w = new Worker(workerSource, { eval: true, workerData: { module: ${JSON.stringify(modulePath)}, sim: ${JSON.stringify(simDir('full'))}, storm: ${JSON.stringify(storm)}, exit } });
-        const ended = new Promise((resolve) => w.on('exit', resolve));
-        if (!exit) {
-          await new Promise((resolve) => w.once('message', resolve));
-          await w.terminate();
-        }
-        console.log('WORKER ' + exit + ' ' + (await ended));
-      }
-      // The main thread's own player still works.
-      const p = await m.CreateMediaPlayer();
-      console.log('MAIN ' + (await m.ReadMediaDuration('sim://media?duration=77')) + ' ' + p.dispose());
-    })();
-  `, { timeout: 60000 });
-  assert.equal(r.status, 0, r.stderr);
-  assert.equal(lines(r, 'WORKER ').length, 3, r.stdout + r.stderr);
-  assert.match(r.stdout, /^MAIN 77 true$/m);
 });
 
 test('many players at once, each calling back from several threads, disposed together', () => {

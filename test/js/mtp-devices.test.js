@@ -130,39 +130,4 @@ test('GetMtpDevices with the WPD test double', { skip: !isWindows && 'WPD is Win
     const lists = await Promise.all(Array.from({ length: 50 }, () => ostrel.GetMtpDevices()));
     for (const l of lists) assert.deepEqual(l.map((d) => d.deviceId), ['a', 'b']);
   });
-
-  await t.test('a Worker lists devices and is terminated with calls in flight; process.exit with calls in flight', () => {
-    const { file } = useDevices({ devices: [phone({ id: 'w' })] });
-    const r = runChild(
-      `
-      // The main thread holds the module too: a Worker that is the last
-      // environment, terminated with blocking jobs in flight, crashes under
-      // Wine whatever the export (ScanAllSubFiles as well): the scheduler's
-      // handle-close callback runs after Node has unloaded the module.
-      require('.');
-      const { Worker } = require('worker_threads');
-      const w = new Worker(\`
-        const ostrel = require(process.cwd());
-        const { parentPort } = require('worker_threads');
-        ostrel.GetMtpDevices().then((l) => {
-          parentPort.postMessage(l[0].deviceId);
-          for (let i = 0; i < 20; i++) ostrel.GetMtpDevices();
-        });
-      \`, { eval: true });
-      w.on('message', async (id) => {
-        console.log('WORKER ' + id);
-        await w.terminate();
-        const ostrel = require('.');
-        const l = await ostrel.GetMtpDevices();
-        console.log('MAIN ' + l.length);
-        for (let i = 0; i < 20; i++) ostrel.GetMtpDevices();
-        process.exit(0);
-      });
-      `,
-      { env: { OSTREL_WPD_DOUBLE: file } },
-    );
-    assert.equal(r.status, 0, r.stderr);
-    assert.match(r.stdout, /WORKER w/);
-    assert.match(r.stdout, /MAIN 1/);
-  });
 });

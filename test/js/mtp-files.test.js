@@ -276,34 +276,6 @@ test('device listings and copies with the WPD test double', { skip: !isWindows &
     useDevices({ devices: [tree()] });
   });
 
-  await t.test('a Worker terminated inside a progress callback, with listings and copies in flight', () => {
-    const { file } = useDevices({ devices: [{ ...tree(), slowMs: 10, generate: { storage: 's2', folders: 30, filesPerFolder: 200 } }] });
-    const dir = tempDir();
-    const r = runChild(
-      `
-      require('.');  // the main thread holds the module too (see mtp-devices.test.js)
-      const { Worker } = require('worker_threads');
-      const w = new Worker(\`
-        const ostrel = require(process.cwd());
-        const { workerData } = require('worker_threads');
-        const path = require('path');
-        for (let i = 0; i < 5; i++) ostrel.GetMtpFileById('phone', 'big', path.join(workerData, 'big' + i)).catch(() => {});
-        ostrel.GetMtpFilesById('phone', null, { onProgress() { process.exit(0); } });
-      \`, { eval: true, workerData: ${JSON.stringify(dir)} });
-      w.on('exit', async (code) => {
-        const l = await require('.').GetMtpFilesById('phone', 'dcim');
-        console.log('WORKER ' + code + ' MAIN ' + l.fileList.length);
-      });
-      `,
-      { env: { OSTREL_WPD_DOUBLE: file } },
-    );
-    assert.equal(r.status, 0, r.stderr);
-    assert.match(r.stdout, /WORKER 0 MAIN 7/);
-    assert.deepEqual(fs.readdirSync(dir), []);
-    fs.rmSync(dir, { recursive: true, force: true });
-    useDevices({ devices: [tree()] });
-  });
-
   await t.test('a device removed during a listing rejects; no partial list', async () => {
     for (const noBulk of [false, true]) {
       useDevices({ devices: [{ ...tree(), disconnectAfter: 500, noBulk }] });

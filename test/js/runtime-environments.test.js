@@ -1,14 +1,14 @@
 'use strict';
-// The module in several environments and on every way out of a process:
-// exit and uncaught exceptions during a big scan, the main thread and
-// Workers scanning at once, Workers terminated or exiting inside a
-// callback, many Workers in turn, and wake-ups racing the last release.
-// Each case runs in a child process, so a hang or a crash fails one test.
+// The module in several environments (the ways out of a process or a
+// Worker are in lifecycle.test.js): the main thread and Workers scanning at
+// once, Workers terminated at random moments, many Workers in turn,
+// telemetry per environment, wake-ups racing the last release, and a share
+// that never answers. Each case runs in a child process.
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const fs = require('fs');
 const path = require('path');
-const { root, isWindows, buildDir, runChild } = require('./helpers');
+const { root, isWindows, buildDir, runChild, bigTree } = require('./helpers');
 const { spawn } = require('child_process');
 const { makeTree, removeTree } = require('./scan-fixture');
 const { mountStallfs, skipReason } = require('./stallfs-fixture');
@@ -17,53 +17,7 @@ const { ensureTree } = require('../../bench/scan/tree');
 const index = JSON.stringify(path.join(root, 'index.js'));
 const probePath = JSON.stringify(path.join(buildDir(), 'test', 'runtime_probe.node'));
 
-// 1,000 files in each of `folders` folders (200,000 by default), made once
-// per build folder (test.sh makes them before the Wine run, where node.exe
-// would take minutes).
-function bigTree(folders = 200) {
-  const dir = (folders === 200 && process.env.OSTREL_BIG_TREE) ||
-    path.join(root, 'build', 'test-fixtures', `big-${folders}k`);
-  if (fs.existsSync(path.join(dir, '.complete'))) return dir;
-  fs.rmSync(dir, { recursive: true, force: true });
-  for (let d = 0; d < folders; d++) {
-    const sub = path.join(dir, `d${d}`);
-    fs.mkdirSync(sub, { recursive: true });
-    for (let f = 0; f < 1000; f++) fs.writeFileSync(path.join(sub, `f${f}.txt`), '');
-  }
-  fs.writeFileSync(path.join(dir, '.complete'), '');
-  return dir;
-}
-
 const ended = (r) => `status ${r.status} signal ${r.signal}\n${r.stderr.slice(-2000)}`;
-
-test('leaving the process while a 200,000-file scan runs', async (t) => {
-  const big = JSON.stringify(bigTree());
-  await t.test('process.exit() inside an update callback ends the process at once', () => {
-    const start = Date.now();
-    const r = runChild(`const o = require(${index});
-      o.ScanAllSubFiles(${big}, (u) => { console.log('UPDATE ' + u.nodes.length); process.exit(7); }, () => {}, {});`,
-    { timeout: 60000 });
-    assert.equal(r.status, 7, ended(r));
-    assert.ok(Date.now() - start < 20000, `took ${Date.now() - start} ms`);
-    assert.equal(r.stdout.split('Ostrel Cleaning ...').length - 1, 1);
-  });
-  await t.test('process.exit() while script does not keep up with the updates', () => {
-    // The walk fills its backlog and waits for script; the exit must wake it.
-    const r = runChild(`const o = require(${index});
-      let n = 0;
-      o.ScanAllSubFiles(${big}, (u) => { n += u.nodes.length; const end = Date.now() + 200; while (Date.now() < end); }, () => {}, {});
-      setTimeout(() => { console.log('EXIT AFTER ' + n); process.exit(0); }, 1500);`, { timeout: 60000 });
-    assert.equal(r.status, 0, ended(r));
-    assert.match(r.stdout, /^EXIT AFTER \d+$/m);
-  });
-  await t.test('an uncaught exception from a timer is printed and exits with code 1', () => {
-    const r = runChild(`const o = require(${index});
-      o.ScanAllSubFiles(${big}, () => {}, () => {}, {});
-      setTimeout(() => { throw new Error('boom from a timer'); }, 200);`, { timeout: 60000 });
-    assert.equal(r.status, 1, ended(r));
-    assert.match(r.stderr, /boom from a timer/);
-  });
-});
 
 test('the main thread and two Workers scan at once, each getting the whole tree', () => {
   const files = {};
@@ -89,49 +43,6 @@ test('the main thread and two Workers scan at once, each getting the whole tree'
     assert.equal(r.stdout.split('Ostrel Cleaning ...').length - 1, 3);
   } finally {
     removeTree(tree);
-  }
-});
-
-test('a Worker that ends inside a callback leaves the main thread running', async (t) => {
-  const files = {};
-  for (let i = 0; i < 50; i++) files[`f${i}.txt`] = 'x';
-  const tree = JSON.stringify(makeTree({ files }));
-  const big = JSON.stringify(bigTree());
-  const worker = (inCallback, dir = tree) => `const o = require(${index.replace(/\\/g, '\\\\')});
-    const { parentPort } = require('worker_threads');
-    o.ScanAllSubFiles(${dir.replace(/\\/g, '\\\\')}, () => { parentPort.postMessage('inside'); ${inCallback} }, () => {}, {});`;
-  // With `alone`, the Worker is the only environment that loaded the module:
-  // its end unloads it while the walk's job thread is still busy, and the
-  // main thread loads it again afterwards.
-  const main = (inCallback, onMessage, { alone = false, dir } = {}) => `const { Worker } = require('worker_threads');
-    let o = ${alone ? 'null' : `require(${index})`};
-    const w = new Worker(${JSON.stringify(worker(inCallback, dir))}, { eval: true });
-    w.on('message', () => { ${onMessage} });
-    w.on('exit', (code) => {
-      console.log('WORKER EXIT ' + code);
-      setTimeout(() => {
-        o = o || require(${index});
-        o.ScanAllSubFiles(${tree}, () => {}, (r) => console.log('MAIN SCAN ' + r.totalFileCount), {});
-      }, ${alone ? 500 : 0});
-    });`;
-  try {
-    for (const [name, source] of [
-      ['terminate() while the callback spins', main('for (;;) {}', 'w.terminate();')],
-      ['process.exit() inside the callback', main('process.exit(3);', '')],
-      ['an exception thrown inside the callback', main('throw new Error("worker callback failed");', '')],
-      ['terminate() of the only environment while a 200,000-file walk runs, then a new load',
-        main('', 'w.terminate();', { alone: true, dir: big })],
-    ]) {
-      await t.test(name, () => {
-        const r = runChild(source, { timeout: 60000 });
-        assert.equal(r.status, 0, ended(r));
-        assert.doesNotMatch(r.stderr, /FATAL ERROR/);
-        assert.match(r.stdout, /^WORKER EXIT \d+$/m);
-        assert.match(r.stdout, /^MAIN SCAN 50$/m);
-      });
-    }
-  } finally {
-    removeTree(JSON.parse(tree));
   }
 });
 

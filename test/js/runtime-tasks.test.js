@@ -1,7 +1,7 @@
 'use strict';
 // Tasks as exports use them (argument checks: conventions.test.js): promises and error delivery,
-// spawn's failure lines, timed waits, the pool's size, and clean-up with
-// work still in flight.
+// spawn's failure lines, timed waits, the pool's size, and the event loop's
+// end (clean-up with work in flight: lifecycle.test.js).
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const os = require('os');
@@ -81,18 +81,6 @@ test('the pool has max(4, hardware threads) workers', () => {
 });
 
 test('clean-up with work in flight', async (t) => {
-  await t.test('process.exit while tasks cycle: one clean-up line, no callback afterwards, no crash', () => {
-    const r = runChild(`${load}
-      let calls = 0;
-      p.churn(32, () => { calls++; });
-      setTimeout(() => { console.log('CALLS ' + calls); process.exit(0); }, 300);
-      process.on('exit', () => { console.log('EXITING'); });`);
-    assert.equal(r.status, 0, `status ${r.status} signal ${r.signal}\n${r.stderr}`);
-    assert.match(r.stdout, /^CALLS [1-9]\d*$/m);
-    const after = r.stdout.slice(r.stdout.indexOf('Ostrel Cleaning ...'));
-    assert.equal(r.stdout.split('Ostrel Cleaning ...').length - 1, 1);
-    assert.doesNotMatch(after, /CALLS/);
-  });
   await t.test('the event loop ends by itself once nothing holds a reference', () => {
     const r = runChild(`${load} p.delay(20).then(() => console.log('DONE'));`, { timeout: 20000 });
     assert.equal(r.status, 0);

@@ -306,46 +306,6 @@ test('closing', async (t) => {
     }
   });
 
-  await t.test('Workers ending right after starting a watch, before its first poll returns', () => {
-    // The root poll's first stat is still in flight when the Worker ends;
-    // node must not find the poll handle still closing when the Worker's
-    // event loop closes.
-    const root = tempDir();
-    try {
-      const r = runChild(`const { Worker } = require('worker_threads');
-        const code = \`const o = require(${index.replace(/\\/g, '\\\\')});
-          for (let i = 0; i < 3; i++) o.StartFileWatch(${JSON.stringify(root).replace(/\\/g, '\\\\')}, () => {}, () => {}, {});
-          if (require('worker_threads').workerData) process.exit(0);\`;
-        (async () => {
-          for (let i = 0; i < 30; i++) {
-            const w = new Worker(code, { eval: true, workerData: i % 2 === 0 });
-            await new Promise((res) => { w.on('online', () => { if (i % 2) w.terminate(); }); w.on('exit', res); });
-          }
-          console.log('ALL ENDED');
-        })();`, { timeout: 120000 });
-      assert.equal(r.status, 0, r.stderr.slice(-2000));
-      assert.match(r.stdout, /^ALL ENDED$/m);
-      assert.doesNotMatch(r.stderr, /open handles|Assertion|FATAL/);
-    } finally {
-      fs.rmSync(root, { recursive: true, force: true });
-    }
-  });
-
-  await t.test('process.exit and the end of a Worker with sessions open', () => {
-    const root = tempDir();
-    try {
-      const r = runChild(`const o = require(${index});
-        const { Worker } = require('worker_threads');
-        for (let i = 0; i < 5; i++) o.StartFileWatch(${JSON.stringify(root)}, () => {}, () => {}, {});
-        const w = new Worker(\`const o = require(${index.replace(/\\/g, '\\\\')});
-          o.StartFileWatch(${JSON.stringify(root).replace(/\\/g, '\\\\')}, () => {}, () => process.exit(0), {});\`, { eval: true });
-        w.on('exit', () => { console.log('WORKER GONE'); setTimeout(() => process.exit(3), 100); });`, { timeout: 60000 });
-      assert.equal(r.status, 3, r.stderr.slice(-2000));
-      assert.match(r.stdout, /^WORKER GONE$/m);
-    } finally {
-      fs.rmSync(root, { recursive: true, force: true });
-    }
-  });
 });
 
 // Linux only, as root: inotify's queue length is read when a descriptor is
