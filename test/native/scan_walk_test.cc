@@ -279,6 +279,12 @@ fs::path make_chains(const char* what, int depth) {
   return base;
 }
 
+// A walk with only `spare` descriptors free while it runs.
+walked walk_with_spare(const fs::path& base, unsigned helpers, int spare) {
+  descriptor_limit limit(spare);
+  return walk(base, helpers);
+}
+
 // With no descriptor to spare once the root is open, the folders below it
 // cannot be opened (EMFILE): each is skipped and named, and the walk goes
 // on with the next one; the root's own files are delivered. With a helper
@@ -287,14 +293,9 @@ fs::path make_chains(const char* what, int depth) {
 TEST(ScanWalk, FoldersThatCannotBeOpenedAreSkippedAndTheWalkGoesOn) {
   fs::path base = make_chains("emfile", 3);
   for (unsigned helpers : {0u, 1u}) {
-    std::vector<std::string> files;
-    std::shared_ptr<ScanData> data;
-    {
-      descriptor_limit limit(1);
-      walked w = walk(base, helpers);
-      data = w.data;
-      files = std::move(w.files);
-    }
+    walked w = walk_with_spare(base, helpers, 1);
+    const std::vector<std::string>& files = w.files;
+    const std::shared_ptr<ScanData>& data = w.data;
     EXPECT_EQ(files, std::vector<std::string>{"top.txt"}) << helpers;
     EXPECT_FALSE(data->complete());
     auto skipped = data->skipped_folders();
@@ -316,14 +317,9 @@ TEST(ScanWalk, FoldersThatCannotBeOpenedAreSkippedAndTheWalkGoesOn) {
 TEST(ScanWalk, DeepChainsNeedNoDescriptorPerLevel) {
   fs::path base = make_chains("deep", 40);
   for (unsigned helpers : {0u, 1u}) {
-    std::vector<std::string> files;
-    std::shared_ptr<ScanData> data;
-    {
-      descriptor_limit limit(6);
-      walked w = walk(base, helpers);
-      data = w.data;
-      files = std::move(w.files);
-    }
+    walked w = walk_with_spare(base, helpers, 6);
+    const std::vector<std::string>& files = w.files;
+    const std::shared_ptr<ScanData>& data = w.data;
     EXPECT_TRUE(data->complete()) << helpers << " "
                                   << (data->skipped_folders().empty() ? "" : data->skipped_folders()[0].path);
     EXPECT_EQ(files.size(), 5u) << helpers;
