@@ -26,8 +26,9 @@ void busy_wait_ms(double ms) {
   }
 }
 
-// Start times (ms since the batch was queued) of `count` tasks that each
-// busy-wait `each_ms` on the main thread, all queued at once from a worker.
+// Start and end times (ms since the batch was queued) of `count` tasks that each
+// busy-wait `each_ms` on the main thread, all queued at once from a worker,
+// with the dispatch run each ran in and that run's start.
 Napi::Value queue_busy_work(const Napi::CallbackInfo& info) {
   check_arg_types(info, {napi_number, napi_number});
   const int count = info[0].As<Napi::Number>().Int32Value();
@@ -38,7 +39,9 @@ Napi::Value queue_busy_work(const Napi::CallbackInfo& info) {
   struct batch {
     std::int64_t queued_at = 0;
     std::vector<double> starts;
-    std::vector<double> runs;  // the dispatch run each task ran in
+    std::vector<double> ends;
+    std::vector<double> runs;        // the dispatch run each task ran in
+    std::vector<double> run_starts;  // when that run started
     std::uint64_t runs_before = 0;
     std::atomic<int> remaining{0};
   };
@@ -54,7 +57,9 @@ Napi::Value queue_busy_work(const Napi::CallbackInfo& info) {
             co_await sched().schedule();
             b->starts.push_back(static_cast<double>(monotonic_ns() - b->queued_at) / 1e6);
             b->runs.push_back(static_cast<double>(sched().dispatch_runs() - b->runs_before));
+            b->run_starts.push_back(static_cast<double>(sched().dispatch_started_ns() - b->queued_at) / 1e6);
             busy_wait_ms(each_ms);
+            b->ends.push_back(static_cast<double>(monotonic_ns() - b->queued_at) / 1e6);
             if (--b->remaining == 0) done->set();
           }(b, each_ms, done),
           runtime::alive());
@@ -69,6 +74,12 @@ Napi::Value queue_busy_work(const Napi::CallbackInfo& info) {
     Napi::Array runs = Napi::Array::New(env, b->runs.size());
     for (std::size_t i = 0; i < b->runs.size(); ++i) runs.Set(static_cast<uint32_t>(i), b->runs[i]);
     out.Set("runs", runs);
+    Napi::Array ends = Napi::Array::New(env, b->ends.size());
+    for (std::size_t i = 0; i < b->ends.size(); ++i) ends.Set(static_cast<uint32_t>(i), b->ends[i]);
+    out.Set("ends", ends);
+    Napi::Array run_starts = Napi::Array::New(env, b->run_starts.size());
+    for (std::size_t i = 0; i < b->run_starts.size(); ++i) run_starts.Set(static_cast<uint32_t>(i), b->run_starts[i]);
+    out.Set("runStarts", run_starts);
     out.Set("dispatchRuns", static_cast<double>(sched().dispatch_runs() - b->runs_before));
     p->resolve(out);
   }(p, b, count, each_ms));

@@ -11,7 +11,7 @@ const path = require('path');
 const { root, isWindows, buildDir, runChild, bigTree } = require('./helpers');
 const { spawn } = require('child_process');
 const { makeTree, removeTree } = require('./scan-fixture');
-const { mountStallfs, skipReason } = require('./stallfs-fixture');
+const { mountStallfs, skipReason } = require('../fixtures/stallfs/mount');
 const { ensureTree } = require('../../bench/scan/tree');
 
 const index = JSON.stringify(path.join(root, 'index.js'));

@@ -9,7 +9,7 @@ const fs = require('fs');
 const path = require('path');
 const { isWindows, root, runChild } = require('./helpers');
 const { makeTree, removeTree } = require('./scan-fixture');
-const { mountStallfs, skipReason } = require('./stallfs-fixture');
+const { mountStallfs, skipReason } = require('../fixtures/stallfs/mount');
 
 const ostrel = require('../..');
 
