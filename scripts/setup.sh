@@ -44,15 +44,7 @@ if [ ! -f "$win_node" ]; then
   (cd tools/win-node && npm install --no-audit --no-fund --force --loglevel=error --no-package-lock)
 fi
 
-# A Wine prefix that reports Windows 10 (Node.js refuses older versions).
-export WINEPREFIX="${WINEPREFIX:-$PWD/build/wine-prefix}"
-export WINEDEBUG=-all
-if [ ! -f "$WINEPREFIX/.ostrel-ready" ]; then
-  log "creating the Wine prefix in $WINEPREFIX"
-  mkdir -p "$WINEPREFIX"
-  wineboot -i >/dev/null 2>&1 || true
-  winecfg -v win10 >/dev/null 2>&1
-  wineserver -w || true
-  touch "$WINEPREFIX/.ostrel-ready"
-fi
+# A Wine prefix that reports Windows 10 (the test script makes it beside
+# the Windows build instead: OSTREL_SETUP_NO_PREFIX=1).
+[ -n "${OSTREL_SETUP_NO_PREFIX:-}" ] || bash scripts/wine-prefix.sh
 log "ready"

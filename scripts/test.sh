@@ -62,7 +62,8 @@ trap sweep_stallfs EXIT
 
 # Installs what is missing once, before the lanes build in parallel.
 if has_suite native-unit || has_suite native-js || has_suite wine-js || has_suite wine-unit || has_suite install; then
-  bash scripts/setup.sh >/dev/null || { echo "0 passed, 1 failed"; exit 1; }
+  # The Wine prefix is made in the Wine lane, while the Windows build runs.
+  OSTREL_SETUP_NO_PREFIX=1 bash scripts/setup.sh >/dev/null || { echo "0 passed, 1 failed"; exit 1; }
 else
   bash scripts/setup-module.sh >/dev/null || { echo "0 passed, 1 failed"; exit 1; }
 fi
@@ -146,6 +147,7 @@ run_suite() {
       } >"$out"
       ;;
     native-js)
+      wait_fixtures
       {
         echo "== JS suites, native node $(node --version) ($preset)"
         local sanitizer_env=()
@@ -168,6 +170,7 @@ run_suite() {
       } >"$out"
       ;;
     wine-js)
+      wait_fixtures
       {
         echo "== JS suites, Windows node.exe under Wine"
         # As root, Wine's server opens any file; started without the DAC
@@ -240,17 +243,31 @@ run_suite() {
 }
 
 # A lane builds what its suites need, then runs them one after the other.
+# The Wine lane makes the Wine prefix (once) while it builds.
 lane() {
-  local build_preset=$1 t0=$SECONDS
+  local build_preset=$1 t0=$SECONDS prefix_job=""
   shift
   (($#)) || return 0
+  if [ "$build_preset" = win32 ] || [[ " $* " == *" install "* ]]; then
+    bash scripts/wine-prefix.sh >"$logs/wine-prefix.log" 2>&1 &
+    prefix_job=$!
+  fi
   if [ -n "$build_preset" ]; then
     if ! OSTREL_SETUP_DONE=1 bash scripts/build.sh "$build_preset" >"$logs/build-$build_preset.log" 2>&1; then
       cat "$logs/build-$build_preset.log"
       for s in "$@"; do echo "0 1" >"$logs/$s.counts"; done
+      [ -z "$prefix_job" ] || wait "$prefix_job"
       return
     fi
     echo "== built $build_preset ($((SECONDS - t0)) s)"
+  fi
+  if [ -n "$prefix_job" ]; then
+    if ! wait "$prefix_job"; then
+      cat "$logs/wine-prefix.log"
+      for s in "$@"; do echo "0 1" >"$logs/$s.counts"; done
+      return
+    fi
+    grep -q 'creating' "$logs/wine-prefix.log" && echo "== Wine prefix made (ready $((SECONDS - t0)) s after the lane started)"
   fi
   for s in "$@"; do run_suite "$s"; done
 }
@@ -267,7 +284,18 @@ for s in $suites; do
     *) other+=("$s") ;;
   esac
 done
-if ((${#wine[@]})) || has_suite native-js; then fixtures; fi
+# The fixtures are written while the lanes build; the JS suites wait for them.
+fixtures_done="$logs/fixtures.done"
+rm -f "$fixtures_done"
+if ((${#wine[@]})) || has_suite native-js; then
+  (fixtures && touch "$fixtures_done") &
+else
+  touch "$fixtures_done"
+fi
+wait_fixtures() {
+  local waited=0
+  while [ ! -f "$fixtures_done" ] && ((waited < 600)); do sleep 1; waited=$((waited + 1)); done
+}
 
 # Three lanes side by side: the typings check needs no build; the native
 # suites build the native preset first, the Wine suites win32 (the install
