@@ -114,14 +114,14 @@ void io_service::post(detail::io_state* state, std::uint32_t error, std::size_t 
     std::lock_guard lock(impl_->post_mutex);
     if (!closed_.load(std::memory_order_relaxed)) {
       impl_->posted.push_back({state, error, bytes});
-      state = nullptr;
+      // TRICKY: woken under the lock. Once it is released the service thread
+      // (or close()) may resume or free the posted task, and with its frame
+      // the last hold on this service: nothing here may be touched after.
+      impl_->wake();
+      return;
     }
   }
-  if (state) {
-    abandon_posted(state);
-    return;
-  }
-  impl_->wake();
+  abandon_posted(state);
 }
 
 void io_service::close() noexcept {

@@ -1,9 +1,8 @@
-// Probes of the main-thread scheduler: the dispatch budget, rescheduling
-// inside a dispatch run, wake-up coalescing, references on and off the main
-// thread, dropping on release, and scheduling after stop.
+// Probes of the main-thread scheduler: the dispatch budget, wake-up
+// coalescing and rescheduling inside a dispatch run, references on and off
+// the main thread, dropping on release, and scheduling after stop.
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -67,47 +66,25 @@ Napi::Value queue_busy_work(const Napi::CallbackInfo& info) {
     co_await *done;
     co_await sched().schedule();
     Napi::Env env(sched().env());
+    auto array = [env](const std::vector<double>& values) {
+      Napi::Array a = Napi::Array::New(env, values.size());
+      for (std::size_t i = 0; i < values.size(); ++i) a.Set(static_cast<uint32_t>(i), values[i]);
+      return a;
+    };
     Napi::Object out = Napi::Object::New(env);
-    Napi::Array starts = Napi::Array::New(env, b->starts.size());
-    for (std::size_t i = 0; i < b->starts.size(); ++i) starts.Set(static_cast<uint32_t>(i), b->starts[i]);
-    out.Set("starts", starts);
-    Napi::Array runs = Napi::Array::New(env, b->runs.size());
-    for (std::size_t i = 0; i < b->runs.size(); ++i) runs.Set(static_cast<uint32_t>(i), b->runs[i]);
-    out.Set("runs", runs);
-    Napi::Array ends = Napi::Array::New(env, b->ends.size());
-    for (std::size_t i = 0; i < b->ends.size(); ++i) ends.Set(static_cast<uint32_t>(i), b->ends[i]);
-    out.Set("ends", ends);
-    Napi::Array run_starts = Napi::Array::New(env, b->run_starts.size());
-    for (std::size_t i = 0; i < b->run_starts.size(); ++i) run_starts.Set(static_cast<uint32_t>(i), b->run_starts[i]);
-    out.Set("runStarts", run_starts);
-    out.Set("dispatchRuns", static_cast<double>(sched().dispatch_runs() - b->runs_before));
+    out.Set("starts", array(b->starts));
+    out.Set("ends", array(b->ends));
+    out.Set("runs", array(b->runs));
+    out.Set("runStarts", array(b->run_starts));
     p->resolve(out);
   }(p, b, count, each_ms));
   return result;
 }
 
-// A task on the main thread schedules itself again from inside the dispatch
-// callback; resolves with the dispatch runs that took.
-Napi::Value reschedule_inside_callback(const Napi::CallbackInfo& info) {
-  auto p = std::make_shared<promise>(info.Env());
-  Napi::Value result = p->value();
-  start_async([](std::shared_ptr<promise> p) -> task<void> {
-    co_await sched().schedule();
-    const std::uint64_t first = sched().dispatch_runs();
-    co_await sched().schedule();
-    const std::uint64_t second = sched().dispatch_runs();
-    Napi::Env env(sched().env());
-    Napi::Object out = Napi::Object::New(env);
-    out.Set("first", static_cast<double>(first));
-    out.Set("second", static_cast<double>(second));
-    out.Set("onMain", sched().is_main_thread());
-    p->resolve(out);
-  }(p));
-  return result;
-}
-
 // Queues `count` tasks from another thread while the main thread is busy in
-// this call; resolves with the dispatch runs it took to run them all.
+// this call; resolves with the dispatch runs it took to run them all, and
+// whether the last one, scheduling itself again from inside the dispatch
+// run, went on in that same run.
 Napi::Value coalesce(const Napi::CallbackInfo& info) {
   const int count = info[0].As<Napi::Number>().Int32Value();
   auto p = std::make_shared<promise>(info.Env());
@@ -122,7 +99,12 @@ Napi::Value coalesce(const Napi::CallbackInfo& info) {
              std::uint64_t before) -> task<void> {
             co_await sched().schedule();
             if (--*remaining == 0) {
-              p->resolve(Napi::Number::New(sched().env(), static_cast<double>(sched().dispatch_runs() - before)));
+              const std::uint64_t runs = sched().dispatch_runs();
+              co_await sched().schedule();
+              Napi::Object out = Napi::Object::New(sched().env());
+              out.Set("runs", static_cast<double>(runs - before));
+              out.Set("sameRun", sched().is_main_thread() && sched().dispatch_runs() == runs);
+              p->resolve(out);
               sched().release();
             }
           }(remaining, p, before),
@@ -133,24 +115,20 @@ Napi::Value coalesce(const Napi::CallbackInfo& info) {
   return result;
 }
 
-Napi::Value add_ref(const Napi::CallbackInfo& info) {
-  sched().add_ref();
-  return Napi::Number::New(info.Env(), sched().ref_count());
-}
-
-Napi::Value release(const Napi::CallbackInfo& info) {
-  sched().release();
-  return Napi::Number::New(info.Env(), sched().ref_count());
-}
-
-Napi::Value ref_count(const Napi::CallbackInfo& info) {
-  return Napi::Number::New(info.Env(), sched().ref_count());
-}
-
-// add_ref or release from a plain thread; returns the count afterwards.
-Napi::Value off_main(const Napi::CallbackInfo& info, bool add) {
-  std::thread t([add] { add ? sched().add_ref() : sched().release(); });
-  t.join();
+// ref(delta, offMain): add_ref (delta > 0), release (delta < 0) or neither,
+// here or on a plain thread; returns the count afterwards.
+Napi::Value ref(const Napi::CallbackInfo& info) {
+  check_arg_types(info, {napi_number});
+  const int delta = info[0].As<Napi::Number>().Int32Value();
+  auto change = [delta] {
+    if (delta > 0) sched().add_ref();
+    if (delta < 0) sched().release();
+  };
+  if (info.Length() > 1 && info[1].ToBoolean()) {
+    std::thread(change).join();
+  } else {
+    change();
+  }
   return Napi::Number::New(info.Env(), sched().ref_count());
 }
 
@@ -180,13 +158,10 @@ Napi::Value drop_queued_on_release(const Napi::CallbackInfo& info) {
   return out;
 }
 
-Napi::Value stop_scheduler(const Napi::CallbackInfo& info) {
+// Stops the scheduler, then awaits schedule() on a plain thread; reports the
+// thread before and after.
+Napi::Value schedule_after_stop(const Napi::CallbackInfo& info) {
   sched().stop();
-  return info.Env().Undefined();
-}
-
-// Awaits schedule() on a plain thread; reports the thread before and after.
-Napi::Value schedule_from_thread(const Napi::CallbackInfo& info) {
   std::uint64_t before = 0, after = 0;
   std::thread t([&] {
     sync_wait([](std::uint64_t& before, std::uint64_t& after) -> task<void> {
@@ -205,29 +180,6 @@ Napi::Value schedule_from_thread(const Napi::CallbackInfo& info) {
   out.Set("mainThreadId", static_cast<double>(current_thread_id()));
   out.Set("threadId", static_cast<double>(after));
   return out;
-}
-
-Napi::Value to_object(const Napi::CallbackInfo& info) {
-  std::map<std::string, std::string> values;
-  Napi::Object in = info[0].As<Napi::Object>();
-  Napi::Array keys = in.GetPropertyNames();
-  for (uint32_t i = 0; i < keys.Length(); ++i) {
-    std::string key = keys.Get(i).As<Napi::String>();
-    values[key] = in.Get(key).As<Napi::String>().Utf8Value();
-  }
-  if (info.Length() > 1 && info[1].ToBoolean()) {
-    std::string message;
-    std::thread t([&] {
-      try {
-        to_script_object(nullptr, values);
-      } catch (const std::exception& e) {
-        message = e.what();
-      }
-    });
-    t.join();
-    return Napi::String::New(info.Env(), message);
-  }
-  return Napi::Value(info.Env(), to_script_object(info.Env(), values));
 }
 
 // Schedules from a plain thread for `ms`, as fast as it can while a
@@ -265,18 +217,10 @@ Napi::Value schedule_storm(const Napi::CallbackInfo& info) {
 void register_scheduler_probes(Napi::Env env, Napi::Object exports) {
   exports.Set("scheduleStorm", Napi::Function::New(env, schedule_storm));
   exports.Set("queueBusyWork", Napi::Function::New(env, queue_busy_work));
-  exports.Set("rescheduleInsideCallback", Napi::Function::New(env, reschedule_inside_callback));
   exports.Set("coalesce", Napi::Function::New(env, coalesce));
-  exports.Set("addRef", Napi::Function::New(env, add_ref));
-  exports.Set("release", Napi::Function::New(env, release));
-  exports.Set("refCount", Napi::Function::New(env, ref_count));
-  exports.Set("addRefOffMain", Napi::Function::New(env, [](const Napi::CallbackInfo& i) { return off_main(i, true); }));
-  exports.Set("releaseOffMain",
-              Napi::Function::New(env, [](const Napi::CallbackInfo& i) { return off_main(i, false); }));
+  exports.Set("ref", Napi::Function::New(env, ref));
   exports.Set("dropQueuedOnRelease", Napi::Function::New(env, drop_queued_on_release));
-  exports.Set("stopScheduler", Napi::Function::New(env, stop_scheduler));
-  exports.Set("scheduleFromThread", Napi::Function::New(env, schedule_from_thread));
-  exports.Set("toScriptObject", Napi::Function::New(env, to_object));
+  exports.Set("scheduleAfterStop", Napi::Function::New(env, schedule_after_stop));
 }
 
 probe_part part(register_scheduler_probes);

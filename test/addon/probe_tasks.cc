@@ -1,7 +1,7 @@
 // Probes of task start-up and failure: spawn's log lines for each kind of
 // failure on and off the main thread, start_async's reference per
-// operation, promise rejection and error delivery, timed waits on the I/O
-// service, and clean-up with work still in flight.
+// operation, promise rejection and error delivery, and tasks cycling with
+// work still in flight.
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -10,7 +10,6 @@
 
 #include "probe.h"
 #include "runtime/blocking.h"
-#include "runtime/clock.h"
 #include "runtime/napi_util.h"
 #include "runtime/runtime.h"
 #include "runtime/scheduler.h"
@@ -61,21 +60,17 @@ Napi::Value throw_on_dispatch(const Napi::CallbackInfo& info) {
 }
 
 // A promise settled after `ms` on the I/O service's timer, through
-// start_async; resolves with the milliseconds actually waited.
+// start_async; resolves with the scheduler's reference count on settling
+// (the task's own reference is still held then).
 Napi::Value delay(const Napi::CallbackInfo& info) {
   check_arg_types(info, {napi_number});
   const double ms = info[0].As<Napi::Number>().DoubleValue();
   auto p = std::make_shared<promise>(info.Env());
   Napi::Value result = p->value();
   start_async([](std::shared_ptr<promise> p, double ms) -> task<void> {
-    const std::int64_t start = monotonic_ns();
     co_await runtime::io()->schedule_after(std::chrono::milliseconds(static_cast<std::int64_t>(ms)));
-    const bool on_service_thread = runtime::io()->is_service_thread();
-    const double waited = static_cast<double>(monotonic_ns() - start) / 1e6;
     co_await sched().schedule();
     Napi::Object out = Napi::Object::New(sched().env());
-    out.Set("waited", waited);
-    out.Set("onServiceThread", on_service_thread);
     out.Set("refCount", static_cast<double>(sched().ref_count()));
     p->resolve(out);
   }(p, ms));

@@ -5,6 +5,7 @@
 // returns nothing, and starts nothing: no callback runs, no promise is left.
 const test = require('node:test');
 const assert = require('node:assert/strict');
+const { inspect } = require('util');
 const ostrel = require('../..');
 
 const f = () => {};
@@ -112,16 +113,8 @@ const rows = [
   ]),
 ];
 
-function show(a) {
-  if (typeof a === 'bigint') return `${a}n`;
-  if (typeof a === 'function') return 'fn';
-  try {
-    return JSON.stringify(a) ?? String(a);
-  } catch {
-    return 'hostile';
-  }
-}
-const label = (name, args) => `${name}(${args.map(show).join(', ')})`;
+// util.inspect reads neither getters nor a Proxy's traps.
+const label = (name, args) => `${name}(${args.map((a) => inspect(a, { breakLength: Infinity })).join(', ')})`;
 
 test('refused calls throw at once, with the documented class and message, and start nothing', async (t) => {
   let called = 0;

@@ -13,19 +13,17 @@ const spin = (ms) => {
 };
 const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
-// Each row: load(d) the module as the row uses it; start(o, d, inside) work
-// that stays in flight and calls inside() from the row's callbacks,
-// returning (or resolving with) what closes it where it can be closed;
-// again(o, d) one more call after a Worker's end, resolving with what the
-// test expects (and releasing whatever holds the event loop).
+// Each row: load(d) the module as the row uses it (index.js when not given);
+// start(o, d, inside) work that stays in flight and calls inside() from the
+// row's callbacks, returning (or resolving with) what closes it where it can
+// be closed; again(o, d) one more call after a Worker's end, resolving with
+// what the test expects (and releasing whatever holds the event loop).
 const rows = {
   scan: {
-    load: (d) => require(d.index),
     start: (o, d, inside) => o.ScanAllSubFiles(d.big, inside, inside, {}),
     again: (o, d) => new Promise((resolve) => o.ScanAllSubFiles(d.small, () => {}, (r) => resolve(r.totalFileCount), {})),
   },
   watch: {
-    load: (d) => require(d.index),
     start: (o, d, inside) => {
       const closes = [0, 1, 2].map((i) =>
         o.StartFileWatch(d.dir, inside, () => fs.writeFileSync(path.join(d.dir, `w${i}-${process.pid}`), 'x'), {}));
@@ -41,7 +39,6 @@ const rows = {
     }),
   },
   storage: {
-    load: (d) => require(d.index),
     start: (o, d, inside) => {
       for (let i = 0; i < 10; ++i) o.GetHardwareDisk({ timeoutMs: 5000 });
       o.GetDriveList().then(inside);
@@ -61,7 +58,6 @@ const rows = {
   // Windows: listings and copies from the WPD double, progress as the
   // callback; Linux: the device list, which is empty there.
   devices: {
-    load: (d) => require(d.index),
     start: (o, d, inside) => {
       if (!d.copies) {
         for (let i = 0; i < 20; i++) o.GetMtpDevices();
@@ -97,7 +93,6 @@ const rows = {
     },
   },
   telemetry: {
-    load: (d) => require(d.index),
     start: (o, d, inside) => {
       // Records, events and facts from native threads too: the probe is
       // loaded by one thread only, and has registries of its own.
@@ -125,6 +120,8 @@ const rows = {
     start: (p, d, inside) => p.churn(32, inside),
   },
 };
+
+const load = (row, d) => (row.load ? row.load(d) : require(d.index));
 
 // After process.exit() no callback may reach script.
 let exiting = false;
@@ -198,7 +195,7 @@ const inWorker = {
 function workerSide({ rowName, ending, d, round }) {
   const row = rows[rowName];
   const e = inWorker[ending];
-  const o = row.load(d);
+  const o = load(row, d);
   let told = false;
   row.start(o, d, () => {
     if (told) return;
@@ -217,11 +214,11 @@ async function mainSide(scenario) {
     process.exit(3);
   });
   if (inProcess[ending]) {
-    inProcess[ending](row, row.load(d), d);
+    inProcess[ending](row, load(row, d), d);
     return;
   }
   const e = inWorker[ending];
-  if (!e.alone) row.load(d);
+  if (!e.alone) load(row, d);
   for (let round = 0; round < (e.rounds || 1); round++) {
     const w = new Worker(__filename, { workerData: { lifecycle: { ...scenario, round } } });
     w.on('error', (err) => console.log(`WORKER ERROR ${err.message}`));
@@ -231,7 +228,7 @@ async function mainSide(scenario) {
     console.log(`WORKER EXIT ${code}`);
   }
   if (e.alone) await sleep(500);
-  console.log(`AGAIN ${JSON.stringify(await row.again(row.load(d), d))}`);
+  console.log(`AGAIN ${JSON.stringify(await row.again(load(row, d), d))}`);
 }
 
 if (!isMainThread && workerData && workerData.lifecycle) workerSide(workerData.lifecycle);

@@ -26,54 +26,6 @@ const PHONE = {
   generate: { storage: 's1', folders: 30, filesPerFolder: 200 },
 };
 
-// Each row: its data for the child, what `again` answers after a Worker
-// ending, the endings it leaves out, and what it checks afterwards.
-function rows() {
-  const small = makeTree({ files: { 'a.txt': 'a', 'b/c.txt': 'c', 'b/d.txt': 'd' } });
-  const dir = tempDir('ostrel-lifecycle-');
-  const copies = isWindows ? tempDir('ostrel-lifecycle-copies-') : null;
-  const env = {};
-  if (isWindows) env.OSTREL_WPD_DOUBLE = useDevices({ devices: [PHONE] }).file;
-  const d = {
-    index: path.join(root, 'index.js'),
-    probe: path.join(buildDir(), 'test', 'runtime_probe.node'),
-    module: modulePath,
-    sim: simDir('full'),
-    storm: 'sim://media?duration=600000&storm=6&storm_count=100000000',
-    big: bigTree(),
-    small,
-    dir,
-    copies,
-    rows: [{ Caption: 'C:', Size: '1', FreeSpace: '1', DriveType: 3 }, { Caption: 'D:', Size: '1', FreeSpace: '1', DriveType: 3 }],
-  };
-  const alone = 'a Worker that alone loaded the module terminated inside a callback, then a new load';
-  const closed = 'closed twice inside its first callback';  // for what can be closed
-  // The runtime probe belongs to the thread that loaded it last: its rows
-  // stay on the main thread, and its runtime says "Ostrel Cleaning ..." too.
-  const inWorkers = Object.keys(endings).filter((e) => endings[e].workers);
-  return {
-    d,
-    env,
-    cleanup: () => [small, dir, copies].filter(Boolean).forEach(removeTree),
-    table: {
-      scan: { again: 3 },
-      watch: { again: 'seen', leave: [alone] },
-      // Under Wine, ending the process or a Worker while GetHardwareDisk
-      // queries of Wine's own WMI are in flight ends in an access violation
-      // or a hang (found by this table; open).
-      storage: { again: true, leave: [alone, closed], todo: isWindows && 'open: an access violation under Wine with WMI queries in flight' },
-      'storage over slow WMI': { leave: [...inWorkers, closed] },
-      // A copy ended with its process leaves no partial file.
-      devices: { again: isWindows ? 2 : 0, leave: [alone, closed], after: () => copies && assert.deepEqual(fs.readdirSync(copies), []) },
-      media: { again: 77, leave: [alone] },
-      // A batch of records goes on to its reporter after an unregistration
-      // inside report(): telemetry has no close of that kind.
-      telemetry: { again: 'span', leave: [alone, closed], cleanings: 2 },
-      tasks: { leave: [...inWorkers, closed] },
-    },
-  };
-}
-
 const endings = {
   'process.exit() inside a callback': { status: 7 },
   'process.exit() with work in flight, script not keeping up': { status: 7 },
@@ -86,8 +38,48 @@ const endings = {
   'a Worker that alone loaded the module terminated inside a callback, then a new load': { workers: 1 },
 };
 
-const { d, env, table, cleanup } = rows();
-test.after(cleanup);
+// The data the child's rows use.
+const small = makeTree({ files: { 'a.txt': 'a', 'b/c.txt': 'c', 'b/d.txt': 'd' } });
+const dir = tempDir('ostrel-lifecycle-');
+const copies = isWindows ? tempDir('ostrel-lifecycle-copies-') : null;
+const env = isWindows ? { OSTREL_WPD_DOUBLE: useDevices({ devices: [PHONE] }).file } : {};
+const d = {
+  index: path.join(root, 'index.js'),
+  probe: path.join(buildDir(), 'test', 'runtime_probe.node'),
+  module: modulePath,
+  sim: simDir('full'),
+  storm: 'sim://media?duration=600000&storm=6&storm_count=100000000',
+  big: bigTree(),
+  small,
+  dir,
+  copies,
+  rows: [{ Caption: 'C:', Size: '1', FreeSpace: '1', DriveType: 3 }, { Caption: 'D:', Size: '1', FreeSpace: '1', DriveType: 3 }],
+};
+test.after(() => [small, dir, copies].filter(Boolean).forEach(removeTree));
+
+// Each row: what `again` answers after a Worker ending, the endings it
+// leaves out, and what it checks afterwards.
+const alone = 'a Worker that alone loaded the module terminated inside a callback, then a new load';
+const closed = 'closed twice inside its first callback'; // for what can be closed
+// The runtime probe belongs to the thread that loaded it last: its rows
+// stay on the main thread, and its runtime says "Ostrel Cleaning ..." too.
+const inWorkers = Object.keys(endings).filter((e) => endings[e].workers);
+const table = {
+  scan: { again: 3 },
+  watch: { again: 'seen', leave: [alone] },
+  // Under Wine, ending the process or a Worker while GetHardwareDisk
+  // queries of Wine's own WMI are in flight ends in an access violation
+  // or a hang (found by this table; open).
+  storage: { again: true, leave: [alone, closed], todo: isWindows && 'open: an access violation under Wine with WMI queries in flight' },
+  'storage over slow WMI': { leave: [...inWorkers, closed] },
+  // A copy ended with its process leaves no partial file.
+  devices: { again: isWindows ? 2 : 0, leave: [alone, closed], after: () => copies && assert.deepEqual(fs.readdirSync(copies), []) },
+  media: { again: 77, leave: [alone] },
+  // A batch of records goes on to its reporter after an unregistration
+  // inside report(): telemetry has no close of that kind.
+  telemetry: { again: 'span', leave: [alone, closed], cleanings: 2 },
+  tasks: { leave: [...inWorkers, closed] },
+};
 
 // One test per row and kind of ending ("scan: leaving the process", "scan:
 // ending a Worker"), one case per ending.

@@ -1,9 +1,9 @@
 'use strict';
 // The module in several environments (the ways out of a process or a
 // Worker are in lifecycle.test.js): the main thread and Workers scanning at
-// once, Workers terminated at random moments, many Workers in turn,
-// telemetry per environment, wake-ups racing the last release, and a share
-// that never answers. Each case runs in a child process.
+// once and in turn, Workers terminated at random moments, telemetry per
+// environment, wake-ups racing the last release, and a share that never
+// answers. Each case runs in a child process.
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const fs = require('fs');
@@ -16,34 +16,63 @@ const { ensureTree } = require('../../bench/scan/tree');
 
 const index = JSON.stringify(path.join(root, 'index.js'));
 const probePath = JSON.stringify(path.join(buildDir(), 'test', 'runtime_probe.node'));
+// A value as a literal inside a template literal of the child's source (a
+// Worker's code).
+const lit = (v) => JSON.stringify(v).replace(/\\/g, '\\\\');
 
 const ended = (r) => `status ${r.status} signal ${r.signal}\n${r.stderr.slice(-2000)}`;
+const count = (text, line) => text.split(line).length - 1;
 
-test('the main thread and two Workers scan at once, each getting the whole tree', () => {
+test('two Workers scan beside the main thread, each getting the whole tree; then 100 in turn: memory and threads stay flat', (t) => {
   const files = {};
   for (let i = 0; i < 300; i++) files[`a/b${i % 7}/f${i}.txt`] = 'x';
   const tree = makeTree({ files });
-  try {
-    const r = runChild(`const { Worker } = require('worker_threads');
-      const code = \`const o = require(${index.replace(/\\/g, '\\\\')});
-        const { parentPort, workerData } = require('worker_threads');
-        let n = 0;
-        o.ScanAllSubFiles(workerData, (u) => { n += u.nodes.length; }, (res) => parentPort.postMessage(n + '/' + res.totalFileCount), {});\`;
-      const o = require(${index});
-      const results = [];
-      const done = () => { if (results.length === 3) console.log('RESULTS ' + results.sort().join(' ')); };
-      for (let i = 0; i < 2; i++) {
-        new Worker(code, { eval: true, workerData: ${JSON.stringify(tree)} }).on('message', (m) => { results.push('W' + m); done(); });
-      }
+  t.after(() => removeTree(tree));
+  const r = runChild(`const { Worker } = require('worker_threads');
+    const fs = require('fs');
+    const o = require(${index});
+    const code = \`const o = require(${lit(path.join(root, 'index.js'))});
       let n = 0;
-      o.ScanAllSubFiles(${JSON.stringify(tree)}, (u) => { n += u.nodes.length; }, (res) => { results.push('M' + n + '/' + res.totalFileCount); done(); }, {});`);
-    assert.equal(r.status, 0, ended(r));
-    assert.match(r.stdout, /^RESULTS M300\/300 W300\/300 W300\/300$/m);
-    assert.equal(r.stdout.split('Ostrel Initialized.').length - 1, 3);
-    assert.equal(r.stdout.split('Ostrel Cleaning ...').length - 1, 3);
-  } finally {
-    removeTree(tree);
+      o.ScanAllSubFiles(${lit(tree)}, (u) => { n += u.nodes.length; },
+        (res) => require('worker_threads').parentPort.postMessage(n + '/' + res.totalFileCount), {});\`;
+    const worker = () => new Promise((resolve) => {
+      const w = new Worker(code, { eval: true });
+      let got = 'nothing';
+      w.on('message', (m) => { got = m; });
+      w.on('error', (e) => { got = e.message; });
+      w.on('exit', () => resolve('W' + got));
+    });
+    const threads = () => (fs.existsSync('/proc/self/task') ? fs.readdirSync('/proc/self/task').length : 0);
+    (async () => {
+      let n = 0;
+      const main = new Promise((resolve) => o.ScanAllSubFiles(${JSON.stringify(tree)}, (u) => { n += u.nodes.length; },
+        (res) => resolve('M' + n + '/' + res.totalFileCount), {}));
+      console.log('AT ONCE ' + (await Promise.all([main, worker(), worker()])).sort().join(' '));
+      for (let i = 2; i < 10; i++) await worker();
+      global.gc && global.gc();
+      const rss10 = process.memoryUsage().rss, threads10 = threads();
+      for (let i = 10; i < 100; i++) {
+        const got = await worker();
+        if (got !== 'W300/300') console.log('WORKER GOT ' + got);
+      }
+      global.gc && global.gc();
+      await new Promise((r) => setTimeout(r, 200));
+      console.log('RSS GROWTH MB ' + Math.round((process.memoryUsage().rss - rss10) / 1048576));
+      console.log('THREADS ' + threads10 + ' ' + threads());
+    })();`, { timeout: 300000 });
+  assert.equal(r.status, 0, ended(r));
+  assert.match(r.stdout, /^AT ONCE M300\/300 W300\/300 W300\/300$/m);
+  assert.doesNotMatch(r.stdout, /WORKER GOT/);
+  t.diagnostic(r.stdout.match(/^(RSS|THREADS).*$/gm).join(', '));
+  const growth = Number(/^RSS GROWTH MB (-?\d+)$/m.exec(r.stdout)[1]);
+  // AddressSanitizer keeps freed memory in quarantine: only threads count there.
+  if (!/asan/.test(process.env.LD_PRELOAD || '')) {
+    assert.ok(growth < 40, `resident memory grew by ${growth} MB over 90 Workers`);
   }
+  const [before, after] = /^THREADS (\d+) (\d+)$/m.exec(r.stdout).slice(1).map(Number);
+  assert.ok(after <= before + 2, `threads ${before} -> ${after}`);
+  assert.equal(count(r.stdout, 'Ostrel Initialized.'), 101);
+  assert.equal(count(r.stdout, 'Ostrel Cleaning ...'), 101);
 });
 
 // Four Workers scan a 120,000-file tree and are terminated, 20 rounds: two
@@ -60,9 +89,9 @@ test('four Workers scanning 120,000 files, terminated at random moments, 20 roun
   const big = bigTree(120);
   const r = runChild(`const { Worker } = require('worker_threads');
     require(${index});
-    const code = \`const o = require(${index.replace(/\\/g, '\\\\')});
+    const code = \`const o = require(${lit(path.join(root, 'index.js'))});
       const { parentPort } = require('worker_threads');
-      o.ScanAllSubFiles(${JSON.stringify(big).replace(/\\/g, '\\\\')}, () => {
+      o.ScanAllSubFiles(${lit(big)}, () => {
         parentPort.postMessage('inside');
         const end = Date.now() + 20;
         while (Date.now() < end);
@@ -88,60 +117,17 @@ test('four Workers scanning 120,000 files, terminated at random moments, 20 roun
   assert.match(r.stdout, /^ROUNDS 20 INSIDE \d+$/m);
 });
 
-test('100 Workers in turn: memory and threads stay flat', (t) => {
-  const tree = makeTree({ files: { 'a.txt': 'a', 'b/c.txt': 'c' } });
-  try {
-    const r = runChild(`const { Worker } = require('worker_threads');
-      const fs = require('fs');
-      require(${index});
-      const code = \`const o = require(${index.replace(/\\/g, '\\\\')});
-        o.ScanAllSubFiles(${JSON.stringify(tree).replace(/\\/g, '\\\\')}, () => {}, (r) => require('worker_threads').parentPort.postMessage(r.totalFileCount), {});\`;
-      const threads = () => (fs.existsSync('/proc/self/task') ? fs.readdirSync('/proc/self/task').length : 0);
-      const one = () => new Promise((resolve, reject) => {
-        const w = new Worker(code, { eval: true });
-        let files = -1;
-        w.on('message', (n) => { files = n; });
-        w.on('error', reject);
-        w.on('exit', () => (files === 2 ? resolve() : reject(new Error('files ' + files))));
-      });
-      (async () => {
-        for (let i = 0; i < 10; i++) await one();
-        global.gc && global.gc();
-        const rss10 = process.memoryUsage().rss, threads10 = threads();
-        for (let i = 10; i < 100; i++) await one();
-        global.gc && global.gc();
-        await new Promise((r) => setTimeout(r, 200));
-        console.log('RSS GROWTH MB ' + Math.round((process.memoryUsage().rss - rss10) / 1048576));
-        console.log('THREADS ' + threads10 + ' ' + threads());
-      })();`, { timeout: 300000 });
-    assert.equal(r.status, 0, ended(r));
-    t.diagnostic(r.stdout.match(/^(RSS|THREADS).*$/gm).join(', '));
-    const growth = Number(/^RSS GROWTH MB (-?\d+)$/m.exec(r.stdout)[1]);
-    // AddressSanitizer keeps freed memory in quarantine: only threads count there.
-    if (!/asan/.test(process.env.LD_PRELOAD || '')) {
-      assert.ok(growth < 40, `resident memory grew by ${growth} MB over 90 Workers`);
-    }
-    const [before, after] = /^THREADS (\d+) (\d+)$/m.exec(r.stdout).slice(1).map(Number);
-    assert.ok(after <= before + 2, `threads ${before} -> ${after}`);
-    assert.equal(r.stdout.split('Ostrel Cleaning ...').length - 1, 101);
-  } finally {
-    removeTree(tree);
-  }
-});
-
 test('telemetry registrations belong to their environment; records reach every one', () => {
   const r = runChild(`const { Worker } = require('worker_threads');
     const o = require(${index});
-    const tracer = (tell) => ({ startSpan: () => ({ setAttribute() {}, end: tell }) });
     let mainSpans = 0;
-    o.RegisterTracer(tracer(() => { mainSpans++; }));
-    const w = new Worker(\`const o = require(${index.replace(/\\/g, '\\\\')});
-      const { parentPort } = require('worker_threads');
+    o.RegisterTracer({ startSpan: () => ({ setAttribute() {}, end() { mainSpans++; } }) });
+    const w = new Worker(\`const o = require(${lit(path.join(root, 'index.js'))});
       let told = false;
       o.RegisterTracer({ startSpan: () => ({ setAttribute() {}, end() {
         if (told) return;
         told = true;
-        parentPort.postMessage('span');
+        require('worker_threads').parentPort.postMessage('span');
         o.UnRegisterTracers();  // the Worker's only; lets it end
       } }) });
       o.ReportTest({});\`, { eval: true });
@@ -150,7 +136,7 @@ test('telemetry registrations belong to their environment; records reach every o
     w.on('exit', () => setTimeout(() => {
       console.log('SPANS main ' + (mainSpans > 0) + ' worker ' + workerSpans);
       o.UnRegisterTracers();
-    }, 700));`, { timeout: 60000 });
+    }, 700));`);
   assert.equal(r.status, 0, ended(r));
   assert.match(r.stdout, /^SPANS main true worker 1$/m);
 });
@@ -160,13 +146,13 @@ test('wake-ups racing the last release never touch a freed handle', () => {
     const join = p.scheduleStorm(1500);
     const end = Date.now() + 1500;
     (function cycle() {
-      p.addRef();
+      p.ref(1);
       setImmediate(() => {
-        p.release();
+        p.ref(-1);
         if (Date.now() < end) setImmediate(cycle);
         else console.log('SCHEDULES ' + join());
       });
-    })();`, { timeout: 60000, maxBuffer: 256 * 1024 * 1024 });
+    })();`, { maxBuffer: 256 * 1024 * 1024 });
   assert.equal(r.status, 0, ended(r));
   assert.match(r.stdout, /^SCHEDULES [1-9]\d*$/m);
 });
@@ -180,50 +166,45 @@ const FACTOR = Number(process.env.OSTREL_DEADSHARE_FACTOR) || 4;
 const AFTER_WORKER_S = Number(process.env.OSTREL_DEADSHARE_SECONDS) || 5;
 
 // Runs `source` in a child node without blocking this one; resolves with
-// { status, signal, stdout, stderr, exitAt } (exitAt: when the child ended)
-// and `lineAt(prefix)`: when a stdout line starting with prefix was seen.
-function runChildAsync(source, { timeout = 120000 } = {}) {
+// { status, signal, stdout, stderr, exitAt, exitLineAt }: when the child
+// ended, and when its line "EXIT" came.
+function runChildAsync(source, timeout) {
   return new Promise((resolve) => {
     const child = spawn(process.execPath, ['-e', source], { cwd: root, stdio: ['ignore', 'pipe', 'pipe'] });
-    let stdout = '';
-    let stderr = '';
-    const seen = {};
-    child.stdout.setEncoding('utf8');
-    child.stderr.setEncoding('utf8');
-    child.stdout.on('data', (d) => {
-      const now = Date.now();
-      stdout += d;
-      for (const line of stdout.split('\n')) if (!(line in seen)) seen[line] = now;
+    const r = { stdout: '', stderr: '' };
+    child.stdout.setEncoding('utf8').on('data', (d) => {
+      r.stdout += d;
+      if (!r.exitLineAt && /^EXIT\r?$/m.test(r.stdout)) r.exitLineAt = Date.now();
     });
-    child.stderr.on('data', (d) => { stderr += d; });
+    child.stderr.setEncoding('utf8').on('data', (d) => {
+      r.stderr += d;
+    });
     const timer = setTimeout(() => child.kill('SIGKILL'), timeout);
     child.on('exit', (status, signal) => {
-      const exitAt = Date.now();
+      Object.assign(r, { status, signal, exitAt: Date.now() });
       clearTimeout(timer);
-      child.on('close', () => resolve({
-        status, signal, stdout, stderr, exitAt,
-        lineAt: (prefix) => Object.entries(seen).find(([l]) => l.startsWith(prefix))?.[1],
-      }));
+      child.on('close', () => resolve(r));
     });
   });
 }
 
-function localTree(t) {
-  try {
-    return ensureTree({ repoRoot: root, files: 100000, generate: !isWindows }).dir;
-  } catch (err) {
-    t.skip(err.message);
-    return null;
-  }
-}
-
-// Script pieces shared by the children: timing a scan, the gaps between
-// timer ticks, and the delay of a telemetry span.
-const childKit = `
-  const o = require(${index});
+// Script pieces shared by the children: the share's count of calls it holds
+// unanswered, and sleeping.
+const shareKit = (statusFile) => `
   const fs = require('fs');
+  const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
+  const waiting = () => { try { return Number((fs.readFileSync(${JSON.stringify(statusFile)}, 'utf8').match(/waiting (\\d+)/) || [])[1]) || 0; } catch { return 0; } };
+  async function untilWaiting(n, ms) {
+    for (const end = Date.now() + ms; Date.now() < end && waiting() < n;) await sleep(20);
+    return waiting();
+  }
+`;
+
+// Timing a scan, the gaps between timer ticks, and the delay of a telemetry
+// span, with the module loaded.
+const timingKit = `
+  const o = require(${index});
   const scanOptions = ${JSON.stringify(isWindows ? { fastMetadata: true } : {})};
-  const FACTOR = ${FACTOR};
   // Resolves with the scan's time and count, or { stalled } after limitMs.
   function timedScan(dir, limitMs = 600000) {
     return new Promise((resolve) => {
@@ -250,17 +231,6 @@ const childKit = `
       o.ReportTest({});
     });
   }
-  function shareStatus(file) {
-    const s = {};
-    try { for (const l of fs.readFileSync(file, 'utf8').split('\\n')) { const [k, v] = l.split(' '); if (k) s[k] = Number(v); } } catch {}
-    return s;
-  }
-  const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
-  async function untilWaiting(file, n, ms) {
-    const end = Date.now() + ms;
-    while (Date.now() < end && !(shareStatus(file).waiting >= n)) await sleep(20);
-    return shareStatus(file).waiting || 0;
-  }
   const report = (k, v) => console.log(k + ' ' + JSON.stringify(v));
 `;
 
@@ -276,17 +246,17 @@ test('a share that never answers stalls nothing else', { skip: skipReason(), tim
   // the drive letter, the others through Z:.
   const deadA = path.join(share.drivePath || share.path, 'dead');
   const deadB = path.join(share.path, 'dead');
-  const statusFile = path.join(share.base, 'status');
-  const results = (r) => Object.fromEntries(r.stdout.split('\n').filter((l) => /^[A-Z_]+ /.test(l)).map((l) => {
-    const i = l.indexOf(' ');
-    return [l.slice(0, i), JSON.parse(l.slice(i + 1))];
-  }));
+  const kit = shareKit(path.join(share.base, 'status'));
 
   await t.test('two watch sessions and a scan on it: a local 100,000-file scan, telemetry and timers keep their speed; closing returns at once; exit within 2 s', async (t) => {
-    const local = localTree(t);
-    if (!local) return;
+    let local;
+    try {
+      local = ensureTree({ repoRoot: root, files: 100000, generate: !isWindows }).dir;
+    } catch (err) {
+      return t.skip(err.message);
+    }
     await share.set({ '/dead': 'never' });
-    const r = await runChildAsync(`${childKit}
+    const r = await runChildAsync(`${kit} ${timingKit}
       (async () => {
         const local = ${JSON.stringify(local)};
         await timedScan(local);  // warm the system's caches
@@ -298,32 +268,29 @@ test('a share that never answers stalls nothing else', { skip: skipReason(), tim
           o.StartFileWatch(${JSON.stringify(deadB)}, (e) => report('DEAD_EVENT', e), () => report('DEAD_READY', 2)),
           o.ScanAllSubFiles(${JSON.stringify(deadB)}, () => {}, (res) => report('DEAD_SCAN', res), {}),
         ];
-        report('WAITING', await untilWaiting(${JSON.stringify(statusFile)}, 3, 10000));
-        const limit = FACTOR * before.result.ms + 5000;
+        report('WAITING', await untilWaiting(3, 10000));
+        const limit = ${FACTOR} * before.result.ms + 5000;
         const during = await withTicks(() => timedScan(local, limit));
-        const spanDuring = await spanDelay(FACTOR * Math.max(spanBefore, 500));
+        const spanDuring = await spanDelay(${FACTOR} * Math.max(spanBefore, 500));
         report('DURING', { scan: during.result, gap: during.gap, span: spanDuring });
         // Closing a session on a local folder, for comparison.
         const near = await new Promise((res) => {
           const c = o.StartFileWatch(local, () => {}, () => { clearTimeout(timer); res(c); });
           const timer = setTimeout(() => { report('LOCAL_WATCH_NOT_READY', limit); res(c); }, limit);
         });
-        let t0 = process.hrtime.bigint();
-        near();
-        const closeLocal = Number(process.hrtime.bigint() - t0) / 1e6;
-        const closeDead = dead.map((close) => { const t0 = process.hrtime.bigint(); close(); return Number(process.hrtime.bigint() - t0) / 1e6; });
-        report('CLOSE', { local: closeLocal, dead: closeDead });
-        const after = await timedScan(local, limit);
-        report('AFTER', { scan: after });
+        const timed = (close) => { const t0 = process.hrtime.bigint(); close(); return Number(process.hrtime.bigint() - t0) / 1e6; };
+        report('CLOSE', { local: timed(near), dead: dead.map(timed) });
+        report('AFTER', { scan: await timedScan(local, limit) });
         o.UnRegisterTracers();
         console.log('EXIT');
         process.exit(0);
-      })();`, { timeout: 90000 });
-    const res = results(r);
-    t.diagnostic(JSON.stringify(res));
-    t.diagnostic(`share: ${JSON.stringify(share.status())}`);
-    const exitMs = r.exitAt - r.lineAt('EXIT');
-    t.diagnostic(`process.exit() to the end of the process: ${exitMs} ms`);
+      })();`, 90000);
+    const res = Object.fromEntries(r.stdout.split('\n').filter((l) => /^[A-Z_]+ /.test(l)).map((l) => {
+      const i = l.indexOf(' ');
+      return [l.slice(0, i), JSON.parse(l.slice(i + 1))];
+    }));
+    const exitMs = r.exitAt - r.exitLineAt;
+    t.diagnostic(`${JSON.stringify(res)}; share: ${JSON.stringify(share.status())}; process.exit() to the end: ${exitMs} ms`);
     assert.ok(res.BEFORE && res.DURING, ended(r));
     assert.ok(share.status().held >= 1, 'the module never asked the share');
     assert.ok(!res.DEAD_READY && !res.DEAD_SCAN, 'the share answered');
@@ -345,18 +312,14 @@ test('a share that never answers stalls nothing else', { skip: skipReason(), tim
     const control = path.join(share.base, 'control');
     const small = makeTree({ files: { 'a.txt': 'a', 'b/c.txt': 'c', 'b/d.txt': 'd' } });
     t.after(() => removeTree(small));
-    const r = await runChildAsync(`const { Worker } = require('worker_threads');
-      const fs = require('fs');
-      const statusFile = ${JSON.stringify(statusFile)};
-      const waiting = () => { try { return Number((fs.readFileSync(statusFile, 'utf8').match(/waiting (\\d+)/) || [])[1]); } catch { return 0; } };
-      const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
-      const w = new Worker(\`const o = require(${index.replace(/\\/g, '\\\\')});
-        o.StartFileWatch(${JSON.stringify(deadA).replace(/\\/g, '\\\\')}, () => {}, () => console.log('READY'));
-        o.StartFileWatch(${JSON.stringify(deadB).replace(/\\/g, '\\\\')}, () => {}, () => console.log('READY'));
+    const r = await runChildAsync(`${kit}
+      const { Worker } = require('worker_threads');
+      const w = new Worker(\`const o = require(${lit(path.join(root, 'index.js'))});
+        o.StartFileWatch(${lit(deadA)}, () => {}, () => console.log('READY'));
+        o.StartFileWatch(${lit(deadB)}, () => {}, () => console.log('READY'));
         require('worker_threads').parentPort.postMessage('watching');\`, { eval: true });
       w.once('message', async () => {
-        for (let i = 0; i < 500 && !(waiting() >= 1); i++) await sleep(20);
-        console.log('STUCK ' + waiting());
+        console.log('STUCK ' + await untilWaiting(1, 10000));
         const t0 = Date.now();
         const ended = await Promise.race([w.terminate().then(() => true), sleep(30000).then(() => false)]);
         console.log((ended ? 'TERMINATED ' : 'TERMINATE HANGS ') + (Date.now() - t0));
@@ -377,7 +340,7 @@ test('a share that never answers stalls nothing else', { skip: skipReason(), tim
         console.log('WENT ON ' + ticks);
         const o = require(${index});
         o.ScanAllSubFiles(${JSON.stringify(small)}, () => {}, (res) => console.log('MAIN SCAN ' + res.totalFileCount), {});
-      });`, { timeout: 60000 + AFTER_WORKER_S * 1000 });
+      });`, 60000 + AFTER_WORKER_S * 1000);
     t.diagnostic(r.stdout.split('\n').filter((l) => /^(STUCK|TERMINATE|WENT|MAIN|READY)/.test(l)).join(' | '));
     assert.doesNotMatch(r.stdout, /TERMINATE HANGS/);
     assert.equal(r.status, 0, ended(r));
@@ -388,7 +351,3 @@ test('a share that never answers stalls nothing else', { skip: skipReason(), tim
     await share.set({});
   });
 });
-
-if (isWindows) {
-  // Nothing Windows-only here: the same cases run under Wine with node.exe.
-}

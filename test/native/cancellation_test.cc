@@ -10,18 +10,12 @@
 namespace ostrel {
 namespace {
 
-TEST(Cancellation, DefaultTokenCannotBeCancelled) {
-  cancellation_token token;
-  EXPECT_FALSE(token.can_be_cancelled());
-  EXPECT_FALSE(token.is_cancellation_requested());
-  bool called = false;
-  cancellation_registration r(token, [&] { called = true; });
-  EXPECT_FALSE(called);
-}
-
-TEST(Cancellation, CallbacksRunOnceOnRequestAtOnceWhenLateAndNeverOnceDeregistered) {
+TEST(Cancellation, CallbacksRunOnceOnRequestAtOnceWhenLateAndNeverOnceDeregisteredOrWithoutASource) {
+  cancellation_token none;
+  EXPECT_FALSE(none.can_be_cancelled());
   cancellation_source source;
   int early = 0, late = 0, gone = 0;
+  cancellation_registration never(none, [&] { ++gone; });
   {
     cancellation_registration d(source.token(), [&] { ++gone; });
   }

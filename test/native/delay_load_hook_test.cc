@@ -6,13 +6,9 @@ namespace ostrel {
 namespace {
 
 TEST(DelayLoadHook, RecognisesTheRuntimeImportWhateverItsCase) {
-  EXPECT_TRUE(is_host_runtime_import("node.exe"));
-  EXPECT_TRUE(is_host_runtime_import("NODE.EXE"));
-  EXPECT_TRUE(is_host_runtime_import("Node.Exe"));
-  EXPECT_FALSE(is_host_runtime_import("node.exe.bak"));
-  EXPECT_FALSE(is_host_runtime_import("node.ex"));
-  EXPECT_FALSE(is_host_runtime_import("kernel32.dll"));
-  EXPECT_FALSE(is_host_runtime_import(""));
+  for (const char* name : {"node.exe", "NODE.EXE", "Node.Exe"}) EXPECT_TRUE(is_host_runtime_import(name)) << name;
+  for (const char* name : {"node.exe.bak", "node.ex", "kernel32.dll", ""})
+    EXPECT_FALSE(is_host_runtime_import(name)) << name;
   EXPECT_FALSE(is_host_runtime_import(nullptr));
 }
 

@@ -18,16 +18,7 @@ namespace {
 using namespace std::chrono_literals;
 using testing::pumped_service;
 
-TEST(IoService, ScheduleResumesOnThePumpingThread) {
-  pumped_service s;
-  auto t = [](io_service& io) -> task<bool> {
-    co_await io.schedule();
-    co_return io.is_service_thread();
-  };
-  EXPECT_TRUE(sync_wait(t(s.service)));
-}
-
-TEST(IoService, TimedWaitsNeverWakeEarlyAndFireInDeadlineOrder) {
+TEST(IoService, TimedWaitsNeverWakeEarlyAndFireInDeadlineOrderOnTheServiceThread) {
   pumped_service s;
   std::mutex m;
   // Deadlines in the order the waits fired.
@@ -35,6 +26,7 @@ TEST(IoService, TimedWaitsNeverWakeEarlyAndFireInDeadlineOrder) {
   auto wait = [&](int ms) -> task<std::int64_t> {
     const std::int64_t start = monotonic_ns();
     co_await s.service.schedule_after(std::chrono::milliseconds(ms));
+    EXPECT_TRUE(s.service.is_service_thread());
     {
       std::lock_guard lock(m);
       fired.push_back(start + ms * 1'000'000LL);
@@ -83,33 +75,44 @@ TEST(IoService, CancelledTimedWaitThrowsOnTheServiceThread) {
   source.request_cancellation();
   EXPECT_TRUE(result.get());
   EXPECT_LT(monotonic_ns() - start, 2'000'000'000LL);
+  // An already cancelled token skips the wait.
+  EXPECT_THROW(sync_wait([&]() -> task<void> { co_await s.service.schedule_after(10s, source.token()); }()),
+               operation_cancelled);
 }
 
-TEST(IoService, AlreadyCancelledTokenSkipsTheWait) {
+// Threads at once, each racing timed waits against their cancellation from
+// yet another thread (before, during or after the wait starts), then
+// hopping to a pool and back to the service: every wait resumes exactly
+// once. Meant to run under ThreadSanitizer as much as to pass.
+TEST(IoService, CancellationsRacingExpiryFromManyThreadsResumeEachWaitOnce) {
   pumped_service s;
-  cancellation_source source;
-  source.request_cancellation();
-  auto t = [&]() -> task<void> { co_await s.service.schedule_after(10s, source.token()); };
-  EXPECT_THROW(sync_wait(t()), operation_cancelled);
-}
-
-TEST(IoService, CancellationRacingExpiryResumesExactlyOnce) {
-  pumped_service s;
+  thread_pool pool(4);
   std::atomic<int> resumed{0};
-  for (int i = 0; i < 300; ++i) {
-    cancellation_source source;
-    auto t = [&]() -> task<void> {
-      try {
-        co_await s.service.schedule_after(std::chrono::milliseconds(i % 2), source.token());
-      } catch (const operation_cancelled&) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 6; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 100; ++i) {
+        cancellation_source source;
+        std::thread canceller([&] {
+          if ((i + t) % 3) std::this_thread::sleep_for(std::chrono::microseconds(i % 50));
+          source.request_cancellation();
+        });
+        sync_wait([&]() -> task<void> {
+          try {
+            co_await s.service.schedule_after(std::chrono::milliseconds(i % 2), source.token());
+          } catch (const operation_cancelled&) {
+          }
+          ++resumed;
+          co_await pool.schedule();
+          co_await s.service.schedule();
+          EXPECT_TRUE(s.service.is_service_thread());
+        }());
+        canceller.join();
       }
-      ++resumed;
-    };
-    std::thread canceller([&] { source.request_cancellation(); });
-    sync_wait(t());
-    canceller.join();
+    });
   }
-  EXPECT_EQ(resumed, 300);
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(resumed, 600);
 }
 
 TEST(IoService, StopWakesEverySleepingPumpAtOnce) {

@@ -54,18 +54,6 @@ TEST(SessionRegistry, StopAllStopsLiveSessionsOnceAndLaterOnesAtOnce) {
   EXPECT_FALSE(orphan_stopped);
 }
 
-TEST(Runtime, HoldsStartOnceAndTheLastReleaseStops) {
-  runtime::acquire(2);
-  auto first = runtime::pool();
-  runtime::acquire(2);
-  EXPECT_EQ(runtime::pool(), first);  // a second environment shares it
-  EXPECT_FALSE(runtime::release(5s));
-  EXPECT_NE(runtime::pool(), nullptr);
-  EXPECT_TRUE(runtime::release(5s));
-  EXPECT_EQ(runtime::pool(), nullptr);
-  EXPECT_EQ(runtime::io(), nullptr);
-}
-
 TEST(Blocking, AJobRunsWhollyOnItsOwnThreadAndTheTaskGoesOnOnThePool) {
   runtime::acquire(2);
   struct seen {
@@ -91,19 +79,28 @@ TEST(Blocking, AJobRunsWhollyOnItsOwnThreadAndTheTaskGoesOnOnThePool) {
   EXPECT_TRUE(runtime::release(5s));
 }
 
-// A job stuck in a call nothing can wake must not hold the process up: the
-// last release waits for it only as long as it is told to.
-TEST(Runtime, TheLastReleaseLeavesAStuckJobRunningAfterTheGrace) {
+// The first hold starts the runtime, a second environment shares it, and
+// the last release stops it. A job stuck in a call nothing can wake must not
+// hold the process up: the last release waits for it only as long as it is
+// told to.
+TEST(Runtime, HoldsShareOneRuntimeAndTheLastReleaseLeavesAStuckJobAfterTheGrace) {
   runtime::acquire(2);
+  auto first = runtime::pool();
+  runtime::acquire(2);
+  EXPECT_EQ(runtime::pool(), first);
   auto ended = std::make_shared<std::atomic<bool>>(false);
   ASSERT_TRUE(runtime::start_job_thread([ended] {
     std::this_thread::sleep_for(1500ms);
     ended->store(true);
   }));
+  EXPECT_FALSE(runtime::release(5s));
+  EXPECT_NE(runtime::pool(), nullptr);
   const auto start = std::chrono::steady_clock::now();
   EXPECT_TRUE(runtime::release(100ms));
   EXPECT_LT(std::chrono::steady_clock::now() - start, 1000ms);
   EXPECT_FALSE(ended->load());
+  EXPECT_EQ(runtime::pool(), nullptr);
+  EXPECT_EQ(runtime::io(), nullptr);
   while (!ended->load()) std::this_thread::sleep_for(10ms);
 }
 
