@@ -1,29 +1,31 @@
 'use strict';
 // Shared pieces of the scan suites: a scan that collects everything it is
-// given, and small trees written into a fresh temporary folder.
+// given, small trees written into a fresh temporary folder, a chain of
+// folders past the path limit, and scans run in a child process.
+const assert = require('node:assert/strict');
 const fs = require('fs');
 const os = require('os');
 const path = require('path');
+const { spawnSync } = require('child_process');
+const { root: repoRoot, buildDir, runChild } = require('./helpers');
 const ostrel = require('../..');
 
 const sep = path.sep;
 
-// Runs ScanAllSubFiles to its result; resolves with every update, the
-// delivered file and folder objects, and the result object.
+// Runs ScanAllSubFiles to its result; resolves with the delivered file and
+// folder objects and the result object.
 function scan(root, options = {}) {
   return new Promise((resolve, reject) => {
-    const updates = [];
     const nodes = [];
     const dirs = [];
     try {
       ostrel.ScanAllSubFiles(
         root,
         (u) => {
-          updates.push({ nodes: u.nodes.length, dirs: u.dirs.length });
           nodes.push(...u.nodes);
           dirs.push(...u.dirs);
         },
-        (result) => resolve({ updates, nodes, dirs, result }),
+        (result) => resolve({ nodes, dirs, result }),
         options,
       );
     } catch (err) {
@@ -49,9 +51,82 @@ function removeTree(root) {
   fs.rmSync(root, { recursive: true, force: true, maxRetries: 5 });
 }
 
+// A fixed-seed generator (mulberry32) of numbers in [0, 1): the same trees,
+// names and expressions on every run and platform.
+function random(seed) {
+  return () => {
+    seed = (seed + 0x6d2b79f5) | 0;
+    let t = Math.imul(seed ^ (seed >>> 15), 1 | seed);
+    t = (t + Math.imul(t ^ (t >>> 7), 61 | t)) ^ t;
+    return ((t ^ (t >>> 14)) >>> 0) / 4294967296;
+  };
+}
+
 // Relative paths with "/" whatever the platform, sorted.
 function relPaths(objects) {
   return objects.map((o) => o.relativePath.split(sep).join('/')).sort();
 }
 
-module.exports = { ostrel, scan, makeTree, removeTree, relPaths, sep };
+// A chain of folders below `base` whose names are 240 characters long, each
+// holding f.txt, made under a short name and then renamed to a long one, so
+// that its deepest folders lie past the longest path the file system calls
+// take. Returns the chain's files (relative to base, with "/"); the test's
+// end renames it back, as the long paths cannot be removed.
+function longChain(t, base) {
+  const long = (i) => `d${i}_`.padEnd(240, 'x');
+  const short = path.join(base, 't');
+  const renamed = path.join(base, long(99));
+  t.after(() => {
+    try {
+      fs.renameSync(renamed, short);
+    } catch {
+      // not renamed yet
+    }
+    removeTree(base);
+  });
+  fs.mkdirSync(short);
+  fs.writeFileSync(path.join(short, 'top.txt'), '');
+  const files = [`${long(99)}/top.txt`];
+  for (let i = 0, dir = short, rel = long(99); i < 20; i++) {
+    const next = path.join(dir, long(i));
+    try {
+      fs.mkdirSync(next);
+      fs.writeFileSync(path.join(next, 'f.txt'), '');
+    } catch {
+      break;  // the path limit of the system calls
+    }
+    [dir, rel] = [next, `${rel}/${long(i)}`];
+    files.push(`${rel}/f.txt`);
+  }
+  fs.renameSync(short, renamed);
+  return files;
+}
+
+// Runs `body` in a child node that has loaded the module under test as
+// `ostrel`, with `scanAll(root, options)` resolving to { nodes, r } and
+// `report(value)` printing it as the line "RESULT <json>". `prefix` is a
+// command the child runs under (unshare, setpriv, sh), `args` follow the
+// script in process.argv. Returns the reported value with the child's
+// stdout, stderr and status.
+function childScan(body, { prefix = [], args = [], timeout = 120000 } = {}) {
+  const source = `process.env.OSTREL_BUILD_DIR = ${JSON.stringify(buildDir())};
+    const ostrel = require(${JSON.stringify(repoRoot)});
+    const report = (value) => console.log('RESULT ' + JSON.stringify(value));
+    const scanAll = (root, options = {}) => new Promise((resolve) => {
+      const nodes = [];
+      ostrel.ScanAllSubFiles(root, (u) => nodes.push(...u.nodes), (r) => resolve({ nodes, r }), options);
+    });
+    ${body}`;
+  let r;
+  if (prefix.length) {
+    const s = spawnSync(prefix[0], [...prefix.slice(1), process.execPath, '-e', source, ...args], { encoding: 'utf8', timeout });
+    r = { status: s.status, stdout: s.stdout || '', stderr: s.stderr || '' };
+  } else {
+    r = runChild(source, { timeout });
+  }
+  const line = r.stdout.split(/\r?\n/).reverse().find((l) => l.startsWith('RESULT '));
+  assert.ok(line, `status ${r.status}: ${r.stdout.slice(-2000)} ${r.stderr.slice(-2000)}`);
+  return { ...JSON.parse(line.slice(7)), stdout: r.stdout, stderr: r.stderr, status: r.status };
+}
+
+module.exports = { ostrel, scan, makeTree, removeTree, relPaths, sep, random, longChain, childScan };

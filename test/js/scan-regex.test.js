@@ -1,25 +1,16 @@
 'use strict';
-// Name expressions as script writes them: every answer is checked against
-// this node's own RegExp (full match, as `^(?:source)$`), huge expressions
-// compile or are refused without harming the process, and an expression
-// that backtracks without end costs milliseconds, not minutes.
+// Name expressions as script writes them: every answer of the file and the
+// folder filters is checked against this node's own RegExp (full match, as
+// `^(?:source)$`) on generated expressions and names, the forms JavaScript
+// keeps for old pages and the known gaps are named, and an expression that
+// backtracks without end costs milliseconds, not minutes. Huge expressions
+// and long lists: scan_regex_test.cc.
 const test = require('node:test');
 const assert = require('node:assert/strict');
-const { isWindows, root: repoRoot, buildDir, runChild } = require('./helpers');
-const { ostrel, scan, makeTree, removeTree, relPaths } = require('./scan-fixture');
+const { isWindows } = require('./helpers');
+const { ostrel, scan, makeTree, removeTree, relPaths, random, childScan } = require('./scan-fixture');
 
 const fullMatch = (source, name) => new RegExp(`^(?:${source})$`).test(name);
-
-// A fixed-seed generator (mulberry32): the same expressions and names on
-// every run and platform.
-function random(seed) {
-  return () => {
-    seed = (seed + 0x6d2b79f5) | 0;
-    let t = Math.imul(seed ^ (seed >>> 15), 1 | seed);
-    t = (t + Math.imul(t ^ (t >>> 7), 61 | t)) ^ t;
-    return ((t ^ (t >>> 14)) >>> 0) / 4294967296;
-  };
-}
 
 // Names from a small alphabet (so that expressions often match), unique
 // whatever the case (Windows file systems ignore it); Linux adds line breaks.
@@ -83,24 +74,31 @@ const rnd = random(SEED);
 const NAMES = generatedNames(rnd, 400);
 const PATTERNS = Array.from({ length: 120 }, () => generatedExpression(rnd));
 
-// What a scan with one ignoreFileRegs expression keeps, against RegExp.
-async function checkAgainstRegExp(t, root, names, source) {
-  const { nodes, result } = await scan(root, { ignoreFileRegs: [source], fastMetadata: true });
-  const kept = names.filter((n) => !fullMatch(source, n));
-  assert.deepEqual(nodes.map((n) => n.name).sort(), kept.sort(), `${JSON.stringify(source)}`);
-  assert.equal(result.filteredFileCount, names.length - kept.length);
+// `names` as files at the root and, below the folder "##", as folders each
+// holding the file "x".
+function namesTree(names) {
+  return makeTree({ files: Object.fromEntries(names.flatMap((n) => [[n, ''], [`##/${n}/x`, '']])) });
 }
 
-test('generated expressions answer as RegExp does on generated names', async (t) => {
-  const root = makeTree({ files: Object.fromEntries(NAMES.map((n) => [n, ''])) });
+// What a scan with one expression as ignoreFileRegs and ignoreDirRegs keeps,
+// against RegExp. Returns how many names the expression matched.
+async function checkAgainstRegExp(root, names, source) {
+  const { nodes, result } = await scan(root, { ignoreFileRegs: [source], ignoreDirRegs: [source], fastMetadata: true });
+  const m = (name) => fullMatch(source, name);
+  const files = names.filter((n) => !m(n));
+  const inFolders = m('##') || m('x') ? [] : names.filter((n) => !m(n)).map((n) => `##/${n}/x`);
+  assert.deepEqual(relPaths(nodes), [...files, ...inFolders].sort(), JSON.stringify(source));
+  const filtered = names.length - files.length + (m('##') || !m('x') ? 0 : names.filter((n) => !m(n)).length);
+  assert.equal(result.filteredFileCount, filtered, JSON.stringify(source));
+  return names.length - files.length;
+}
+
+test('generated expressions answer as RegExp does on generated names, for files and folders', async (t) => {
+  const root = namesTree(NAMES);
   t.after(() => removeTree(root));
-  const all = (await scan(root)).nodes.map((n) => n.name);
-  assert.deepEqual([...all].sort(), [...NAMES].sort(), 'the tree holds every name');
+  assert.equal((await scan(root)).nodes.length, 2 * NAMES.length, 'the tree holds every name');
   let matched = 0;
-  for (const source of PATTERNS) {
-    await checkAgainstRegExp(t, root, NAMES, source);
-    matched += NAMES.filter((n) => fullMatch(source, n)).length;
-  }
+  for (const source of PATTERNS) matched += await checkAgainstRegExp(root, NAMES, source);
   // The generator must stay useful: enough matches to compare.
   assert.ok(matched > PATTERNS.length, `only ${matched} of ${PATTERNS.length * NAMES.length} pairs match`);
 });
@@ -111,13 +109,13 @@ test('known differences from RegExp, and the forms JavaScript keeps for old page
     'foobar', 'ébar', 'abc-abc'].filter((n) => !isWindows || !/[<>:]/.test(n))
     // Windows names ignore case: 'A' and 'a' would be one file.
     .filter((n, i, all) => !isWindows || all.findIndex((m) => m.toLowerCase() === n.toLowerCase()) === i);
-  const root = makeTree({ files: Object.fromEntries(names.map((n) => [n, ''])) });
+  const root = namesTree(names);
   t.after(() => removeTree(root));
   for (const source of ['{x}', 'a{2', '[[]y]', 'a\\kb', '\\101', '.\\.png', '..\\.png', '\\ud83d\\ude00\\.png', 'x\\ud83d.*',
     '\\u{41}', 'u{41}', '\\x41\\x4', '\\101\\8', '\\a\\e\\h\\l\\p\\A\\z\\Q\\E\\G', "\\<\\>\\`\\'", '[[:alpha:]]+',
     'a{,2}', 'x{2,3', 'a{b}', '}]', 'a{0,100001}', 'a{2}?', '(a)(b)(c)(d)(e)(f)(g)(h)(i)(j)\\10', '\\k<x>(?<x>a)',
     '(a\\1)', '[\\d-z]+', '[^a\\D]+', '[\\u00e0-\\u00fc]+', '\\bfoo\\b.*', '.*\\bbar', '(.*)-\\1']) {
-    await t.test(`as RegExp: ${JSON.stringify(source)}`, () => checkAgainstRegExp(t, root, names, source));
+    await t.test(`as RegExp: ${JSON.stringify(source)}`, () => checkAgainstRegExp(root, names, source));
   }
   await t.test('a group repeated keeps what an earlier round took, where RegExp empties it', async () => {
     assert.equal(fullMatch('(?:(a)|b)*\\1', 'aba'), false);
@@ -128,127 +126,48 @@ test('known differences from RegExp, and the forms JavaScript keeps for old page
     assert.ok(new RegExp('(?<=a+)b'));
     assert.throws(() => ostrel.ScanAllSubFiles(root, () => {}, () => {}, { ignoreFileRegs: ['(?<=a+)b'] }), /invalid regular expression/);
   });
-});
-
-test('folder and rule expressions use the same reading', async (t) => {
-  const DIRS = ['node_modules', '.git', 'build-1', 'Build_2', 'фото', 'photos', 'x.y'];
-  const files = {};
-  for (const d of DIRS) {
-    files[`${d}/IMG_1.jpg`] = '';
-    files[`${d}/other.txt`] = '';
-  }
-  const root = makeTree({ files });
-  t.after(() => removeTree(root));
-
-  for (const source of ['\\.git', 'build-\\d', '[A-Z]\\w+', 'node_.*', '\\u0444\\S+', '\\w+\\.\\w', '(?!p)[a-z_]+']) {
-    await t.test(`ignoreDirRegs: ${JSON.stringify(source)}`, async () => {
-      const { nodes } = await scan(root, { ignoreDirRegs: [source], fastMetadata: true });
-      const kept = DIRS.filter((d) => !fullMatch(source, d));
-      const expected = kept.flatMap((d) => [`${d}/IMG_1.jpg`, `${d}/other.txt`]).sort();
-      assert.deepEqual(relPaths(nodes), expected);
-    });
-  }
-
-  await t.test('a rule walks folders and takes stems by expression', async () => {
-    const rule = {
-      relativeDirPathRegList: ['(?:ph|\\u0444)\\S+'],
-      omits: [],
-      covers: [{ fileNameReg: '[A-Z]{3}_\\d', extList: [] }],
-    };
-    const { nodes } = await scan(root, { fineGrainedDirs: [rule], fastMetadata: true });
-    assert.deepEqual(relPaths(nodes), ['photos/IMG_1.jpg', 'фото/IMG_1.jpg']);
+  await t.test('groups nested past 256 are refused, with the expression shortened', () => {
+    const nested = `${'('.repeat(20000)}a${')'.repeat(20000)}`;
+    assert.throws(() => ostrel.ScanAllSubFiles(root, () => {}, () => {}, { ignoreFileRegs: [nested] }),
+      /^Error: ScanAllSubFiles: invalid regular expression "\(+\.\.\. \(40001 characters\)": groups nested deeper than 256 in ignoreFileRegs\[0\]$/);
   });
-});
-
-// Child scripts: each loads the module from the build under test and prints
-// one line of JSON (among the module's progress lines).
-function child(body, env = {}) {
-  return runChild(
-    `process.env.OSTREL_BUILD_DIR = ${JSON.stringify(buildDir())};
-     const ostrel = require(${JSON.stringify(repoRoot)});
-     const scanNames = (root, options) => new Promise((resolve) => {
-       const names = [];
-       ostrel.ScanAllSubFiles(root, (u) => names.push(...u.nodes.map((n) => n.name)), (r) => resolve({ names: names.sort(), r }), options);
-     });
-     ${body}`,
-    { timeout: 120000, env },
-  );
-}
-
-const childJson = (stdout) => JSON.parse(stdout.split(/\r?\n/).filter((l) => l.startsWith('{')).pop());
-
-test('huge expressions compile or are refused, in a process that goes on', async (t) => {
-  const root = makeTree({ files: { n0: '', n19999: '', n20000: '', n5x: '', 'n7.txt': '', 'n20000.txt': '', [`${'a'.repeat(200)}.txt`]: '' } });
-  t.after(() => removeTree(root));
-  const r = child(
-    `(async () => {
-       const root = ${JSON.stringify(root)};
-       const out = {};
-       out.literal = await scanNames(root, { ignoreFileRegs: ['a'.repeat(90000), 'a'.repeat(200) + '\\\\.txt'] });
-       try {
-         ostrel.ScanAllSubFiles(root, () => {}, () => {}, { ignoreFileRegs: ['('.repeat(20000) + 'a' + ')'.repeat(20000)] });
-         out.nested = 'compiled';
-       } catch (e) { out.nested = e.message; }
-       const list = Array.from({ length: 20000 }, (_, i) => 'n' + i).join('|');
-       out.list = await scanNames(root, { ignoreFileRegs: [list] });
-       out.grouped = await scanNames(root, { ignoreDirRegs: ['(' + list + ')'], ignoreFileRegs: ['(' + list + ')\\\\.txt'] });
-       console.log(JSON.stringify(out));
-     })();`,
-  );
-  assert.equal(r.signal, null, r.stderr);
-  assert.equal(r.status, 0, r.stderr);
-  const out = childJson(r.stdout);
-  assert.deepEqual(out.literal.names, ['n0', 'n19999', 'n20000', 'n20000.txt', 'n5x', 'n7.txt']);
-  assert.match(out.nested, /^ScanAllSubFiles: invalid regular expression "\(+\.\.\. \(40001 characters\)": groups nested deeper than 256 in ignoreFileRegs\[0\]$/);
-  assert.deepEqual(out.list.names, [`${'a'.repeat(200)}.txt`, 'n20000', 'n20000.txt', 'n5x', 'n7.txt']);
-  assert.deepEqual(out.grouped.names, [`${'a'.repeat(200)}.txt`, 'n0', 'n19999', 'n20000', 'n20000.txt', 'n5x']);
-  assert.doesNotMatch(r.stderr, /too complex/);
 });
 
 // Names on which (a+)+$ backtracks 2^40 times in a plain backtracking engine.
-const HOPELESS = 40;
-const hopelessName = (i) => `${'a'.repeat(40)}!${i}`;
+const HOPELESS = Array.from({ length: 40 }, (_, i) => `${'a'.repeat(40)}!${i}`);
 
-test('an expression that backtracks without end', async (t) => {
+// In a child: the hopeless expressions count as no match (said once per
+// expression on standard error: scan_regex_test.cc), the scan goes on past
+// an update callback that throws; then a scan closed right after its start
+// sends nothing, and the process ends at once.
+test('an expression that backtracks without end, a throwing callback, a scan closed at once', (t) => {
   const files = { aaaa: '', 'b.txt': '', [`${'a'.repeat(40)}/x.txt`]: '', [`${'a'.repeat(40)}!/y.txt`]: '' };
-  for (let i = 0; i < HOPELESS; i++) files[hopelessName(i)] = '';
+  for (const name of HOPELESS) files[name] = '';
+  for (let i = 0; i < 1500; i++) files[`d${i % 10}/f${i}.txt`] = '';
   const root = makeTree({ files });
   t.after(() => removeTree(root));
-
-  await t.test('counts as no match, said once per expression on standard error', () => {
-    const r = child(
-      `scanNames(${JSON.stringify(root)}, { ignoreFileRegs: ['(a+)+$'], ignoreDirRegs: ['(a|aa)+'] })
-         .then((out) => console.log(JSON.stringify(out)));`,
-    );
-    assert.equal(r.signal, null, r.stderr);
-    assert.equal(r.status, 0, r.stderr);
-    const { names, r: result } = childJson(r.stdout);
-    const hopeless = Array.from({ length: HOPELESS }, (_, i) => hopelessName(i));
-    // The folder of a's is left out; the one ending in "!" is walked.
-    assert.deepEqual(names, ['b.txt', ...hopeless, 'y.txt'].sort());
-    assert.equal(result.filteredFileCount, 1); // aaaa
-    const lines = r.stderr.split(/\r?\n/).filter((l) => l.includes('too complex'));
-    assert.equal(lines.length, 2, r.stderr);
-    assert.ok(lines.some((l) => l.startsWith('name filter: the regular expression "(a+)+$" is too complex for "aaaa')), r.stderr);
-    assert.ok(lines.some((l) => l.startsWith('name filter: the regular expression "(a|aa)+" is too complex for "aaaa')), r.stderr);
-    assert.ok(lines.every((l) => l.endsWith('; treated as no match (not reported again for this expression)')), r.stderr);
-  });
-
-  await t.test('close() and process.exit() right after the start end the process at once', () => {
-    const r = child(
-      `const close = ostrel.ScanAllSubFiles(${JSON.stringify(root)}, () => {}, () => {}, { ignoreFileRegs: ['(a+)+$'] });
-       setImmediate(() => {
-         close();
-         require('fs').writeSync(1, 'exiting ' + Date.now() + '\\n');
-         process.exit(3);
-       });`,
-    );
-    const ended = Date.now();
-    assert.equal(r.signal, null, r.stderr);
-    assert.equal(r.status, 3, r.stderr);
-    const m = /exiting (\d+)/.exec(r.stdout);
-    assert.ok(m, r.stdout);
-    const exitMs = ended - Number(m[1]);
-    assert.ok(exitMs < 1000, `the process took ${exitMs} ms to exit`);
-  });
+  const r = childScan(
+    `const root = ${JSON.stringify(root)};
+     const names = [];
+     ostrel.ScanAllSubFiles(root, (u) => {
+       names.push(...u.nodes.map((n) => n.name));
+       throw new Error('boom');
+     }, (res) => {
+       report({ names, res });
+       ostrel.ScanAllSubFiles(root, () => console.log('UPDATE'), () => console.log('RESULT late'), { ignoreFileRegs: ['(a*)*$'] })();
+       console.log('CLOSED ' + Date.now());
+       process.on('exit', () => console.log('EXIT'));
+     }, { ignoreFileRegs: ['(a+)+$'], ignoreDirRegs: ['(a|aa)+'] });`,
+  );
+  const exitMs = Date.now() - Number((/^CLOSED (\d+)/m.exec(r.stdout) || [])[1]);
+  assert.equal(r.status, 0, r.stderr);
+  // The folder of a's is left out; the one ending in "!" is walked.
+  const expected = ['b.txt', 'y.txt', ...HOPELESS, ...Array.from({ length: 1500 }, (_, i) => `f${i}.txt`)];
+  assert.deepEqual(r.names.sort(), expected.sort());
+  assert.deepEqual([r.res.totalFileCount, r.res.filteredFileCount], [expected.length + 1, 1]); // aaaa
+  assert.match(r.stdout, /Caught Napi::Error in ScanFileUpdate: boom/);
+  assert.equal(r.stderr.split(/\r?\n/).filter((l) => /expression "(\(a\+\)\+\$|\(a\|aa\)\+)" is too complex/.test(l)).length, 2, r.stderr);
+  assert.doesNotMatch(r.stdout, /UPDATE|RESULT late/);
+  assert.match(r.stdout, /^EXIT/m);
+  assert.ok(exitMs < 1000, `the process took ${exitMs} ms to end after close()`);
 });

@@ -11,6 +11,7 @@ const ts = require('typescript');
 const { root, isWindows } = require('./helpers');
 const ostrel = require('../..');
 const { watch, tempDir } = require('./watch-fixture');
+const { scan, makeTree, removeTree } = require('./scan-fixture');
 
 const source = ts.createSourceFile('index.d.ts', fs.readFileSync(path.join(root, 'index.d.ts'), 'utf8'), ts.ScriptTarget.Latest, true);
 const exported = (node) => (ts.getModifiers(node) || []).some((m) => m.kind === ts.SyntaxKind.ExportKeyword);
@@ -58,32 +59,21 @@ test('the exports are declared in the order the module attaches them', () => {
   assert.deepEqual(declaredExports, Object.keys(ostrel));
 });
 
-test('scan results have the declared properties, in order', async () => {
-  const dir = tempDir('ostrel-typings-');
-  try {
-    fs.mkdirSync(path.join(dir, 'sub'));
-    fs.writeFileSync(path.join(dir, 'sub', 'a.txt'), 'a');
-    const nodes = [];
-    const dirs = [];
-    const result = await new Promise((resolve) => {
-      ostrel.ScanAllSubFiles(dir, (u) => {
-        conforms(u, 'ScanUpdate');
-        nodes.push(...u.nodes);
-        dirs.push(...u.dirs);
-      }, resolve, { needDirs: true });
-    });
-    conforms(result, 'ScanResult');
-    assert.equal(nodes.length, 1);
-    assert.equal(dirs.length, 1);
-    for (const f of [...nodes, ...dirs]) conforms(f, 'FileObject');
-    const missing = await new Promise((resolve) => {
-      ostrel.ScanAllSubFiles(path.join(dir, 'none'), () => {}, resolve, {});
-    });
-    assert.equal(missing.skippedFolders.length, 1);
-    conforms(missing.skippedFolders[0], 'SkippedFolder');
-  } finally {
-    fs.rmSync(dir, { recursive: true, force: true });
-  }
+test('scan results have the declared properties, in order', async (t) => {
+  const dir = makeTree({ files: { 'sub/a.txt': 'a' } });
+  t.after(() => removeTree(dir));
+  const updates = [];
+  const result = await new Promise((resolve) => {
+    ostrel.ScanAllSubFiles(dir, (u) => updates.push(u), resolve, { needDirs: true });
+  });
+  for (const u of updates) conforms(u, 'ScanUpdate');
+  conforms(result, 'ScanResult');
+  const objects = updates.flatMap((u) => [...u.nodes, ...u.dirs]);
+  assert.equal(objects.length, 2);
+  for (const f of objects) conforms(f, 'FileObject');
+  const { result: missing } = await scan(path.join(dir, 'none'));
+  assert.equal(missing.skippedFolders.length, 1);
+  conforms(missing.skippedFolders[0], 'SkippedFolder');
 });
 
 test('watch events and failures have the declared properties, in order', async () => {

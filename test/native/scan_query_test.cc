@@ -58,27 +58,17 @@ TEST_F(FillFileInfo, FillsFilesAndFolders) {
   EXPECT_GT(folder->mtimeMs, 1.5e12);
 }
 
-TEST_F(FillFileInfo, AFileDeletedBeforeItsQueryGivesFalse) {
-  fs::path file = dir_ / "gone.txt";
-  std::ofstream(file) << "x";
-  auto info = record(file);  // listed...
-  fs::remove(file);          // ...then deleted before the query
-  EXPECT_FALSE(sync_wait(FillFileInfoAsync(info)));
-  EXPECT_TRUE(info->readable);
-  EXPECT_EQ(info->size, 0u);
-  EXPECT_EQ(info->mtimeMs, 0.0);
-}
-
-// A folder deleted while its entries wait for their query: the entry is
-// gone (Windows reports ERROR_PATH_NOT_FOUND when a folder on the path is
-// missing, Linux ENOENT), so it is dropped at once, neither retried nor
-// logged.
-TEST_F(FillFileInfo, AFileWhoseFolderWasDeletedGivesFalseWithoutRetries) {
+// A file, or a folder on its path, deleted while the entry waits for its
+// query: the entry is gone (Windows reports ERROR_PATH_NOT_FOUND when a
+// folder on the path is missing, Linux ENOENT), so it is dropped at once
+// with its empty metadata, neither retried nor logged.
+TEST_F(FillFileInfo, AVanishedFileGivesFalseWithoutRetries) {
   struct {
     const char* what;
     fs::path file;
     fs::path removed;
   } cases[] = {
+      {"the file", dir_ / "gone0" / "a.txt", dir_ / "gone0" / "a.txt"},
       {"its folder", dir_ / "gone1" / "a.txt", dir_ / "gone1"},
       {"a folder two levels up", dir_ / "gone2" / "sub" / "a.txt", dir_ / "gone2"},
   };
@@ -93,6 +83,7 @@ TEST_F(FillFileInfo, AFileWhoseFolderWasDeletedGivesFalseWithoutRetries) {
     EXPECT_FALSE(result) << c.what;
     EXPECT_TRUE(info->readable) << c.what;
     EXPECT_EQ(info->size, 0u) << c.what;
+    EXPECT_EQ(info->mtimeMs, 0.0) << c.what;
     EXPECT_EQ(out.find("FillFileInfoAsync"), std::string::npos) << c.what << ": " << out;
   }
 }
