@@ -211,6 +211,11 @@ std::uint64_t io_service::process_events() {
     std::uint32_t error = 0;
     if (key >= posted_key_base) {
       error = static_cast<std::uint32_t>(key - posted_key_base);
+      // TRICKY: the post() that queued this holds the lock until it has
+      // returned from PostQueuedCompletionStatus. Resumed before it lets go,
+      // the task could free the last hold on this service and post() would
+      // then release a freed lock: wait for it here.
+      std::lock_guard barrier(impl_->post_mutex);
     } else if (!ok) {
       error = GetLastError();
     }
