@@ -47,7 +47,6 @@ struct volume {
 // process, then fails with RPC_E_TOO_LATE.
 struct machine {
   hresult initialize = 0;  // a failure counts nothing
-  hresult security = 0;
   bool security_already_set = false;
   hresult create_locator = 0;
   hresult connect = 0;
@@ -148,7 +147,6 @@ class com : public com_api {
   hresult initialize_security() override {
     ++m_->security_calls;
     if (!m_->com_ready()) return co_e_notinitialized;
-    if (m_->security < 0) return m_->security;
     std::lock_guard lock(m_->mutex);
     return std::exchange(m_->security_already_set, true) ? rpc_e_too_late : 0;
   }
