@@ -87,6 +87,7 @@ TEST(StorageMounts, RulesBeyondTheDesktop) {
     EXPECT_EQ(is_listed_mount(m), c.listed) << c.fs;
     EXPECT_EQ(linux_drive_type(m, &fixed), c.type) << c.fs;
   }
+  EXPECT_STREQ(drive_type_description(0), "Unknown");  // WMI's text for type 0
 }
 
 std::string fixtures() {

@@ -80,6 +80,7 @@ TEST(TelemetryQueues, ARequeuedBatchGoesBackInFront) {
   auto batch = q.take_all();
   q.push(make_tvk_record(0, "newer", {}));
   q.requeue_front(std::move(batch));
+  EXPECT_EQ(q.size(), 4u);
   std::vector<std::string> order;
   for (const auto& r : q.take_all()) order.push_back(*r.msg);
   EXPECT_EQ(order, (std::vector<std::string>{"1", "2", "3", "newer"}));
@@ -91,6 +92,7 @@ TEST(TelemetryQueues, FactsNeedASink) {
   q.set_sink_count(1);
   EXPECT_TRUE(q.post("one", {{"k", "1"}}));
   q.set_sink_count(0);  // the last sink went away: nothing is kept for later
+  EXPECT_EQ(q.size(), 0u);
   q.set_sink_count(2);
   EXPECT_TRUE(q.post("three", {{"a", "b"}}));
   auto facts = q.take_all();
