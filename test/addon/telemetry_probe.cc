@@ -27,11 +27,14 @@ namespace ostrel::probe {
 
 namespace {
 
-// Runs `body` on a plain native thread and waits for it.
+// Runs `body` here, or on a plain native thread and waits for it.
 template <typename Fn>
-void on_native_thread(Fn body) {
-  std::thread t(std::move(body));
-  t.join();
+void produce(bool off_main_thread, Fn body) {
+  if (off_main_thread) {
+    std::thread(body).join();
+  } else {
+    body();
+  }
 }
 
 // reportEvent(category, message, [[key, value], ...], offMainThread)
@@ -46,20 +49,7 @@ Napi::Value report_event(const Napi::CallbackInfo& info) {
     Napi::Array pair = pairs.Get(i).As<Napi::Array>();
     fields.emplace_back(pair.Get(0u).ToString().Utf8Value(), pair.Get(1u).ToString().Utf8Value());
   }
-  if (info[3].As<Napi::Boolean>()) {
-    on_native_thread([&] { telemetry::report_event(category, message, fields); });
-  } else {
-    telemetry::report_event(category, message, fields);
-  }
-  return info.Env().Undefined();
-}
-
-// reportModuleEvent(what, value, success)
-Napi::Value report_module_event(const Napi::CallbackInfo& info) {
-  check_arg_count(info, 3);
-  check_arg_types(info, {napi_string, napi_number, napi_boolean});
-  telemetry::report_module_event(info[0].As<Napi::String>().Utf8Value(), info[1].As<Napi::Number>().Int32Value(),
-                                 info[2].As<Napi::Boolean>());
+  produce(info[3].As<Napi::Boolean>(), [&] { telemetry::report_event(category, message, fields); });
   return info.Env().Undefined();
 }
 
@@ -75,11 +65,7 @@ Napi::Value post_fact(const Napi::CallbackInfo& info) {
     std::string key = keys.Get(i).ToString();
     attributes[key] = object.Get(key).ToString().Utf8Value();
   }
-  if (info[2].As<Napi::Boolean>()) {
-    on_native_thread([&] { telemetry::post_fact(name, attributes); });
-  } else {
-    telemetry::post_fact(std::move(name), std::move(attributes));
-  }
+  produce(info[2].As<Napi::Boolean>(), [&] { telemetry::post_fact(name, attributes); });
   return info.Env().Undefined();
 }
 
@@ -174,7 +160,6 @@ void register_telemetry_probe(Napi::Env env, Napi::Object exports) {
   exports::register_tracers(env, exports);
   exports::register_fact(env, exports);
   exports.Set("reportEvent", Napi::Function::New(env, report_event));
-  exports.Set("reportModuleEvent", Napi::Function::New(env, report_module_event));
   exports.Set("postFact", Napi::Function::New(env, post_fact));
   exports.Set("recordStat", Napi::Function::New(env, record_stat));
   exports.Set("recordFromThreads", Napi::Function::New(env, record_from_threads));

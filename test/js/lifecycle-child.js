@@ -46,7 +46,7 @@ const rows = {
     again: (o) => o.GetDriveList().then((l) => l.length > 0),
   },
   // The runtime probe answering GetDriveList/GetHardwareDisk from a slow
-  // machine description (storage-machines.test.js).
+  // machine description (storage.test.js).
   'storage over slow WMI': {
     load: (d) => require(d.probe),
     start: (p, d, inside) => {
