@@ -40,10 +40,9 @@ class blocking_executor : public std::enable_shared_from_this<blocking_executor>
     std::chrono::steady_clock::time_point queued_at{};  // set by post
   };
 
-  static std::shared_ptr<blocking_executor> create(std::size_t max_threads,
-                                                   std::chrono::milliseconds idle_exit = std::chrono::seconds(10),
-                                                   std::size_t eager_threads = 4,
-                                                   std::chrono::milliseconds stall_wait = std::chrono::milliseconds(50));
+  static std::shared_ptr<blocking_executor> create(
+      std::size_t max_threads, std::chrono::milliseconds idle_exit = std::chrono::seconds(10),
+      std::size_t eager_threads = 4, std::chrono::milliseconds stall_wait = std::chrono::milliseconds(50));
 
   // Queues `i`. A task whose token is cancelled by the time a thread takes it
   // is handed to `on_cancelled` instead of being resumed on that thread.
