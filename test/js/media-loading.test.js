@@ -142,27 +142,6 @@ test('InitCorvexSync: the network library is bound only with a BigInt and znetAv
   }
 });
 
-test('with the renderer missing the load stops there and names it', () => {
-  const dir = simDir('noplacebo');
-  const r = runMedia(`
-    m.InitCorvexSync({ corvexDir: ${JSON.stringify(dir)}, znetPointer: 1n, znetAvailable: true });
-    await m.CreateMediaPlayer().then(() => out('created'), (e) => out('create', e.message));
-    // The decoder, loaded before the renderer failed, was released again.
-    if (process.platform === 'linux') out('mapped', require('fs').readFileSync('/proc/self/maps', 'utf8').includes('libcorvexffmpeg'));
-  `);
-  if (!isWindows) assert.equal(r.outs.mapped, false);
-  const [s] = r.stats('InitCorvexV2');
-  const expected = `Error code: -1 open ${dir}${sep}libplacebo-291${isWindows ? '.dll' : '.so'} error:`;
-  assert.ok(s.bl3.startsWith(expected), s.bl3);
-  if (isWindows) assert.equal(s.bl3, expected + '126');
-  assert.equal(s.message, s.bl3);
-  // Binding without a table: status -1, message the load error.
-  const [b] = r.stats('CorvexbindZNetPointer');
-  assert.equal(b.c4, '-1');
-  assert.equal(b.bl1, s.bl3.replace('Error code: -1 ', ''));
-  assert.equal(r.outs.create, 'CreateMediaPlayer failed: corvex not initialized');
-});
-
 test('a player library without the entry point fails once, then counts as loaded without a table', () => {
   const r = runMedia(`
     m.InitCorvexSync({ corvexDir: ${JSON.stringify(simDir('noentry'))} });
@@ -185,30 +164,15 @@ test('a player library without the entry point fails once, then counts as loaded
   assert.equal(r.outs.version, '');
 });
 
-test('an empty or relative folder is refused, even with the libraries in the current directory', () => {
-  // Loaded by bare name or relative path, the libraries would come from the
-  // current directory (Windows) or the system's search: anyone's copy. (Which
-  // folders are absolute: media_test.cc.)
-  const relative = path.relative(path.dirname(full), full);
-  const folders = ['', relative];
-  for (const dir of folders) {
-    const r = runMedia(`
-      m.InitCorvexSync({ corvexDir: ${JSON.stringify(dir)} });
-      await m.CreateMediaPlayer().then(() => out('created'), (e) => out('create', e.message));
-    `, { cwd: isWindows ? full : path.dirname(full), env: isWindows ? {} : { LD_LIBRARY_PATH: full } });
-    assert.equal(r.outs.create, 'CreateMediaPlayer failed: corvex not initialized', dir);
-    assert.ok(r.stderr.includes(`Refusing to load the media SDK from "${dir}": the folder must be an absolute path`), r.stderr);
-    const [s] = r.stats('InitCorvexV2');
-    const first = dir === '' ? libNames[0] : `${dir}${sep}${libNames[0]}`;
-    assert.equal(s.bl3, `Error code: -1 open ${first} error:${isWindows ? '87' : 'the folder is not an absolute path'}`, dir);
-    assert.equal(s.c2, isWindows ? '87' : '22', dir);
-    assert.ok(r.stdout.includes(`Corvex init failed. corvex_source: ${s.bl3}${dir}`), r.stdout);
-  }
-});
-
-test('a library cut short fails to load like a missing one, and the process lives', () => {
-  const dir = copySim(tempDir('cut'));
-  const player = path.join(dir, libNames[2]);
+// Loads that fail, one body: the renderer missing (the decoder, loaded
+// before it, is released again), an empty or relative folder refused even
+// with the libraries in the current directory (loaded by bare name or
+// relative path they would come from the current directory or the system's
+// search: anyone's copy; which folders are absolute: media_test.cc), and the
+// player library cut short (it used to crash the process with SIGBUS).
+test('a load that fails creates nothing, releases what it loaded, names the library and lets the process live', () => {
+  const cut = copySim(tempDir('cut'));
+  const player = path.join(cut, libNames[2]);
   const whole = fs.readFileSync(player);
   // Where the loaded part of the file ends (ELF: the last segment's end;
   // what follows, such as debugging sections, dlopen never reads).
@@ -222,21 +186,43 @@ test('a library cut short fails to load like a missing one, and the process live
       loadEnd = Math.max(loadEnd, Number(whole.readBigUInt64LE(at + 8)) + Number(whole.readBigUInt64LE(at + 32)));
     }
   }
-  // Windows: cut inside the headers and the first section (a PE file may
-  // end in sections the loader never needs).
-  for (const keep of isWindows ? [4096, 1024, 63, 0] : [loadEnd - 1, loadEnd >> 1, 4096, 63, 0]) {
-    fs.writeFileSync(player, whole.subarray(0, keep));
+  const noplacebo = simDir('noplacebo');
+  const inCwd = { cwd: isWindows ? full : path.dirname(full), env: isWindows ? {} : { LD_LIBRARY_PATH: full } };
+  // Each row: the folder, the library named, the end of the error text, and
+  // what InitCorvexSync's statistic gives as its code when checked.
+  const rows = [
+    { dir: noplacebo, lib: path.join(noplacebo, libNames[1]), error: isWindows ? '126' : '' },
+    ...['', path.relative(path.dirname(full), full)].map((dir) => ({
+      dir, opts: inCwd, lib: dir === '' ? libNames[0] : `${dir}${sep}${libNames[0]}`, refused: true,
+      error: isWindows ? '87' : 'the folder is not an absolute path', code: isWindows ? '87' : '22',
+    })),
+    // Windows: cut inside the headers and the first section (a PE file may
+    // end in sections the loader never needs).
+    ...(isWindows ? [4096, 1024, 63, 0] : [loadEnd - 1, loadEnd >> 1, 4096, 63, 0]).map((keep) => ({
+      dir: cut, lib: player, keep, error: isWindows ? '' : 'not a complete ELF object for this machine',
+    })),
+  ];
+  for (const row of rows) {
+    if (row.keep !== undefined) fs.writeFileSync(player, whole.subarray(0, row.keep));
+    const what = JSON.stringify(row);
     const r = runMedia(`
-      m.InitCorvexSync({ corvexDir: ${JSON.stringify(dir)} });
+      m.InitCorvexSync({ corvexDir: ${JSON.stringify(row.dir)}, znetPointer: 1n, znetAvailable: true });
       await m.CreateMediaPlayer().then((p) => out('created', p.dispose()), (e) => out('create', e.message));
-    `);
-    assert.equal(r.outs.create, 'CreateMediaPlayer failed: corvex not initialized', String(keep));
+      if (process.platform === 'linux') out('mapped', require('fs').readFileSync('/proc/self/maps', 'utf8').includes('libcorvexffmpeg'));
+    `, row.opts);
+    assert.equal(r.outs.create, 'CreateMediaPlayer failed: corvex not initialized', what);
+    if (!isWindows) assert.equal(r.outs.mapped, false, what);
+    assert.equal(r.stats('CreateUniqueMediaPlayer').length, 0, what);
     const [s] = r.stats('InitCorvexV2');
-    assert.ok(s.bl3.startsWith(`Error code: -1 open ${player} error:`), s.bl3);
-    if (!isWindows) assert.ok(s.bl3.includes('not a complete ELF object for this machine'), s.bl3);
-    assert.ok(r.stdout.includes(`Corvex init failed. corvex_source: ${s.bl3}${dir}`), r.stdout);
-    // The decoder and renderer, loaded before, were released again.
-    assert.equal(r.stats('CreateUniqueMediaPlayer').length, 0);
+    assert.ok(s.bl3.startsWith(`Error code: -1 open ${row.lib} error:`) && s.bl3.includes(row.error), `${what}: ${s.bl3}`);
+    if (row.refused || isWindows) assert.ok(s.bl3.endsWith(`error:${row.error}`), `${what}: ${s.bl3}`);
+    assert.equal(s.message, s.bl3, what);
+    if (row.code) assert.equal(s.c2, row.code, what);
+    assert.ok(r.stdout.includes(`Corvex init failed. corvex_source: ${s.bl3}${row.dir}`), r.stdout);
+    assert.equal(r.stderr.includes(`Refusing to load the media SDK from "${row.dir}": the folder must be an absolute path`), !!row.refused, r.stderr);
+    // Binding without a table: status -1, message the load error.
+    const [b] = r.stats('CorvexbindZNetPointer');
+    assert.deepEqual([b.c4, b.bl1], ['-1', s.bl3.replace('Error code: -1 ', '')], what);
   }
 });
 
