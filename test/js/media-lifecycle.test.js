@@ -82,7 +82,10 @@ test('a notification the SDK sends late after a stop is delivered; after dispose
   assert.match(r.stdout, /^SEEN true $/m);
 });
 
-test('a player that script no longer references plays on and keeps the process alive; disposed, it lets the process end', () => {
+// Disposed, players let the process end: lifecycle.test.js ("closed twice
+// inside its first callback" disposes three players with work in flight and
+// waits for the process to end by itself).
+test('a player that script no longer references plays on and keeps the process alive', () => {
   const held = run(`
     const v8 = require('v8');
     v8.setFlagsFromString('--expose-gc');
@@ -98,14 +101,6 @@ test('a player that script no longer references plays on and keeps the process a
   `, { timeout: 15000 });
   assert.match(held.stdout, /^COMPLETE$/m);
   assert.notEqual(held.signal, null, 'the process should still have been running');
-
-  const released = run(`
-    m.CreateMediaPlayer().then((p) => {
-      setTimeout(() => { p.dispose(); console.log('DISPOSED'); }, 500);
-    });
-  `, { timeout: 20000 });
-  assert.equal(released.status, 0, released.stderr);
-  assert.match(released.stdout, /^DISPOSED$/m);
 });
 
 test('1,000 create/play/dispose cycles: no crash, flat memory, every disposed player collected', () => {
