@@ -68,16 +68,17 @@ test('without an SDK every call searches again and fails with its own message', 
   assert.ok(r.stdout.includes(`End Init Corvex from ${lastTried} 0 `), r.stdout);
 });
 
-test('InitCorvexSync loads from a directory, binds the network library once, and a second call does nothing', () => {
+// The library paths joined to the folder: media_test.cc (MediaPaths).
+test('InitCorvexSync loads from a directory (here with a trailing separator), binds the network library once, and a second call does nothing', () => {
   const r = runMedia(`
-    m.InitCorvexSync({ corvexDir: ${JSON.stringify(full)}, znetPointer: 0x7bn, znetAvailable: true });
+    m.InitCorvexSync({ corvexDir: ${JSON.stringify(full + sep)}, znetPointer: 0x7bn, znetAvailable: true });
     m.InitCorvexSync({ corvexDir: 'elsewhere', znetPointer: 0x99n, znetAvailable: true });
     const p = await m.CreateMediaPlayer();
     out('version', p.version);
     p.dispose();
   `);
   assert.match(r.stdout, /^Corvex inited\. corvex_source: $/m);
-  assert.ok(r.stdout.includes(`End Init Corvex from ${full} 1 0`), r.stdout);
+  assert.ok(r.stdout.includes(`End Init Corvex from ${full}${sep} 1 0`), r.stdout);
   assert.equal(r.stdout.match(/^corvex-sim: bind network library/gm).length, 1);
   assert.match(r.stdout, /^corvex-sim: bind network library 0x7b$/m);
   assert.match(r.stdout, /^Corvex already inited\.$/m);
@@ -141,59 +142,12 @@ test('InitCorvexSync: the network library is bound only with a BigInt and znetAv
   }
 });
 
-test('a directory gets one separator before each library name', () => {
-  const missing = path.join(tempDir('sep'), 'nothing');
-  for (const [dir, expected] of [
-    [missing, `${missing}${sep}${libNames[0]}`],
-    [missing + '/', `${missing}/${libNames[0]}`],
-    [missing + '\\', `${missing}\\${libNames[0]}`],
-  ]) {
-    const r = runMedia(`m.InitCorvexSync({ corvexDir: ${JSON.stringify(dir)} });`);
-    const [s] = r.stats('InitCorvexV2');
-    assert.equal(s.w_succ, 0);
-    assert.equal(s.bl1, 'custom_init');
-    assert.equal(s.bl2, dir);
-    assert.ok(s.bl3.startsWith(`Error code: -1 open ${expected} error:`), s.bl3);
-    if (isWindows) assert.equal(s.bl3, `Error code: -1 open ${expected} error:126`);
-    assert.ok(r.stdout.includes(`Corvex init failed. corvex_source: ${s.bl3}${dir}`), r.stdout);
-    assert.ok(r.stdout.includes(`End Init Corvex from ${dir} 0 `), r.stdout);
-  }
-  // A trailing separator loads as well as none.
-  const r = runMedia(`m.InitCorvexSync({ corvexDir: ${JSON.stringify(full + sep)} }); out('ok', (await m.CreateMediaPlayer()).dispose());`);
-  assert.equal(r.outs.ok, true);
-});
-
-test('with the renderer missing the load stops there and names it', () => {
-  const dir = simDir('noplacebo');
-  const r = runMedia(`
-    m.InitCorvexSync({ corvexDir: ${JSON.stringify(dir)}, znetPointer: 1n, znetAvailable: true });
-    await m.CreateMediaPlayer().then(() => out('created'), (e) => out('create', e.message));
-    // The decoder, loaded before the renderer failed, was released again.
-    if (process.platform === 'linux') out('mapped', require('fs').readFileSync('/proc/self/maps', 'utf8').includes('libcorvexffmpeg'));
-  `);
-  if (!isWindows) assert.equal(r.outs.mapped, false);
-  const [s] = r.stats('InitCorvexV2');
-  const expected = `Error code: -1 open ${dir}${sep}libplacebo-291${isWindows ? '.dll' : '.so'} error:`;
-  assert.ok(s.bl3.startsWith(expected), s.bl3);
-  if (isWindows) assert.equal(s.bl3, expected + '126');
-  assert.equal(s.message, s.bl3);
-  // Binding without a table: status -1, message the load error.
-  const [b] = r.stats('CorvexbindZNetPointer');
-  assert.equal(b.c4, '-1');
-  assert.equal(b.bl1, s.bl3.replace('Error code: -1 ', ''));
-  assert.equal(r.outs.create, 'CreateMediaPlayer failed: corvex not initialized');
-});
-
 test('a player library without the entry point fails once, then counts as loaded without a table', () => {
   const r = runMedia(`
     m.InitCorvexSync({ corvexDir: ${JSON.stringify(simDir('noentry'))} });
     m.InitCorvexSync({ corvexDir: 'anywhere-at-all', znetPointer: 1n, znetAvailable: true });
     await m.CreateMediaPlayer().then(() => out('created'), (e) => out('create', e.message));
-    const p = new m.CorvexMediaPlayer();
-    out('version', p.version);
-    out('play', await p.play('sim://media').then(() => 'resolved', (e) => e.message));
-    out('seek', p.seekTo(0));
-    out('dispose', p.dispose());
+    out('version', new m.CorvexMediaPlayer().version);
   `);
   const v2 = r.stats('InitCorvexV2');
   assert.equal(v2.length, 2);
@@ -202,40 +156,23 @@ test('a player library without the entry point fails once, then counts as loaded
   assert.equal(v2[1].w_succ, 1);
   assert.ok(r.stdout.includes('End Init Corvex from anywhere-at-all 1 0'), r.stdout);
   assert.deepEqual(r.stats('CorvexbindZNetPointer').map((b) => b.c4), ['0', '-1']);
-  // The SDK gave no player: CreateMediaPlayer still resolves, with a
-  // player whose commands all fail.
+  // The SDK gave no player: CreateMediaPlayer still resolves, with a player
+  // whose commands all fail (as media-lifecycle.test.js checks).
   assert.equal(r.outs.created, null);
   assert.match(r.stderr, /^CreateUniqueMediaPlayer failed$/m);
   assert.ok(r.stats('CreateUniqueMediaPlayer').every((s) => s.w_succ === 0));
   assert.equal(r.outs.version, '');
-  assert.equal(r.outs.play, 'not init');
-  assert.equal(r.outs.seek, false);
-  assert.equal(r.outs.dispose, true);
 });
 
-test('an empty or relative folder is refused, even with the libraries in the current directory', () => {
-  // Loaded by bare name or relative path, the libraries would come from the
-  // current directory (Windows) or the system's search: anyone's copy.
-  const relative = path.relative(path.dirname(full), full);
-  const folders = ['', relative, 'x/../' + relative, ...(isWindows ? ['C:' + relative, '\\' + relative] : [])];
-  for (const dir of folders) {
-    const r = runMedia(`
-      m.InitCorvexSync({ corvexDir: ${JSON.stringify(dir)} });
-      await m.CreateMediaPlayer().then(() => out('created'), (e) => out('create', e.message));
-    `, { cwd: isWindows ? full : path.dirname(full), env: isWindows ? {} : { LD_LIBRARY_PATH: full } });
-    assert.equal(r.outs.create, 'CreateMediaPlayer failed: corvex not initialized', dir);
-    assert.ok(r.stderr.includes(`Refusing to load the media SDK from "${dir}": the folder must be an absolute path`), r.stderr);
-    const [s] = r.stats('InitCorvexV2');
-    const first = dir === '' ? libNames[0] : `${dir}${sep}${libNames[0]}`;
-    assert.equal(s.bl3, `Error code: -1 open ${first} error:${isWindows ? '87' : 'the folder is not an absolute path'}`, dir);
-    assert.equal(s.c2, isWindows ? '87' : '22', dir);
-    assert.ok(r.stdout.includes(`Corvex init failed. corvex_source: ${s.bl3}${dir}`), r.stdout);
-  }
-});
-
-test('a library cut short fails to load like a missing one, and the process lives', () => {
-  const dir = copySim(tempDir('cut'));
-  const player = path.join(dir, libNames[2]);
+// Loads that fail, one body: the renderer missing (the decoder, loaded
+// before it, is released again), an empty or relative folder refused even
+// with the libraries in the current directory (loaded by bare name or
+// relative path they would come from the current directory or the system's
+// search: anyone's copy; which folders are absolute: media_test.cc), and the
+// player library cut short (it used to crash the process with SIGBUS).
+test('a load that fails creates nothing, releases what it loaded, names the library and lets the process live', () => {
+  const cut = copySim(tempDir('cut'));
+  const player = path.join(cut, libNames[2]);
   const whole = fs.readFileSync(player);
   // Where the loaded part of the file ends (ELF: the last segment's end;
   // what follows, such as debugging sections, dlopen never reads).
@@ -249,21 +186,43 @@ test('a library cut short fails to load like a missing one, and the process live
       loadEnd = Math.max(loadEnd, Number(whole.readBigUInt64LE(at + 8)) + Number(whole.readBigUInt64LE(at + 32)));
     }
   }
-  // Windows: cut inside the headers and the first section (a PE file may
-  // end in sections the loader never needs).
-  for (const keep of isWindows ? [4096, 1024, 63, 0] : [loadEnd - 1, loadEnd >> 1, 4096, 63, 0]) {
-    fs.writeFileSync(player, whole.subarray(0, keep));
+  const noplacebo = simDir('noplacebo');
+  const inCwd = { cwd: isWindows ? full : path.dirname(full), env: isWindows ? {} : { LD_LIBRARY_PATH: full } };
+  // Each row: the folder, the library named, the end of the error text, and
+  // what InitCorvexSync's statistic gives as its code when checked.
+  const rows = [
+    { dir: noplacebo, lib: path.join(noplacebo, libNames[1]), error: isWindows ? '126' : '' },
+    ...['', path.relative(path.dirname(full), full)].map((dir) => ({
+      dir, opts: inCwd, lib: dir === '' ? libNames[0] : `${dir}${sep}${libNames[0]}`, refused: true,
+      error: isWindows ? '87' : 'the folder is not an absolute path', code: isWindows ? '87' : '22',
+    })),
+    // Windows: cut inside the headers and the first section (a PE file may
+    // end in sections the loader never needs).
+    ...(isWindows ? [4096, 1024, 63, 0] : [loadEnd - 1, loadEnd >> 1, 4096, 63, 0]).map((keep) => ({
+      dir: cut, lib: player, keep, error: isWindows ? '' : 'not a complete ELF object for this machine',
+    })),
+  ];
+  for (const row of rows) {
+    if (row.keep !== undefined) fs.writeFileSync(player, whole.subarray(0, row.keep));
+    const what = JSON.stringify(row);
     const r = runMedia(`
-      m.InitCorvexSync({ corvexDir: ${JSON.stringify(dir)} });
+      m.InitCorvexSync({ corvexDir: ${JSON.stringify(row.dir)}, znetPointer: 1n, znetAvailable: true });
       await m.CreateMediaPlayer().then((p) => out('created', p.dispose()), (e) => out('create', e.message));
-    `);
-    assert.equal(r.outs.create, 'CreateMediaPlayer failed: corvex not initialized', String(keep));
+      if (process.platform === 'linux') out('mapped', require('fs').readFileSync('/proc/self/maps', 'utf8').includes('libcorvexffmpeg'));
+    `, row.opts);
+    assert.equal(r.outs.create, 'CreateMediaPlayer failed: corvex not initialized', what);
+    if (!isWindows) assert.equal(r.outs.mapped, false, what);
+    assert.equal(r.stats('CreateUniqueMediaPlayer').length, 0, what);
     const [s] = r.stats('InitCorvexV2');
-    assert.ok(s.bl3.startsWith(`Error code: -1 open ${player} error:`), s.bl3);
-    if (!isWindows) assert.ok(s.bl3.includes('not a complete ELF object for this machine'), s.bl3);
-    assert.ok(r.stdout.includes(`Corvex init failed. corvex_source: ${s.bl3}${dir}`), r.stdout);
-    // The decoder and renderer, loaded before, were released again.
-    assert.equal(r.stats('CreateUniqueMediaPlayer').length, 0);
+    assert.ok(s.bl3.startsWith(`Error code: -1 open ${row.lib} error:`) && s.bl3.includes(row.error), `${what}: ${s.bl3}`);
+    if (row.refused || (isWindows && row.error)) assert.ok(s.bl3.endsWith(`error:${row.error}`), `${what}: ${s.bl3}`);
+    assert.equal(s.message, s.bl3, what);
+    if (row.code) assert.equal(s.c2, row.code, what);
+    assert.ok(r.stdout.includes(`Corvex init failed. corvex_source: ${s.bl3}${row.dir}`), r.stdout);
+    assert.equal(r.stderr.includes(`Refusing to load the media SDK from "${row.dir}": the folder must be an absolute path`), !!row.refused, r.stderr);
+    // Binding without a table: status -1, message the load error.
+    const [b] = r.stats('CorvexbindZNetPointer');
+    assert.deepEqual([b.c4, b.bl1], ['-1', s.bl3.replace('Error code: -1 ', '')], what);
   }
 });
 
@@ -280,43 +239,25 @@ test('a planted copy of a dependency in the current directory or PATH is not loa
   assert.equal(r.outs.version, 'corvex-sim 1.0 placebo-291');
 });
 
-test('development layout: a module under build/<config>/ finds the SDK beside the checkout', () => {
+test('development layout: a module under build/<config>/ finds the SDK beside the checkout, nearest candidate first', () => {
   const root = tempDir('dev');
-  // P3/corvex_lib/<platform>/lib/x86_64
-  const lib = placeModule(root, 'app', 'build', 'Release');
-  copySim(path.join(root, 'app', 'corvex_lib', platformDir, 'lib', 'x86_64'));
-  let r = runMedia(`out('ok', (await m.CreateMediaPlayer()).dispose());`, { module: lib });
-  assert.equal(r.outs.ok, true);
-  assert.match(r.stdout, /^Corvex inited\. corvex_source: win_dev_lib$/m);
-  const [s] = r.stats('InitCorvex');
-  assert.deepEqual([s.w_succ, s.bl1, s.bl2, s.c2], [1, '', '', '0']);
-
-  // P8/assets/corvex (the folder a).
-  const deep = placeModule(root, 'a', 'b', 'c', 'd', 'e', 'f', 'build', 'Release');
-  copySim(path.join(root, 'a', 'assets', 'corvex'));
-  r = runMedia(`out('ok', (await m.CreateMediaPlayer()).dispose());`, { module: deep });
-  assert.equal(r.outs.ok, true);
-  assert.match(r.stdout, /^Corvex inited\. corvex_source: win_dev_workspace$/m);
-  // P7/assets/corvex (a/b here) comes before P8 (a).
-  copySim(path.join(root, 'a', 'b', 'assets', 'corvex'));
-  r = runMedia(`out('ok', (await m.CreateMediaPlayer()).dispose());`, { module: deep });
-  assert.match(r.stdout, /^Corvex inited\. corvex_source: win_relative_corvex$/m);
-
-  // "Build" is not "build": the installed layout, which never tries the
-  // development candidates.
-  const upper = placeModule(root, 'a2', 'Build', 'Release');
-  copySim(path.join(root, 'a2', 'corvex_lib', platformDir, 'lib', 'x86_64'));
-  if (isWindows) clearRegistry();
-  r = runMedia(`await m.CreateMediaPlayer().catch((e) => out('create', e.message));`, {
-    module: upper,
-    env: { OSTREL_CORVEX_INSTALL_LOCATION: '' },
-  });
-  assert.equal(r.outs.create, 'CreateMediaPlayer failed: corvex not initialized');
-  const [failed] = r.stats('InitCorvex');
-  assert.equal(failed.w_succ, 0);
-  assert.equal(failed.bl2, '');
-  assert.equal(failed.bl1, upper);
-  assert.match(r.stdout, /^End Init Corvex from  0 \d+$/m);
+  // Each row: where the module is, where the SDK is put (beside the copies
+  // of the rows before), the candidate that loads.
+  const deep = ['a', 'b', 'c', 'd', 'e', 'f', 'build', 'Release'];
+  const rows = [
+    [['app', 'build', 'Release'], ['app', 'corvex_lib', platformDir, 'lib', 'x86_64'], 'win_dev_lib'], // P3
+    [deep, ['a', 'assets', 'corvex'], 'win_dev_workspace'], // P8
+    [deep, ['a', 'b', 'assets', 'corvex'], 'win_relative_corvex'], // P7, before P8
+  ];
+  for (const [at, sdk, label] of rows) {
+    copySim(path.join(root, ...sdk));
+    const r = runMedia(`out('ok', (await m.CreateMediaPlayer()).dispose());`, { module: placeModule(root, ...at) });
+    assert.equal(r.outs.ok, true, label);
+    assert.ok(r.stdout.includes(`Corvex inited. corvex_source: ${label}\n`), r.stdout);
+    const [s] = r.stats('InitCorvex');
+    assert.deepEqual([s.w_succ, s.bl1, s.bl2, s.c2], [1, '', '', '0']);
+  }
+  // "Build" is not "build", and the other layout choices: media_test.cc.
 });
 
 test('installed layout: the install location gives InstallLocation/resources/assets/corvex', (t) => {

@@ -40,7 +40,8 @@ async function nextVolume(events, from) {
   return Number(events.slice(from).find(([, e]) => e.extra1 === 9100)[1].info.left);
 }
 
-test('the class: construction, properties before any source, read-only properties', () => {
+test('the class: construction, properties before any source, read-only properties, the creation statistic', async () => {
+  const n = stats('CreateUniqueMediaPlayer').length;
   const p = new m.CorvexMediaPlayer();
   const props = ['version', 'currentTime', 'duration', 'playableDuration', 'paused', 'playing', 'buffering'];
   assert.deepEqual(props.map((k) => p[k]), ['corvex-sim 1.0 placebo-291', 0, 0, 0, false, false, false]);
@@ -50,12 +51,13 @@ test('the class: construction, properties before any source, read-only propertie
   assert.equal(p.paused, false);
   assert.equal(p.dispose(), true);
   assert.equal(p.dispose(), true);
-});
-
-test('methods and getters called on anything but a player throw and change nothing', () => {
+  (await m.CreateMediaPlayer()).dispose();
+  await waitFor(() => stats('CreateUniqueMediaPlayer').length === n + 2, 'a record per player');
+  const s = stats('CreateUniqueMediaPlayer').at(-1);
+  assert.deepEqual([s.w_succ, s.bl1, s.c2, s.message], [1, 'corvex-sim 1.0 placebo-291', '0', 'CreateUniqueMediaPlayer']);
+  // Methods and getters called on anything but a player throw.
   const proto = m.CorvexMediaPlayer.prototype;
-  for (const name of Object.getOwnPropertyNames(proto)) {
-    if (name === 'constructor') continue;
+  for (const name of Object.getOwnPropertyNames(proto).filter((k) => k !== 'constructor')) {
     const d = Object.getOwnPropertyDescriptor(proto, name);
     for (const self of [{}, null, 5, Object.create(proto)]) {
       assert.throws(() => (d.get ? d.get.call(self) : d.value.call(self, 'sim://media')), Error, name);
@@ -84,7 +86,7 @@ test('prepare and play: argument checks, "not init" before a source and after st
   await assert.rejects(p.prepare('sim://media'), { message: 'not init' });
 });
 
-test('events reach the listeners in order, on the main thread, with their payload', async () => {
+test('events reach the listeners in order, on the main thread, with their payload; playDemo', async () => {
   const { p, events } = await recordedPlayer();
   await p.play('sim://media?duration=150&buffering=1');
   await waitFor(() => events.some(([n]) => n === 'playback_complete'), 'the end');
@@ -99,16 +101,11 @@ test('events reach the listeners in order, on the main thread, with their payloa
   assert.equal(p.buffering, false);
   assert.equal(p.playing, false);
   assert.equal(p.currentTime, 150);
-  p.dispose();
-});
-
-test('playDemo plays the demo stream (a 60 s network source in the simulator)', async () => {
-  const { p, events } = await recordedPlayer();
+  // playDemo plays the demo stream (a 60 s network source in the simulator).
+  const n = events.length;
   await p.playDemo();
-  assert.equal(p.playing, true);
-  assert.equal(p.duration, 60000);
-  await waitFor(() => events.some(([, e]) => e.extra1 === 702), 'buffering end');
-  assert.ok(events.some(([, e]) => e.extra1 === 701));
+  assert.deepEqual([p.playing, p.duration], [true, 60000]);
+  await waitFor(() => events.slice(n).some(([, e]) => e.extra1 === 702), 'buffering end');
   p.dispose();
   await assert.rejects(p.playDemo(), { message: 'not init' });
 });
@@ -139,33 +136,31 @@ test('pause, resume, seek bounds and the state properties', async () => {
 
 test('volume: capped at 1, no lower bound, mute, and stop unmutes and restores 1.0', async () => {
   const { p, events } = await recordedPlayer();
-  let n = events.length;
-  assert.equal(p.setVolume(5), true);
-  assert.equal(await nextVolume(events, n), 1);
-  n = events.length;
-  assert.equal(p.setVolume(-3), true);
-  assert.equal(await nextVolume(events, n), -3);
-  n = events.length;
-  assert.equal(p.setVolume(0.5), true);
-  assert.equal(await nextVolume(events, n), 0.5);
-  n = events.length;
-  assert.equal(p.setMute(true), true);
-  assert.equal(await nextVolume(events, n), 0);
-  // Muted: only stored.
-  n = events.length;
-  assert.equal(p.setVolume(0.75), true);
-  await sleep(100);
-  assert.ok(!events.slice(n).some(([, e]) => e.extra1 === 9100));
-  p.stop();
-  // Unmuted (the volume applies at once) ...
-  n = events.length;
-  assert.equal(p.setVolume(0.25), true);
-  assert.equal(await nextVolume(events, n), 0.25);
-  // ... and the volume back at 1.0.
-  p.stop();
-  n = events.length;
-  assert.equal(p.setMute(false), true);
-  assert.equal(await nextVolume(events, n), 1);
+  // Each row: a command, and the volume the simulator is then given (null:
+  // none; undefined: not checked).
+  const steps = [
+    [() => p.setVolume(5), 1],
+    [() => p.setVolume(-3), -3],
+    [() => p.setVolume(0.5), 0.5],
+    [() => p.setMute(true), 0],
+    [() => p.setVolume(0.75), null], // muted: only stored
+    [() => p.stop()],
+    [() => p.setVolume(0.25), 0.25], // unmuted by the stop: applied at once
+    [() => p.stop()],
+    [() => p.setMute(false), 1], // the volume back at 1.0
+  ];
+  for (const [step, volume] of steps) {
+    const n = events.length;
+    const done = step();
+    if (volume === undefined) continue;
+    assert.equal(done, true, String(step));
+    if (volume !== null) {
+      assert.equal(await nextVolume(events, n), volume, String(step));
+      continue;
+    }
+    await sleep(100);
+    assert.ok(!events.slice(n).some(([, e]) => e.extra1 === 9100));
+  }
   assert.throws(() => p.setVolume('1'), { message: 'A number was expected' });
   assert.throws(() => p.setMute(1), { message: 'A boolean was expected' });
   p.dispose();
@@ -247,12 +242,7 @@ test('statistics of notifications: T3, errors, statistics maps and the corvex_st
     await sleep(50);
     p.dispose();
   };
-  await run('sim://media?duration=100&t3=1');
-  await run('sim://media?duration=100&t3=noend');
-  await run('sim://media?duration=100&t3=bad');
-  await run('sim://media?duration=100&stat=0');
-  await run('sim://media?duration=100&stat=3');
-  await run('sim://media?duration=100&stat=bad');
+  for (const q of ['t3=1', 't3=noend', 't3=bad', 'stat=0', 'stat=3', 'stat=bad']) await run(`sim://media?duration=100&${q}`);
   await run('sim://media?duration=1000&error=1');
   await waitFor(() => stats('CorvexError').length > before.err, 'the error statistic');
   const t3 = stats('CorvexT3').slice(before.t3);
@@ -275,15 +265,6 @@ test('statistics of notifications: T3, errors, statistics maps and the corvex_st
   assert.equal(got.length, 3);
   assert.deepEqual(got[0], ['corvex_stat', { a_result: '0', an_ac_n: '1', an_f_start: '2000', an_t3: '2300', corvex_stat: '1' }]);
   assert.equal(got[2][1].an_f_start, 'later');
-});
-
-test('CreateUniqueMediaPlayer is reported per player with its dimensions', async () => {
-  const n = stats('CreateUniqueMediaPlayer').length;
-  (await m.CreateMediaPlayer()).dispose();
-  new m.CorvexMediaPlayer().dispose();
-  await waitFor(() => stats('CreateUniqueMediaPlayer').length === n + 2, 'two records');
-  const s = stats('CreateUniqueMediaPlayer').at(-1);
-  assert.deepEqual([s.w_succ, s.bl1, s.c2, s.message], [1, 'corvex-sim 1.0 placebo-291', '0', 'CreateUniqueMediaPlayer']);
 });
 
 test('ReadMediaDuration: a WAV file, a virtual source, failures', async () => {

@@ -7,6 +7,7 @@
 #include <cwchar>
 #include <map>
 #include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -40,17 +41,19 @@ TEST(MtpModel, ClassifiesContentTypes) {
   }
 }
 
+// Generated protocol texts against the rule itself: MTP only when the text
+// begins with "MTP", in that case.
 TEST(MtpModel, ProtocolMustBeginWithMtpExactly) {
-  struct row {
-    const wchar_t* protocol;
-    bool mtp;
-  };
-  const row rows[] = {
-      {L"MTP: 1.00", true}, {L"MTP", true}, {L"MTPX", true},  {L"mtp: 1.00", false}, {L"MSC:", false},
-      {L"MT", false},       {L"", false},   {L" MTP", false}, {L"PTP: 1.00", false}, {L"Mtp", false},
-  };
-  for (const row& r : rows)
-    EXPECT_EQ(is_mtp_protocol(r.protocol), r.mtp) << std::string(r.protocol, r.protocol + wcslen(r.protocol));
+  std::mt19937 rng(3);
+  const wchar_t* other = L"MTPmtp :X";
+  for (int i = 0; i < 20000; ++i) {
+    // A cut of "MTP: 1.00" or "PTP: 1.00", one character changed or put
+    // before it now and then.
+    std::wstring protocol = std::wstring(rng() % 2 ? L"MTP: 1.00" : L"PTP: 1.00").substr(0, rng() % 10);
+    if (rng() % 2 && !protocol.empty()) protocol[rng() % protocol.size()] = other[rng() % 9];
+    if (rng() % 4 == 0) protocol.insert(protocol.begin(), other[rng() % 9]);
+    EXPECT_EQ(is_mtp_protocol(protocol), protocol.starts_with(L"MTP")) << std::string(protocol.begin(), protocol.end());
+  }
 }
 
 // Records what was set; fails the keys it is told to.
