@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # Packs the package, checks what the tarball holds, installs it with
-# `npm install <tarball>` into an empty folder (offline: its one dependency
-# comes from npm's cache), and from there loads it as a client does
+# `npm install <tarball>` into an empty folder (offline, with an empty npm
+# cache: its one dependency, node-gyp-build, is packed from this checkout's
+# node_modules at the pinned version and installed beside it, so the result
+# does not depend on what the machine's cache holds), and from there loads
+# it as a client does
 # (test/install/check.js) with the native node and with the Windows node.exe
 # under Wine, and runs `npx ostrel version`. Needs prebuilds/ ('npm run
 # prebuild'). Ends with "install: N passed, M failed".
@@ -41,7 +44,10 @@ fi
 app="$work/app"
 mkdir -p "$app"
 echo '{ "name": "ostrel-install-test", "version": "1.0.0", "private": true }' >"$app/package.json"
-if (cd "$app" && npm install --offline --no-audit --no-fund --loglevel=error "$tarball"); then
+dependency="$work/$(npm pack --silent --pack-destination "$work" ./node_modules/node-gyp-build 2>/dev/null | tail -1)"
+[ -f "$dependency" ] || { not_ok "node-gyp-build could not be packed from node_modules ('npm run setup')"; finish; }
+if (cd "$app" && npm install --offline --cache "$work/npm-cache" --no-audit --no-fund --loglevel=error \
+  "$dependency" "$tarball"); then
   ok "npm install <tarball> into an empty folder, offline"
 else
   not_ok "npm install <tarball> into an empty folder, offline"
