@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include "dir_reader.h"
 #include "runtime/blocking.h"
@@ -428,9 +429,17 @@ task<void> WatchLoop(std::shared_ptr<WatchData> w, bool dir_mode) {
   // The deletion of the root has been reported; it is reported again only
   // after the root came back.
   bool removal_reported = false;
+  // An overflow to report once the reader reads again: a client that
+  // rescans when told then misses nothing that changed after the notice.
+  bool overflow_unreported = false;
   std::int32_t failures = 0;
   // Named: GCC 12 destroys a temporary inside a co_await expression twice.
   const cancellation_token stop = w->stop_token();
+  auto report_overflow = [&] {
+    if (std::exchange(overflow_unreported, false) && w->running.load()) {
+      SendWatchError(*w, error_overflow, "Changes were lost: the system's change buffer overflowed", "OVERFLOW");
+    }
+  };
   auto close_reader = [&] {
     if (!reader) return;
     reader.reset();
@@ -445,6 +454,7 @@ task<void> WatchLoop(std::shared_ptr<WatchData> w, bool dir_mode) {
           removal_reported = true;
           SendWatchError(*w, 17, "Directory deleted", "REMOVED");
         }
+        report_overflow();
         co_await w->dirDeletedChangeEvents[dir_mode ? 1 : 0];
         co_await on_pool();
         log::out("dirDeletedChangeEvents");
@@ -475,6 +485,7 @@ task<void> WatchLoop(std::shared_ptr<WatchData> w, bool dir_mode) {
           } else {
             HandleLastError(*w, opened.error);
           }
+          report_overflow();
           continue;
         }
         reader = std::move(opened.reader);
@@ -486,7 +497,9 @@ task<void> WatchLoop(std::shared_ptr<WatchData> w, bool dir_mode) {
         // change notification) would otherwise be retried in a tight loop.
       }
       auto queue = std::make_shared<async_message_event>();
+      // Started at once: its first read is pending when this returns.
       spawn(ReadChangesTask(w, reader, queue), runtime::alive());
+      report_overflow();
       if (just_opened) {
         just_opened = false;
         if (w->openLoops.fetch_add(1) == 1) NotifyWatchReady(*w);
@@ -502,9 +515,7 @@ task<void> WatchLoop(std::shared_ptr<WatchData> w, bool dir_mode) {
           spawn(NotifyDataFromNotifyInfo(w, std::move(record), dir_mode, seq), runtime::alive());
         }
       }
-      if (queue->ended == read_outcome::kind::overflow && w->settings.report_overflow && w->running.load()) {
-        SendWatchError(*w, error_overflow, "Changes were lost: the system's change buffer overflowed", "OVERFLOW");
-      }
+      if (queue->ended == read_outcome::kind::overflow && w->settings.report_overflow) overflow_unreported = true;
       if (queue->ended == read_outcome::kind::failed && w->running.load()) {
         if (queue->error == error_root_not_found) {
           if (!w->rootRemoved.exchange(true)) w->CancelPendingReads();
