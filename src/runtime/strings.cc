@@ -3,6 +3,7 @@
 #include <system_error>
 
 #include <cstdint>
+#include <cstring>
 
 namespace ostrel {
 
@@ -134,6 +135,17 @@ std::string system_error_text(int code) {
     text.pop_back();
   }
   return text;
+}
+
+std::size_t ascii_prefix(std::string_view text) noexcept {
+  std::size_t i = 0;
+  for (; i + 8 <= text.size(); i += 8) {
+    std::uint64_t word;
+    std::memcpy(&word, text.data() + i, 8);
+    if (word & 0x8080808080808080ULL) break;
+  }
+  while (i < text.size() && static_cast<unsigned char>(text[i]) < 0x80) ++i;
+  return i;
 }
 
 }  // namespace ostrel

@@ -145,7 +145,7 @@ query_outcome dir_listing::query_name(FileInfo& info, native_string_view entry_n
             STATX_TYPE | STATX_INO | STATX_SIZE | STATX_MTIME | STATX_CTIME | STATX_BTIME, &st) == 0) {
     // A link is reported as itself; a FIFO, socket or device is no file.
     if (!S_ISREG(st.stx_mode) && !S_ISDIR(st.stx_mode) && !S_ISLNK(st.stx_mode)) return query_outcome::special;
-    fill_from_statx(info, st, info.name);
+    fill_from_statx(info, st, info.name_text());
     return query_outcome::filled;
   }
   return classify_errno(errno) == query_outcome::denied ? query_outcome::denied : query_outcome::missing;

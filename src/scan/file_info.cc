@@ -68,6 +68,34 @@ FileInfo FileInfo::from_walk_text(native_string_view view, std::size_t relative_
   return info;
 }
 
+void FileInfo::walk_parts(native_string_view view, std::size_t relative_offset, std::size_t name_offset,
+                          FileInfo& into) {
+#ifndef _WIN32
+  if (view.size() <= UINT32_MAX && is_valid_name(view)) {
+    into.absolutePath.assign(view.data(), view.size());
+    into.native_path.clear();
+    into.name.clear();
+    into.relativePath.clear();
+    into.relativeDir.clear();
+    into.in_parts = true;
+    parts_of_absolute& p = into.parts;
+    p.rel_start = static_cast<std::uint32_t>(relative_offset);
+    p.name_start = static_cast<std::uint32_t>(name_offset);
+    p.dir_start = p.rel_start;
+    p.dir_len = name_offset > relative_offset ? static_cast<std::uint32_t>(name_offset - 1 - relative_offset) : 0;
+    // strip_relative_dir's rule.
+    for (char c : {'.', '/'}) {
+      if (p.dir_len > 0 && view[p.dir_start] == c) {
+        ++p.dir_start;
+        --p.dir_len;
+      }
+    }
+    return;
+  }
+#endif
+  into = from_walk_text(view, relative_offset, name_offset);
+}
+
 void FileInfo::clear_metadata() noexcept {
   size = 0;
   ino = 0;

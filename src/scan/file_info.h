@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "native_path.h"
 
@@ -27,6 +28,25 @@ struct FileInfo {
   double ctimeMs = 0;
   double mtimeMs = 0;
   double birthtimeMs = 0;
+  // A walk record may leave name, relativePath and relativeDir empty and
+  // give where they lie in absolutePath instead: one allocation per record
+  // instead of three. Read them through the *_text() accessors.
+  struct parts_of_absolute {
+    std::uint32_t rel_start = 0, name_start = 0, dir_start = 0, dir_len = 0;
+  };
+  parts_of_absolute parts;
+  bool in_parts = false;
+
+  std::string_view name_text() const noexcept {
+    return in_parts ? std::string_view(absolutePath).substr(parts.name_start) : std::string_view(name);
+  }
+  std::string_view relative_path_text() const noexcept {
+    return in_parts ? std::string_view(absolutePath).substr(parts.rel_start) : std::string_view(relativePath);
+  }
+  std::string_view relative_dir_text() const noexcept {
+    return in_parts ? std::string_view(absolutePath).substr(parts.dir_start, parts.dir_len)
+                    : std::string_view(relativeDir);
+  }
 
   FileInfo() = default;
   // Computes the path fields of `path` relative to `root` lexically (no file
@@ -40,6 +60,9 @@ struct FileInfo {
   // The same, leaving native_path empty: for a record whose metadata is
   // read by name, relative to its open folder (one allocation fewer).
   static FileInfo from_walk_text(native_string_view path, std::size_t relative_offset, std::size_t name_offset);
+  // The same fields in `into` (a fresh record), in the parts form where the path converts
+  // unit for unit (valid UTF-8 on Linux), else as from_walk_text.
+  static void walk_parts(native_string_view path, std::size_t relative_offset, std::size_t name_offset, FileInfo& into);
 
   // Zeroes size, ino and the three times (an unreadable entry).
   void clear_metadata() noexcept;

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 
 #include "runtime/napi_util.h"
 
@@ -39,7 +40,7 @@ constexpr const char* factory_source = R"JS((function (narrow, wide, n, fileCoun
 }))JS";
 static_assert(fields_per_record == 14);
 
-napi_value string_value(napi_env env, const std::string& s) {
+napi_value string_value(napi_env env, std::string_view s) {
   napi_value v;
   napi_check(env, napi_create_string_utf8(env, s.data(), s.size(), &v));
   return v;
@@ -67,9 +68,9 @@ napi_value file_info_to_object(napi_env env, const FileInfo& info, napi_value di
   };
   const napi_property_descriptor props[] = {
       prop("absolutePath", string_value(env, info.absolutePath)),
-      prop("name", string_value(env, info.name)),
-      prop("relativeDir", string_value(env, info.relativeDir)),
-      prop("relativePath", string_value(env, info.relativePath)),
+      prop("name", string_value(env, info.name_text())),
+      prop("relativeDir", string_value(env, info.relative_dir_text())),
+      prop("relativePath", string_value(env, info.relative_path_text())),
       prop("dirPath", dir_path),
       prop("isFile", bool_value(env, info.isFile)),
       prop("hidden", bool_value(env, info.hidden)),

@@ -64,7 +64,7 @@ query_outcome query_file_info_at(int dir_fd, const char* name, FileInfo& info, c
   if (rc == 0) {
     // A link was followed: what it leads to decides.
     if (!S_ISREG(st.stx_mode) && !S_ISDIR(st.stx_mode)) return query_outcome::special;
-    fill_from_statx(info, st, info.name);
+    fill_from_statx(info, st, info.name_text());
     return query_outcome::filled;
   }
   query_outcome outcome = classify_errno(error);

@@ -12,7 +12,7 @@ bool is_valid_utf8(std::string_view text) {
   const auto* end = p + text.size();
   while (p < end) {
     if (*p < 0x80) {
-      ++p;
+      p += ascii_prefix(std::string_view(reinterpret_cast<const char*>(p), static_cast<std::size_t>(end - p)));
       continue;
     }
     int len = (*p & 0xE0) == 0xC0 ? 2 : (*p & 0xF0) == 0xE0 ? 3 : (*p & 0xF8) == 0xF0 ? 4 : 0;

@@ -514,7 +514,7 @@ class walker {
   bool produce(walk_item& item, const dir_listing& dir, const dir_entry& e, const native_string& path,
                std::size_t name_offset) {
     FileInfo& info = item.info;
-    info = FileInfo::from_walk_text(path, rel_offset_, name_offset);
+    FileInfo::walk_parts(path, rel_offset_, name_offset, info);
     // The full path is kept only where the query opens the entry by it; a
     // retry (below) needs it too.
     if (dir_listing::query_reads_full_path) info.native_path = path;

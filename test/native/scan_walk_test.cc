@@ -67,11 +67,11 @@ walked walk(const fs::path& root, unsigned helpers, bool stop_at_once = false) {
   scan_update u = w.data->take_update(SIZE_MAX, more);
   EXPECT_FALSE(more);
   for (auto& f : u.files) {
-    w.files.push_back(f.relativePath);
+    w.files.emplace_back(f.relative_path_text());
     w.bytes += f.size;
     EXPECT_GT(f.mtimeMs, 0.0);
   }
-  for (auto& f : u.folders) w.folders.push_back(f.relativePath);
+  for (auto& f : u.folders) w.folders.emplace_back(f.relative_path_text());
   w.total = w.data->totalFileCount;
   return w;
 }
