@@ -65,40 +65,36 @@ TEST(Task, LongSynchronousChainsDoNotGrowTheStack) {
 using testing::linked_root;
 using testing::tracker;
 
-// Destroying a parked chain from its innermost frame frees every frame once:
-// the event's destructor frees the tasks still waiting on it.
-TEST(CoroutineChain, DestroyFromInnermostFreesTheWholeChain) {
+// Chains of a detached root and two tasks parked on an event: setting it
+// runs the chain to its end; destroying the event (which frees the tasks
+// still waiting on it) frees every frame of the chain from its innermost one,
+// once.
+TEST(CoroutineChain, ResumingRunsTheChainToItsEndAndDestroyingFromTheInnermostFreesItWhole) {
   std::atomic<int> alive{0};
-  auto event = std::make_unique<async_auto_reset_event>();
-  auto inner = [](std::atomic<int>* alive, async_auto_reset_event* e) -> task<void> {
+  auto chain = [](std::atomic<int>* alive, async_auto_reset_event* e, bool* finished) -> linked_root {
     tracker t(alive);
-    co_await *e;
-  };
-  auto outer = [&](std::atomic<int>* alive) -> task<void> {
-    tracker t(alive);
-    co_await inner(alive, event.get());
-  };
-  [&](std::atomic<int>* alive) -> linked_root {
-    tracker t(alive);
-    co_await outer(alive);
-  }(&alive);
-  EXPECT_EQ(alive, 3);
-  event.reset();
-  EXPECT_EQ(alive, 0);
-}
-
-TEST(CoroutineChain, ResumingTheChainRunsItToTheEnd) {
-  std::atomic<int> alive{0};
-  bool finished = false;
-  async_auto_reset_event event;
-  [](std::atomic<int>* alive, bool* finished, async_auto_reset_event* e) -> linked_root {
-    tracker t(alive);
-    co_await [](async_auto_reset_event* e) -> task<void> { co_await *e; }(e);
+    co_await [](std::atomic<int>* alive, async_auto_reset_event* e) -> task<void> {
+      tracker t(alive);
+      co_await [](std::atomic<int>* alive, async_auto_reset_event* e) -> task<void> {
+        tracker t(alive);
+        co_await *e;
+      }(alive, e);
+    }(alive, e);
     *finished = true;
-  }(&alive, &finished, &event);
-  EXPECT_EQ(alive, 1);
-  event.set();
+  };
+  bool finished = false;
+  async_auto_reset_event resumed;
+  chain(&alive, &resumed, &finished);
+  EXPECT_EQ(alive, 3);
+  resumed.set();
   EXPECT_TRUE(finished);
+  EXPECT_EQ(alive, 0);
+  finished = false;
+  auto destroyed = std::make_unique<async_auto_reset_event>();
+  chain(&alive, destroyed.get(), &finished);
+  EXPECT_EQ(alive, 3);
+  destroyed.reset();
+  EXPECT_FALSE(finished);
   EXPECT_EQ(alive, 0);
 }
 
