@@ -9,8 +9,7 @@
 
 #include "runtime/clock.h"
 #include "runtime/sync_wait.h"
-#include "chain_fixture.h"
-#include "service_fixture.h"
+#include "runtime_fixture.h"
 
 namespace ostrel {
 namespace {

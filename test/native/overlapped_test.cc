@@ -18,7 +18,7 @@
 #include <thread>
 
 #include "runtime/sync_wait.h"
-#include "service_fixture.h"
+#include "runtime_fixture.h"
 
 namespace ostrel {
 namespace {

@@ -1,14 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
-#include "chain_fixture.h"
-#include "runtime/coroutine_chain.h"
 #include "runtime/events.h"
 #include "runtime/sync_wait.h"
 #include "runtime/task.h"
+#include "runtime_fixture.h"
 
 namespace ostrel {
 namespace {
@@ -96,6 +97,38 @@ TEST(CoroutineChain, ResumingRunsTheChainToItsEndAndDestroyingFromTheInnermostFr
   destroyed.reset();
   EXPECT_FALSE(finished);
   EXPECT_EQ(alive, 0);
+}
+
+// The event tasks wait on, handed between threads many times; meant to run
+// under ThreadSanitizer as much as to pass (timed waits and hops from many
+// threads, where every sync_wait's blocking event is set from another thread:
+// io_service_test.cc).
+TEST(AsyncEvent, HandsOffBetweenThreads) {
+  thread_pool pool(4);
+  async_auto_reset_event ping, pong;
+  constexpr int rounds = 2000;
+  std::atomic<int> count{0};
+  std::thread a([&] {
+    sync_wait([&]() -> task<void> {
+      for (int i = 0; i < rounds; ++i) {
+        co_await ping;
+        ++count;
+        co_await pool.schedule();
+        pong.set();
+      }
+    }());
+  });
+  std::thread b([&] {
+    sync_wait([&]() -> task<void> {
+      for (int i = 0; i < rounds; ++i) {
+        ping.set();
+        co_await pong;
+      }
+    }());
+  });
+  a.join();
+  b.join();
+  EXPECT_EQ(count, rounds);
 }
 
 }  // namespace
