@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "runtime/events.h"
 #include "runtime/sync_wait.h"
@@ -99,10 +100,9 @@ TEST(CoroutineChain, ResumingRunsTheChainToItsEndAndDestroyingFromTheInnermostFr
   EXPECT_EQ(alive, 0);
 }
 
-// The event tasks wait on, handed between threads many times; meant to run
-// under ThreadSanitizer as much as to pass (timed waits and hops from many
-// threads, where every sync_wait's blocking event is set from another thread:
-// io_service_test.cc).
+// The events handed between threads many times; meant to run under
+// ThreadSanitizer as much as to pass (timed waits and hops from many
+// threads: io_service_test.cc).
 TEST(AsyncEvent, HandsOffBetweenThreads) {
   thread_pool pool(4);
   async_auto_reset_event ping, pong;
@@ -129,6 +129,26 @@ TEST(AsyncEvent, HandsOffBetweenThreads) {
   a.join();
   b.join();
   EXPECT_EQ(count, rounds);
+}
+
+TEST(BlockingEvent, ReleasesOneWaitPerSet) {
+  auto_reset_event event;
+  std::atomic<int> woke{0};
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < 4; ++i) {
+    waiters.emplace_back([&] {
+      for (int k = 0; k < 250; ++k) {
+        event.wait();
+        ++woke;
+      }
+    });
+  }
+  while (woke < 1000) {
+    event.set();
+    std::this_thread::yield();
+  }
+  for (auto& t : waiters) t.join();
+  EXPECT_EQ(woke, 1000);
 }
 
 }  // namespace
