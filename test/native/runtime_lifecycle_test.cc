@@ -112,7 +112,7 @@ TEST(Blocking, AJobRunsWhollyOnItsOwnThreadTheTaskGoesOnOnThePoolAndBlockingCall
 // the last release stops it. A job stuck in a call nothing can wake must not
 // hold the process up: the last release waits for it only as long as it is
 // told to.
-TEST(Runtime, HoldsShareOneRuntimeAndTheLastReleaseLeavesAStuckJobAfterTheGrace) {
+TEST(Runtime, HoldsShareOneRuntimeAndTheLastReleaseLeavesAStuckJobOrPoolTaskAfterTheGrace) {
   runtime::acquire(2);
   auto first = runtime::pool();
   runtime::acquire(2);
@@ -122,15 +122,23 @@ TEST(Runtime, HoldsShareOneRuntimeAndTheLastReleaseLeavesAStuckJobAfterTheGrace)
     std::this_thread::sleep_for(1500ms);
     ended->store(true);
   }));
+  // So must a task still running on the pool: its worker is left running,
+  // and what it comes back to is kept.
+  auto pool_ended = std::make_shared<std::atomic<bool>>(false);
+  [](std::shared_ptr<std::atomic<bool>> ended) -> detached_task {
+    co_await on_pool();
+    std::this_thread::sleep_for(1500ms);
+    ended->store(true);
+  }(pool_ended);
   EXPECT_FALSE(runtime::release(5s));
   EXPECT_NE(runtime::pool(), nullptr);
   const auto start = std::chrono::steady_clock::now();
   EXPECT_TRUE(runtime::release(100ms));
   EXPECT_LT(std::chrono::steady_clock::now() - start, 1000ms);
-  EXPECT_FALSE(ended->load());
+  EXPECT_FALSE(ended->load() || pool_ended->load());
   EXPECT_EQ(runtime::pool(), nullptr);
   EXPECT_EQ(runtime::io(), nullptr);
-  while (!ended->load()) std::this_thread::sleep_for(10ms);
+  while (!ended->load() || !pool_ended->load()) std::this_thread::sleep_for(10ms);
 }
 
 // A task cancelled before a thread takes it never runs its blocking part;
