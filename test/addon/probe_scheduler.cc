@@ -25,7 +25,7 @@ void busy_wait_ms(double ms) {
   }
 }
 
-// Start and end times (ms since the batch was queued) of `count` tasks that each
+// End times (ms since the batch was queued) of `count` tasks that each
 // busy-wait `each_ms` on the main thread, all queued at once from a worker,
 // with the dispatch run each ran in and that run's start.
 Napi::Value queue_busy_work(const Napi::CallbackInfo& info) {
@@ -37,7 +37,6 @@ Napi::Value queue_busy_work(const Napi::CallbackInfo& info) {
 
   struct batch {
     std::int64_t queued_at = 0;
-    std::vector<double> starts;
     std::vector<double> ends;
     std::vector<double> runs;        // the dispatch run each task ran in
     std::vector<double> run_starts;  // when that run started
@@ -54,7 +53,6 @@ Napi::Value queue_busy_work(const Napi::CallbackInfo& info) {
       spawn(
           [](std::shared_ptr<batch> b, double each_ms, std::shared_ptr<async_auto_reset_event> done) -> task<void> {
             co_await sched().schedule();
-            b->starts.push_back(static_cast<double>(monotonic_ns() - b->queued_at) / 1e6);
             b->runs.push_back(static_cast<double>(sched().dispatch_runs() - b->runs_before));
             b->run_starts.push_back(static_cast<double>(sched().dispatch_started_ns() - b->queued_at) / 1e6);
             busy_wait_ms(each_ms);
@@ -72,7 +70,6 @@ Napi::Value queue_busy_work(const Napi::CallbackInfo& info) {
       return a;
     };
     Napi::Object out = Napi::Object::New(env);
-    out.Set("starts", array(b->starts));
     out.Set("ends", array(b->ends));
     out.Set("runs", array(b->runs));
     out.Set("runStarts", array(b->run_starts));

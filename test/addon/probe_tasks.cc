@@ -1,15 +1,11 @@
 // Probes of task start-up and failure: spawn's log lines for each kind of
-// failure on and off the main thread, start_async's reference per
-// operation, promise rejection and error delivery, and tasks cycling with
-// work still in flight.
-#include <atomic>
-#include <chrono>
+// failure on and off the main thread, a script error thrown inside a
+// dispatch, promise rejection and error delivery.
 #include <memory>
 #include <stdexcept>
 #include <thread>
 
 #include "probe.h"
-#include "runtime/blocking.h"
 #include "runtime/napi_util.h"
 #include "runtime/runtime.h"
 #include "runtime/scheduler.h"
@@ -59,24 +55,6 @@ Napi::Value throw_on_dispatch(const Napi::CallbackInfo& info) {
   return info.Env().Undefined();
 }
 
-// A promise settled after `ms` on the I/O service's timer, through
-// start_async; resolves with the scheduler's reference count on settling
-// (the task's own reference is still held then).
-Napi::Value delay(const Napi::CallbackInfo& info) {
-  check_arg_types(info, {napi_number});
-  const double ms = info[0].As<Napi::Number>().DoubleValue();
-  auto p = std::make_shared<promise>(info.Env());
-  Napi::Value result = p->value();
-  start_async([](std::shared_ptr<promise> p, double ms) -> task<void> {
-    co_await runtime::io()->schedule_after(std::chrono::milliseconds(static_cast<std::int64_t>(ms)));
-    co_await sched().schedule();
-    Napi::Object out = Napi::Object::New(sched().env());
-    out.Set("refCount", static_cast<double>(sched().ref_count()));
-    p->resolve(out);
-  }(p, ms));
-  return result;
-}
-
 Napi::Value reject_with(const Napi::CallbackInfo& info) {
   check_arg_count(info, 1);
   check_arg_types(info, {napi_string});
@@ -94,37 +72,11 @@ Napi::Value callback_error(const Napi::CallbackInfo& info) {
   return info.Env().Undefined();
 }
 
-// Keeps `count` tasks cycling between the pool, the timer and the main
-// thread, calling `fn(i)` on the main thread each round, until the process
-// ends. For clean-up with work in flight.
-Napi::Value churn(const Napi::CallbackInfo& info) {
-  check_arg_types(info, {napi_number, napi_function});
-  const int count = info[0].As<Napi::Number>().Int32Value();
-  auto fn = std::make_shared<function_ref>(info[1].As<Napi::Function>());
-  for (int i = 0; i < count; ++i) {
-    start_async([](std::shared_ptr<function_ref> fn, int i) -> task<void> {
-      for (;;) {
-        // As the module's tasks do: once the runtime has stopped there is
-        // no I/O service or pool to hop onto, and the task ends.
-        auto io = runtime::io();
-        if (!io) co_return;
-        co_await io->schedule_after(std::chrono::milliseconds(1 + i % 5));
-        co_await on_pool();
-        co_await sched().schedule();
-        fn->value().Call({Napi::Number::New(sched().env(), i)});
-      }
-    }(fn, i));
-  }
-  return info.Env().Undefined();
-}
-
 void register_task_probes(Napi::Env env, Napi::Object exports) {
   exports.Set("spawnFailure", Napi::Function::New(env, spawn_failure));
-  exports.Set("delay", Napi::Function::New(env, delay));
   exports.Set("throwOnDispatch", Napi::Function::New(env, throw_on_dispatch));
   exports.Set("rejectWith", Napi::Function::New(env, reject_with));
   exports.Set("callbackError", Napi::Function::New(env, callback_error));
-  exports.Set("churn", Napi::Function::New(env, churn));
 }
 
 probe_part part(register_task_probes);

@@ -114,11 +114,6 @@ const rows = {
       o.ReportTest({});
     }),
   },
-  // Tasks cycling between the pool, the timer thread and the main thread.
-  tasks: {
-    load: (d) => require(d.probe),
-    start: (p, d, inside) => p.churn(32, inside),
-  },
 };
 
 const load = (row, d) => (row.load ? row.load(d) : require(d.index));

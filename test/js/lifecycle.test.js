@@ -78,7 +78,6 @@ const table = {
   // A batch of records goes on to its reporter after an unregistration
   // inside report(): telemetry has no close of that kind.
   telemetry: { again: 'span', leave: [alone, closed], cleanings: 2 },
-  tasks: { leave: [...inWorkers, closed] },
 };
 
 // One test per row and kind of ending ("scan: leaving the process", "scan:

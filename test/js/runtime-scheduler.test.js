@@ -1,29 +1,36 @@
 'use strict';
-// The main-thread scheduler, driven through the runtime probe: its budget,
-// coalesced wake-ups, references, and what happens after release and stop.
+// The main-thread scheduler and tasks as exports use them, driven through
+// the runtime probe: the dispatch budget, coalesced wake-ups, references,
+// what happens after release and stop; promises and error delivery, and
+// spawn's failure lines (argument checks: conventions.test.js; clean-up with
+// work in flight: lifecycle.test.js; timed waits and the pool's size: the
+// native unit tests).
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const { loadProbe, runChild, buildDir } = require('./helpers');
 
 const probePath = require('path').join(buildDir(), 'test', 'runtime_probe.node').replace(/\\/g, '/');
 const probe = loadProbe();
+const load = `const p = require(${JSON.stringify(probePath)});`;
+// The last line of a child's stdout that is a JSON object.
+const lastObject = (r) => JSON.parse(r.stdout.split('\n').filter((l) => l.startsWith('{')).pop());
 
 test('dispatch budget', async (t) => {
   await t.test('150 ms of queued work runs about 100 ms, then the rest no sooner than 100 ms later', async () => {
-    const { starts, ends, runs, runStarts } = await probe.queueBusyWork(15, 10);
-    assert.equal(starts.length, 15);
+    const { ends, runs, runStarts } = await probe.queueBusyWork(15, 10);
+    assert.equal(ends.length, 15);
     // The first task of a later dispatch run (not a pause between starts:
     // on a loaded machine the main thread may be descheduled inside a run).
     const gapAt = runs.findIndex((r) => r !== runs[0]);
-    assert.ok(gapAt > 0, `one run for all: ${starts.join(', ')}`);
+    assert.ok(gapAt > 0, `one run for all: ${ends.join(', ')}`);
     // The budget counts from the run's start (not its first task's): the run
     // takes tasks while under 100 ms and stops with the one that ends past it.
     const since = (ms) => ms - runStarts[0];
     if (gapAt > 1) assert.ok(since(ends[gapAt - 2]) <= 100, `first run stopped late: a task ended at ${since(ends[gapAt - 2])} ms`);
     // (1 ms for the moment between the task's clock and the scheduler's.)
     assert.ok(since(ends[gapAt - 1]) > 99, `first run stopped early: its last task ended at ${since(ends[gapAt - 1])} ms`);
-    assert.ok(starts[gapAt] - ends[gapAt - 1] >= 99,
-      `rest resumed ${starts[gapAt] - ends[gapAt - 1]} ms after the budget ran out`);
+    assert.ok(runStarts[gapAt] - ends[gapAt - 1] >= 99,
+      `rest resumed ${runStarts[gapAt] - ends[gapAt - 1]} ms after the budget ran out`);
   });
 
   await t.test('many schedules before the callback runs cost one callback; a task scheduling itself again inside it goes on in the same run', async () => {
@@ -33,10 +40,9 @@ test('dispatch budget', async (t) => {
   });
 });
 
-// The last line of a child's stdout that is a JSON object.
-const lastObject = (r) => JSON.parse(r.stdout.split('\n').filter((l) => l.startsWith('{')).pop());
-const load = `const p = require(${JSON.stringify(probePath)});`;
-
+// That a pending operation keeps the process (or Worker) alive and lets it
+// end once settled: every Worker ending of lifecycle.test.js, whose child
+// prints its last call's answer and then ends by itself.
 test('references', async (t) => {
   await t.test('add_ref off the main thread from 0 stays 0 and logs; from 2 it becomes 3', () => {
     const r = runChild(`${load}
@@ -58,12 +64,6 @@ test('references', async (t) => {
     await new Promise((resolve) => setTimeout(resolve, 150));
     assert.equal(r.ran(), false);
   });
-
-  await t.test('a pending operation keeps the process alive; the reference goes when it ends', () => {
-    const r = runChild(`${load} p.delay(300).then((v) => console.log('settled', v.refCount, p.ref(0)));`);
-    assert.equal(r.status, 0, r.stderr);
-    assert.match(r.stdout, /settled 1 0/);
-  });
 });
 
 test('after stop, schedule logs and resumes on the awaiting thread', () => {
@@ -73,4 +73,48 @@ test('after stop, schedule logs and resumes on the awaiting thread', () => {
   const out = lastObject(r);
   assert.equal(out.sameThread, true);
   assert.notEqual(out.threadId, out.mainThreadId);
+});
+
+test('a rejection is an Error with the failure text and no code; so is a failure delivered to a callback', async () => {
+  const plain = (message) => (e) => e.constructor === Error && e.message === message && !('code' in e);
+  await assert.rejects(probe.rejectWith('disk on fire'), plain('disk on fire'));
+  const error = await new Promise((resolve) => probe.callbackError(resolve, 'no such folder'));
+  assert.ok(plain('no such folder')(error), String(error));
+});
+
+// [kind, on the main thread, stdout, stderr (or null: no thread line)];
+// only a script error on the main thread is thrown into script besides. A
+// standard exception and any other value are logged alike on any thread.
+const spawnRows = [
+  ['std', true, /^Ostrel Spawn Exception probe std failure$/m, null],
+  ['other', false, /^Ostrel Spawn Error\.\.\.$/m, null],
+  ['napi', true, /^Ostrel Spawn Napi::Error probe napi failure$/m, null],
+  // Off the main thread the message cannot be read (it is a Node-API call).
+  ['napi', false, /^Ostrel Spawn Napi::Error $/m, /^Ostrel Spawn Napi::Error in thread #\d+$/m],
+];
+
+test('spawn logs each kind of failure, on and off the main thread', async (t) => {
+  for (const [kind, onMain, stdout, stderr] of spawnRows) {
+    await t.test(`${kind} ${onMain ? 'on' : 'off'} the main thread`, () => {
+      const r = runChild(`${load}
+        try { p.spawnFailure(${JSON.stringify(kind)}, ${onMain}); } catch (e) { console.log('THROWN ' + e.message); }`);
+      assert.equal(r.status, 0, r.stderr);
+      assert.match(r.stdout, stdout);
+      if (kind === 'napi' && onMain) assert.match(r.stdout, /^THROWN probe napi failure$/m);
+      else assert.doesNotMatch(r.stdout, /THROWN/);
+      if (stderr) assert.match(r.stderr, stderr);
+      else assert.doesNotMatch(r.stderr, /in thread #/);
+    });
+  }
+});
+
+test('a script error raised inside a dispatch reaches uncaughtException and work goes on', () => {
+  const r = runChild(`${load}
+    process.on('uncaughtException', (e) => console.log('UNCAUGHT ' + e.message));
+    p.throwOnDispatch('late failure');
+    p.rejectWith('later').catch(() => console.log('STILL RUNNING'));`);
+  assert.equal(r.status, 0, r.stderr);
+  for (const line of ['Ostrel Spawn Napi::Error late failure', 'UNCAUGHT late failure', 'STILL RUNNING']) {
+    assert.match(r.stdout, new RegExp(`^${line}$`, 'm'));
+  }
 });

@@ -33,6 +33,29 @@ struct detached_task {
   };
 };
 
+// Runs `body` on one of the executor's threads (or never, when `t` is
+// cancelled by the time a thread takes it).
+struct hop {
+  blocking_executor& e;
+  cancellation_token t;
+  bool cancelled = false;
+  bool await_ready() { return false; }
+  void await_suspend(std::coroutine_handle<> h) { e.post({resumable(h), t, &cancelled}); }
+  void await_resume() {}
+};
+template <typename F>
+detached_task post(blocking_executor& e, F body, cancellation_token t = {}) {
+  hop h{e, std::move(t)};  // named: GCC 12 destroys an aggregate temporary of a co_await expression twice
+  co_await h;
+  body();
+}
+
+void wait_until(const std::function<bool()>& done) {
+  for (auto end = std::chrono::steady_clock::now() + 20s; !done() && std::chrono::steady_clock::now() < end;) {
+    std::this_thread::sleep_for(1ms);
+  }
+}
+
 TEST(SessionRegistry, StopAllStopsLiveSessionsOnceAndLaterOnesAtOnce) {
   auto registry = std::make_shared<session_registry>();
   int live = 0, ended = 0, late = 0;
@@ -57,7 +80,7 @@ TEST(SessionRegistry, StopAllStopsLiveSessionsOnceAndLaterOnesAtOnce) {
   EXPECT_FALSE(orphan_stopped);
 }
 
-TEST(Blocking, AJobRunsWhollyOnItsOwnThreadAndTheTaskGoesOnOnThePool) {
+TEST(Blocking, AJobRunsWhollyOnItsOwnThreadTheTaskGoesOnOnThePoolAndBlockingCallsOffIt) {
   runtime::acquire(2);
   struct seen {
     std::thread::id job_start, job_end, after;
@@ -75,6 +98,9 @@ TEST(Blocking, AJobRunsWhollyOnItsOwnThreadAndTheTaskGoesOnOnThePool) {
     s.after_on_pool = runtime::pool()->is_worker_thread();
     auto failing = on_own_thread([]() -> int { throw std::runtime_error("job failed"); });
     EXPECT_THROW(co_await failing, std::runtime_error);
+    // A blocking call runs on the blocking executor, not on the CPU pool.
+    co_await on_blocking();
+    EXPECT_TRUE(runtime::blocking()->is_executor_thread() && !runtime::pool()->is_worker_thread());
   }(s));
   EXPECT_EQ(s.job_start, s.job_end);
   EXPECT_NE(s.job_start, s.after);
@@ -86,7 +112,7 @@ TEST(Blocking, AJobRunsWhollyOnItsOwnThreadAndTheTaskGoesOnOnThePool) {
 // the last release stops it. A job stuck in a call nothing can wake must not
 // hold the process up: the last release waits for it only as long as it is
 // told to.
-TEST(Runtime, HoldsShareOneRuntimeAndTheLastReleaseLeavesAStuckJobAfterTheGrace) {
+TEST(Runtime, HoldsShareOneRuntimeAndTheLastReleaseLeavesAStuckJobOrPoolTaskAfterTheGrace) {
   runtime::acquire(2);
   auto first = runtime::pool();
   runtime::acquire(2);
@@ -96,42 +122,23 @@ TEST(Runtime, HoldsShareOneRuntimeAndTheLastReleaseLeavesAStuckJobAfterTheGrace)
     std::this_thread::sleep_for(1500ms);
     ended->store(true);
   }));
+  // So must a task still running on the pool: its worker is left running,
+  // and what it comes back to is kept.
+  auto pool_ended = std::make_shared<std::atomic<bool>>(false);
+  [](std::shared_ptr<std::atomic<bool>> ended) -> detached_task {
+    co_await on_pool();
+    std::this_thread::sleep_for(1500ms);
+    ended->store(true);
+  }(pool_ended);
   EXPECT_FALSE(runtime::release(5s));
   EXPECT_NE(runtime::pool(), nullptr);
   const auto start = std::chrono::steady_clock::now();
   EXPECT_TRUE(runtime::release(100ms));
   EXPECT_LT(std::chrono::steady_clock::now() - start, 1000ms);
-  EXPECT_FALSE(ended->load());
+  EXPECT_FALSE(ended->load() || pool_ended->load());
   EXPECT_EQ(runtime::pool(), nullptr);
   EXPECT_EQ(runtime::io(), nullptr);
-  while (!ended->load()) std::this_thread::sleep_for(10ms);
-}
-
-// A call stuck on a dead share holds one blocking thread; work behind it gets
-// another thread, and the CPU pool never runs it.
-TEST(Blocking, AStuckCallHoldsOnlyItsOwnThread) {
-  runtime::acquire(2);
-  std::atomic<bool> release_stuck{false};
-  std::atomic<int> stuck_started{0};
-  auto stuck = [&]() -> task<void> {
-    co_await on_blocking();
-    EXPECT_FALSE(runtime::pool()->is_worker_thread());
-    ++stuck_started;
-    while (!release_stuck.load()) std::this_thread::sleep_for(1ms);
-  };
-  std::vector<std::thread> waiters;
-  for (int i = 0; i < 3; ++i) waiters.emplace_back([&] { sync_wait(stuck()); });
-  while (stuck_started.load() < 3) std::this_thread::sleep_for(1ms);
-  // Three threads are stuck: a fourth call still runs at once.
-  sync_wait([]() -> task<void> {
-    co_await on_blocking();
-    EXPECT_TRUE(runtime::blocking()->is_executor_thread());
-    co_await on_pool();
-    EXPECT_TRUE(runtime::pool()->is_worker_thread());
-  }());
-  release_stuck = true;
-  for (auto& t : waiters) t.join();
-  EXPECT_TRUE(runtime::release(5s));
+  while (!ended->load() || !pool_ended->load()) std::this_thread::sleep_for(10ms);
 }
 
 // A task cancelled before a thread takes it never runs its blocking part;
@@ -171,28 +178,22 @@ TEST(BlockingExecutor, QueuedCancelledWorkGoesToTheSinkAndStopFreesTheRest) {
   std::atomic<int> ran{0};
   std::vector<std::thread> callers;
   cancellation_source source;
-  auto post_one = [&](cancellation_token t) -> detached_task {
-    struct hop {
-      blocking_executor& e;
-      cancellation_token t;
-      bool cancelled = false;
-      bool await_ready() { return false; }
-      void await_suspend(std::coroutine_handle<> h) { e.post({resumable(h), t, &cancelled}); }
-      void await_resume() {}
-    };
-    // Named: GCC 12 destroys an aggregate temporary of a co_await expression twice.
-    hop h{*executor, t};
-    co_await h;
-    ++ran;
-    while (!go.load()) std::this_thread::sleep_for(1ms);
+  auto post_one = [&](cancellation_token t) {
+    post(
+        *executor,
+        [&] {
+          ++ran;
+          while (!go.load()) std::this_thread::sleep_for(1ms);
+        },
+        std::move(t));
   };
   post_one({});
-  while (ran.load() < 1) std::this_thread::sleep_for(1ms);
+  wait_until([&] { return ran.load() == 1; });
   post_one(source.token());  // queued: the only thread is busy
   post_one({});              // queued too
   source.request_cancellation();
   go = true;
-  while (ran.load() < 2) std::this_thread::sleep_for(1ms);
+  wait_until([&] { return ran.load() == 2; });
   EXPECT_EQ(sunk.load(), 1);
   EXPECT_TRUE(executor->stop(2s));
   EXPECT_EQ(executor->threads(), 0u);
@@ -249,27 +250,6 @@ TEST(Runtime, ForeignThreadsPostWhileTheRuntimeIsReleasedAndRestarted) {
 
 // The blocking executor's thread policy: a burst of quick calls runs on a few
 // threads; calls stuck for good never keep the work behind them waiting.
-struct hop {
-  blocking_executor& e;
-  bool await_ready() { return false; }
-  void await_suspend(std::coroutine_handle<> h) { e.post({resumable(h), {}, nullptr}); }
-  void await_resume() {}
-};
-
-// Runs `body` on one of the executor's threads.
-template <typename F>
-detached_task post(blocking_executor& e, F body) {
-  hop h{e};  // named: GCC 12 destroys an aggregate temporary of a co_await expression twice
-  co_await h;
-  body();
-}
-
-void wait_until(const std::function<bool()>& done) {
-  for (auto end = std::chrono::steady_clock::now() + 20s; !done() && std::chrono::steady_clock::now() < end;) {
-    std::this_thread::sleep_for(1ms);
-  }
-}
-
 TEST(BlockingExecutor, ABurstOfQuickCallsRunsOnAFewThreads) {
   auto executor = blocking_executor::create(64, 10s, 4, 50ms);
   std::atomic<int> ran{0};

@@ -1,14 +1,16 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <vector>
 
-#include "chain_fixture.h"
-#include "runtime/coroutine_chain.h"
 #include "runtime/events.h"
 #include "runtime/sync_wait.h"
 #include "runtime/task.h"
+#include "runtime_fixture.h"
 
 namespace ostrel {
 namespace {
@@ -65,41 +67,88 @@ TEST(Task, LongSynchronousChainsDoNotGrowTheStack) {
 using testing::linked_root;
 using testing::tracker;
 
-// Destroying a parked chain from its innermost frame frees every frame once:
-// the event's destructor frees the tasks still waiting on it.
-TEST(CoroutineChain, DestroyFromInnermostFreesTheWholeChain) {
+// Chains of a detached root and two tasks parked on an event: setting it
+// runs the chain to its end; destroying the event (which frees the tasks
+// still waiting on it) frees every frame of the chain from its innermost one,
+// once.
+TEST(CoroutineChain, ResumingRunsTheChainToItsEndAndDestroyingFromTheInnermostFreesItWhole) {
   std::atomic<int> alive{0};
-  auto event = std::make_unique<async_auto_reset_event>();
-  auto inner = [](std::atomic<int>* alive, async_auto_reset_event* e) -> task<void> {
+  auto chain = [](std::atomic<int>* alive, async_auto_reset_event* e, bool* finished) -> linked_root {
     tracker t(alive);
-    co_await *e;
+    co_await [](std::atomic<int>* alive, async_auto_reset_event* e) -> task<void> {
+      tracker t(alive);
+      co_await [](std::atomic<int>* alive, async_auto_reset_event* e) -> task<void> {
+        tracker t(alive);
+        co_await *e;
+      }(alive, e);
+    }(alive, e);
+    *finished = true;
   };
-  auto outer = [&](std::atomic<int>* alive) -> task<void> {
-    tracker t(alive);
-    co_await inner(alive, event.get());
-  };
-  [&](std::atomic<int>* alive) -> linked_root {
-    tracker t(alive);
-    co_await outer(alive);
-  }(&alive);
+  bool finished = false;
+  async_auto_reset_event resumed;
+  chain(&alive, &resumed, &finished);
   EXPECT_EQ(alive, 3);
-  event.reset();
+  resumed.set();
+  EXPECT_TRUE(finished);
+  EXPECT_EQ(alive, 0);
+  finished = false;
+  auto destroyed = std::make_unique<async_auto_reset_event>();
+  chain(&alive, destroyed.get(), &finished);
+  EXPECT_EQ(alive, 3);
+  destroyed.reset();
+  EXPECT_FALSE(finished);
   EXPECT_EQ(alive, 0);
 }
 
-TEST(CoroutineChain, ResumingTheChainRunsItToTheEnd) {
-  std::atomic<int> alive{0};
-  bool finished = false;
-  async_auto_reset_event event;
-  [](std::atomic<int>* alive, bool* finished, async_auto_reset_event* e) -> linked_root {
-    tracker t(alive);
-    co_await [](async_auto_reset_event* e) -> task<void> { co_await *e; }(e);
-    *finished = true;
-  }(&alive, &finished, &event);
-  EXPECT_EQ(alive, 1);
-  event.set();
-  EXPECT_TRUE(finished);
-  EXPECT_EQ(alive, 0);
+// The events handed between threads many times; meant to run under
+// ThreadSanitizer as much as to pass (timed waits and hops from many
+// threads: io_service_test.cc).
+TEST(AsyncEvent, HandsOffBetweenThreads) {
+  thread_pool pool(4);
+  async_auto_reset_event ping, pong;
+  constexpr int rounds = 2000;
+  std::atomic<int> count{0};
+  std::thread a([&] {
+    sync_wait([&]() -> task<void> {
+      for (int i = 0; i < rounds; ++i) {
+        co_await ping;
+        ++count;
+        co_await pool.schedule();
+        pong.set();
+      }
+    }());
+  });
+  std::thread b([&] {
+    sync_wait([&]() -> task<void> {
+      for (int i = 0; i < rounds; ++i) {
+        ping.set();
+        co_await pong;
+      }
+    }());
+  });
+  a.join();
+  b.join();
+  EXPECT_EQ(count, rounds);
+}
+
+TEST(BlockingEvent, ReleasesOneWaitPerSet) {
+  auto_reset_event event;
+  std::atomic<int> woke{0};
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < 4; ++i) {
+    waiters.emplace_back([&] {
+      for (int k = 0; k < 250; ++k) {
+        event.wait();
+        ++woke;
+      }
+    });
+  }
+  while (woke < 1000) {
+    event.set();
+    std::this_thread::yield();
+  }
+  for (auto& t : waiters) t.join();
+  EXPECT_EQ(woke, 1000);
 }
 
 }  // namespace

@@ -1,15 +1,28 @@
-// Pieces for tests of how parked task chains are freed: a detached root
-// frame that takes part in chains (as spawned tasks do) and a counter of
-// live frames.
+// Pieces for the runtime's unit tests: an I/O service pumped by its own
+// thread for the duration of one test, and, for tests of how parked task
+// chains are freed, a detached root frame that takes part in chains (as
+// spawned tasks do) and a counter of live frames.
 #pragma once
 
 #include <atomic>
 #include <coroutine>
 #include <exception>
+#include <thread>
 
 #include "runtime/coroutine_chain.h"
+#include "runtime/io_service.h"
+#include "runtime/thread_pool.h"
 
 namespace ostrel::testing {
+
+struct pumped_service {
+  io_service service;
+  std::thread pump{[this] { service.process_events(); }};
+  ~pumped_service() {
+    service.stop();
+    pump.join();
+  }
+};
 
 struct linked_root {
   struct promise_type : promise_link {
