@@ -134,26 +134,35 @@ test('pause, resume, seek bounds and the state properties', async () => {
   assert.equal(p.pause(), false);
 });
 
-test('volume: capped at 1, no lower bound, mute, and stop unmutes and restores 1.0', async () => {
+test('volume (capped at 1, no lower bound, mute; stop unmutes and restores 1.0) and options', async () => {
   const { p, events } = await recordedPlayer();
-  // Each row: a command, and the volume the simulator is then given (null:
-  // none; undefined: not checked).
+  // Each row: a command, what it returns (undefined: not checked), and the
+  // volume the simulator is then given (null: none; undefined: not checked).
   const steps = [
-    [() => p.setVolume(5), 1],
-    [() => p.setVolume(-3), -3],
-    [() => p.setVolume(0.5), 0.5],
-    [() => p.setMute(true), 0],
-    [() => p.setVolume(0.75), null], // muted: only stored
+    [() => p.setVolume(5), true, 1],
+    [() => p.setVolume(-3), true, -3],
+    [() => p.setVolume(0.5), true, 0.5],
+    [() => p.setMute(true), true, 0],
+    [() => p.setVolume(0.75), true, null], // muted: only stored
     [() => p.stop()],
-    [() => p.setVolume(0.25), 0.25], // unmuted by the stop: applied at once
+    [() => p.setVolume(0.25), true, 0.25], // unmuted by the stop: applied at once
     [() => p.stop()],
-    [() => p.setMute(false), 1], // the volume back at 1.0
+    [() => p.setMute(false), true, 1], // the volume back at 1.0
+    [() => p.setCorvexStr('x=1'), true],
+    [() => p.setCorvexStr('fail'), false],
+    [() => p.setCorvexStr('a\0b'), false],
+    [() => p.setPlaySpeed(2), true],
+    [() => p.setPlaySpeed('1.5'), true],
+    [() => p.setPlaySpeed({ toString: () => '3' }), true],
+    [() => p.setPlaySpeed('fast'), false],
+    [() => p.setPlaySpeed('2\0'), false],
+    [() => p.setPlaySpeed(undefined), false],
   ];
-  for (const [step, volume] of steps) {
+  for (const [step, returns, volume] of steps) {
     const n = events.length;
     const done = step();
+    if (returns !== undefined) assert.equal(done, returns, String(step));
     if (volume === undefined) continue;
-    assert.equal(done, true, String(step));
     if (volume !== null) {
       assert.equal(await nextVolume(events, n), volume, String(step));
       continue;
@@ -163,25 +172,10 @@ test('volume: capped at 1, no lower bound, mute, and stop unmutes and restores 1
   }
   assert.throws(() => p.setVolume('1'), { message: 'A number was expected' });
   assert.throws(() => p.setMute(1), { message: 'A boolean was expected' });
-  p.dispose();
-  assert.equal(p.setMute(true), false);
-});
-
-test('options: setCorvexStr and setPlaySpeed', async () => {
-  const p = await m.CreateMediaPlayer();
-  assert.equal(p.setCorvexStr('x=1'), true);
-  assert.equal(p.setCorvexStr('fail'), false);
   assert.throws(() => p.setCorvexStr(5), { message: 'A string was expected' });
-  assert.equal(p.setPlaySpeed(2), true);
-  assert.equal(p.setPlaySpeed('1.5'), true);
-  assert.equal(p.setPlaySpeed({ toString: () => '3' }), true);
-  assert.equal(p.setPlaySpeed('fast'), false);
-  assert.equal(p.setCorvexStr('a\0b'), false);
-  assert.equal(p.setPlaySpeed('2\0'), false);
-  assert.equal(p.setPlaySpeed(undefined), false);
   assert.throws(() => p.setPlaySpeed(Symbol('s')), TypeError);
   p.dispose();
-  assert.equal(p.setCorvexStr('x'), false);
+  assert.deepEqual([p.setMute(true), p.setCorvexStr('x')], [false, false]);
 });
 
 test('request headers: the own enumerable properties of options.headers, as strings', async () => {
