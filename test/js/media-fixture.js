@@ -1,14 +1,13 @@
 'use strict';
 // Shared pieces of the media suites: where the simulator SDK's libraries
 // are, WAV files, and child scripts that load the module with a reporter
-// and a fact sink recording what the media bridge reports. The SDK's state
+// recording what the media bridge reports. The SDK's state
 // is the process's and is never reset, so every loading case runs in a
 // child of its own.
 const fs = require('fs');
-const os = require('os');
 const path = require('path');
 const assert = require('node:assert/strict');
-const { buildDir, isWindows, runChild } = require('./helpers');
+const { buildDir, isWindows, runChild, tempDir: helperTempDir } = require('./helpers');
 
 const slash = (p) => p.replace(/\\/g, '/');
 const modulePath = slash(path.join(buildDir(), 'ostrel.node'));
@@ -39,9 +38,7 @@ function writeWav(file, ms) {
   return file;
 }
 
-function tempDir(tag) {
-  return fs.mkdtempSync(path.join(os.tmpdir(), `ostrel-media-${tag}-`));
-}
+const tempDir = (tag) => helperTempDir(`ostrel-media-${tag}-`);
 
 // Copies the simulator's `variant` libraries into `dir` (made as needed).
 function copySim(dir, variant = 'full') {
@@ -51,30 +48,18 @@ function copySim(dir, variant = 'full') {
 }
 
 // The prelude of a child script: `m` the module (from `module`), `records`
-// every media record and fact, `stats(name)` the statistic records of that
-// name, `out(tag, value)` prints a result line, `finish()` waits for the
-// last deliveries, prints "RECORDS" and lets the child end.
+// every media record, `out(tag, value)` prints a result line, `finish()`
+// waits for the last deliveries, prints "RECORDS" and lets the child end.
 function prelude(module = modulePath) {
   return `
     const m = require(${JSON.stringify(slash(module))});
     const records = [];
-    const facts = [];
     m.RegisterTvkReporter({ report(r) { records.push(r); } });
-    m.RegisterFact({ corvex(name, attrs) { facts.push([name, attrs]); } });
     const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
-    const stats = (name) => records.filter((r) => r.category === ${statCategory} && r.msg === name);
     const out = (tag, value) => console.log('OUT ' + JSON.stringify([tag, value === undefined ? null : value]));
-    const waitFor = async (pred, what, ms = 10000) => {
-      const start = Date.now();
-      while (!pred()) {
-        if (Date.now() - start > ms) throw new Error('timed out waiting for ' + what);
-        await sleep(10);
-      }
-    };
     const finish = async () => {
       await sleep(300);
       console.log('RECORDS ' + JSON.stringify(records));
-      console.log('FACTS ' + JSON.stringify(facts));
       m.UnRegisterTvkReporters();
     };
     process.on('unhandledRejection', (e) => { console.error('UNHANDLED', e); process.exit(3); });
@@ -82,7 +67,7 @@ function prelude(module = modulePath) {
 }
 
 // Runs `body` (inside an async function, after the prelude) in a child and
-// returns { outs: {tag: value}, records, facts, stdout, stderr, status }.
+// returns { outs: {tag: value}, records, stats(name), stdout, stderr, status }.
 function runMedia(body, { module, env, timeout = 60000, expectStatus = 0, cwd } = {}) {
   const source = `${prelude(module)}
     (async () => { ${body} })().then(finish, (e) => { console.error('FAILED', e && e.stack || e); process.exit(2); });`;
@@ -90,18 +75,15 @@ function runMedia(body, { module, env, timeout = 60000, expectStatus = 0, cwd } 
   if (expectStatus !== null) assert.equal(r.status, expectStatus, `status ${r.status}\n${r.stdout}\n${r.stderr}`);
   const outs = {};
   let records = [];
-  let facts = [];
   for (const line of r.stdout.split(/\r?\n/)) {
     if (line.startsWith('OUT ')) {
       const [tag, value] = JSON.parse(line.slice(4));
       outs[tag] = value;
     } else if (line.startsWith('RECORDS ')) {
       records = JSON.parse(line.slice(8));
-    } else if (line.startsWith('FACTS ')) {
-      facts = JSON.parse(line.slice(6));
     }
   }
-  return { ...r, outs, records, facts, stats: (name) => records.filter((x) => x.category === statCategory && x.msg === name) };
+  return { ...r, outs, records, stats: (name) => records.filter((x) => x.category === statCategory && x.msg === name) };
 }
 
 function runIn(source, cwd, env = {}, timeout = 60000) {
@@ -110,4 +92,4 @@ function runIn(source, cwd, env = {}, timeout = 60000) {
   return { status: r.status, signal: r.signal, stdout: r.stdout || '', stderr: r.stderr || '' };
 }
 
-module.exports = { modulePath, simDir, libNames, writeWav, tempDir, copySim, runMedia, slash, statCategory, isWindows };
+module.exports = { modulePath, simDir, libNames, writeWav, tempDir, copySim, runMedia, statCategory, isWindows };

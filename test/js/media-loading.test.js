@@ -53,45 +53,51 @@ test('without an SDK every call searches again and fails with its own message', 
   assert.equal(r.outs.count2, 'Wrong number of arguments');
   // Four searches: one per call, the throwing ones included.
   assert.equal(r.stdout.match(/^Start Init Corvex\.\.\.$/gm).length, 4);
-  const stats = r.stats('InitCorvex');
-  assert.equal(stats.length, 4);
   // The module sits in build/<preset>/: the development layout, whose last
   // candidate is P3/corvex_lib/<platform>/lib/x86_64.
   const lastTried = path.join(path.dirname(path.dirname(path.dirname(modulePath))), 'corvex_lib', platformDir, 'lib', 'x86_64');
-  for (const s of stats) {
-    assert.equal(s.w_succ, 0);
-    assert.equal(s.bl1, path.normalize(modulePath));
-    assert.equal(s.bl2, lastTried);
-    assert.equal(s.c2, s.code);
-    assert.equal(s.message, 'Init Corvex');
-  }
+  const stats = r.stats('InitCorvex').map((s) => [s.w_succ, s.bl1, s.bl2, s.c2 === s.code, s.message]);
+  assert.deepEqual(stats, Array(4).fill([0, path.normalize(modulePath), lastTried, true, 'Init Corvex']));
   assert.ok(r.stdout.includes(`End Init Corvex from ${lastTried} 0 `), r.stdout);
 });
 
-// The library paths joined to the folder: media_test.cc (MediaPaths).
-test('InitCorvexSync loads from a directory (here with a trailing separator), binds the network library once, and a second call does nothing', () => {
-  const r = runMedia(`
-    m.InitCorvexSync({ corvexDir: ${JSON.stringify(full + sep)}, znetPointer: 0x7bn, znetAvailable: true });
-    m.InitCorvexSync({ corvexDir: 'elsewhere', znetPointer: 0x99n, znetAvailable: true });
-    const p = await m.CreateMediaPlayer();
-    out('version', p.version);
-    p.dispose();
-  `);
-  assert.match(r.stdout, /^Corvex inited\. corvex_source: $/m);
-  assert.ok(r.stdout.includes(`End Init Corvex from ${full}${sep} 1 0`), r.stdout);
-  assert.equal(r.stdout.match(/^corvex-sim: bind network library/gm).length, 1);
-  assert.match(r.stdout, /^corvex-sim: bind network library 0x7b$/m);
-  assert.match(r.stdout, /^Corvex already inited\.$/m);
-  assert.equal(r.outs.version, 'corvex-sim 1.0 placebo-291');
-  const [v2] = r.stats('InitCorvexV2');
-  assert.equal(r.stats('InitCorvexV2').length, 1);
-  assert.deepEqual([v2.w_succ, v2.bl1, v2.bl2, v2.bl3, v2.c2], [1, '', '', '', '0']);
-  const binds = r.stats('CorvexbindZNetPointer');
-  assert.equal(binds.length, 1);
-  assert.deepEqual([binds[0].c2, binds[0].c3, binds[0].c4, binds[0].bl1, binds[0].w_succ], ['true', 'true', '0', 'BindZNetPointer Succeed', 1]);
-  const created = r.stats('CreateUniqueMediaPlayer');
-  assert.equal(created.length, 1);
-  assert.equal(created[0].w_succ, 1);
+// Each row: InitCorvexSync's network options, and its statistic of the
+// binding (c2: a BigInt given, c3: available, c4: the simulator's status).
+// The folder is given with a trailing separator (the library paths joined
+// to it: media_test.cc, MediaPaths); a second call does nothing.
+test('InitCorvexSync loads from a folder once and binds the network library only with a BigInt and znetAvailable true', () => {
+  const rows = [
+    ['{ znetPointer: 0x7bn, znetAvailable: true }', 'true', 'true', '0', 'BindZNetPointer Succeed'],
+    ['{ znetPointer: 5n, znetAvailable: false }', 'true', 'false', '0', 'BindZNetPointer Unavailable'],
+    ['{ znetPointer: 5, znetAvailable: true }', 'false', 'true', '0', 'BindZNetPointer Unavailable'],
+    ['{}', 'false', 'false', '0', 'BindZNetPointer Unavailable'],
+    ["{ znetPointer: 5n, znetAvailable: 'yes' }", 'true', 'false', '0', 'A boolean was expected'],
+    // The simulator refuses a null pointer: its status is reported.
+    ['{ znetPointer: 0n, znetAvailable: true }', 'true', 'true', '-2', ''],
+  ];
+  for (const [extra, c2, c3, c4, bl1] of rows) {
+    const r = runMedia(`
+      m.InitCorvexSync({ corvexDir: ${JSON.stringify(full + sep)}, ...${extra} });
+      m.InitCorvexSync({ corvexDir: 'elsewhere', znetPointer: 0x99n, znetAvailable: true });
+      const p = await m.CreateMediaPlayer();
+      out('version', p.version);
+      p.dispose();
+    `);
+    assert.match(r.stdout, /^Corvex inited\. corvex_source: $/m);
+    assert.ok(r.stdout.includes(`End Init Corvex from ${full}${sep} 1 0`), r.stdout);
+    assert.match(r.stdout, /^Corvex already inited\.$/m);
+    assert.equal(r.outs.version, 'corvex-sim 1.0 placebo-291');
+    const v2 = r.stats('InitCorvexV2');
+    assert.deepEqual(v2.map((s) => [s.w_succ, s.bl1, s.bl2, s.bl3, s.c2]), [[1, '', '', '', '0']], extra);
+    const binds = r.stats('CorvexbindZNetPointer');
+    assert.deepEqual(binds.map((b) => [b.c2, b.c3, b.c4, b.bl1, b.w_succ]), [[c2, c3, c4, bl1, 1]], extra);
+    // The simulator is called once, with the pointer given, only then.
+    const pointer = /znetPointer: (\w+)n/.exec(extra);
+    const called = c2 === 'true' && c3 === 'true' ? [`corvex-sim: bind network library 0x${BigInt(pointer[1]).toString(16)}`] : [];
+    assert.deepEqual(r.stdout.match(/^corvex-sim: bind network library.*$/gm) || [], called, extra);
+    assert.equal(/^BindZNetPointer Failed $/m.test(r.stdout), c4 === '-2', extra);
+    assert.deepEqual(r.stats('CreateUniqueMediaPlayer').map((x) => x.w_succ), [1], extra);
+  }
 });
 
 test('several environments initialising at once load the SDK once and bind the network library once', () => {
@@ -121,27 +127,6 @@ test('several environments initialising at once load the SDK once and bind the n
   assert.equal(r.stdout.match(/^Start Init Corvex\.\.\.$/gm).length, 1, r.stdout);
 });
 
-test('InitCorvexSync: the network library is bound only with a BigInt and znetAvailable true', () => {
-  const cases = [
-    ['{ znetPointer: 5n, znetAvailable: false }', 'true', 'false', 'BindZNetPointer Unavailable'],
-    ['{ znetPointer: 5, znetAvailable: true }', 'false', 'true', 'BindZNetPointer Unavailable'],
-    ['{}', 'false', 'false', 'BindZNetPointer Unavailable'],
-    ["{ znetPointer: 5n, znetAvailable: 'yes' }", 'true', 'false', 'A boolean was expected'],
-    ['{ znetPointer: 0n, znetAvailable: true }', 'true', 'true', ''],
-  ];
-  for (const [extra, c2, c3, bl1] of cases) {
-    const r = runMedia(`m.InitCorvexSync({ corvexDir: ${JSON.stringify(full)}, ...${extra} });`);
-    const binds = r.stats('CorvexbindZNetPointer');
-    assert.equal(binds.length, 1, extra);
-    assert.deepEqual([binds[0].c2, binds[0].c3, binds[0].bl1, binds[0].w_succ], [c2, c3, bl1, 1], extra);
-    if (extra.startsWith('{ znetPointer: 0n')) {
-      // The simulator refuses a null pointer: the status is reported.
-      assert.equal(binds[0].c4, '-2');
-      assert.match(r.stdout, /^BindZNetPointer Failed $/m);
-    }
-  }
-});
-
 test('a player library without the entry point fails once, then counts as loaded without a table', () => {
   const r = runMedia(`
     m.InitCorvexSync({ corvexDir: ${JSON.stringify(simDir('noentry'))} });
@@ -149,11 +134,7 @@ test('a player library without the entry point fails once, then counts as loaded
     await m.CreateMediaPlayer().then(() => out('created'), (e) => out('create', e.message));
     out('version', new m.CorvexMediaPlayer().version);
   `);
-  const v2 = r.stats('InitCorvexV2');
-  assert.equal(v2.length, 2);
-  assert.equal(v2[0].w_succ, 0);
-  assert.equal(v2[0].bl3, 'Error code: -1 ');
-  assert.equal(v2[1].w_succ, 1);
+  assert.deepEqual(r.stats('InitCorvexV2').map((s) => [s.w_succ, s.bl3]), [[0, 'Error code: -1 '], [1, '']]);
   assert.ok(r.stdout.includes('End Init Corvex from anywhere-at-all 1 0'), r.stdout);
   assert.deepEqual(r.stats('CorvexbindZNetPointer').map((b) => b.c4), ['0', '-1']);
   // The SDK gave no player: CreateMediaPlayer still resolves, with a player
@@ -239,50 +220,33 @@ test('a planted copy of a dependency in the current directory or PATH is not loa
   assert.equal(r.outs.version, 'corvex-sim 1.0 placebo-291');
 });
 
-test('development layout: a module under build/<config>/ finds the SDK beside the checkout, nearest candidate first', () => {
-  const root = tempDir('dev');
-  // Each row: where the module is, where the SDK is put (beside the copies
-  // of the rows before), the candidate that loads.
+// Each row: where the module is, where the SDK is put (beside the copies of
+// the rows before), the candidate that loads, and for the installed layout
+// where its location is read (Windows: the user's uninstall key, or the
+// machine's 32-bit one when the user's is absent; elsewhere a variable of the
+// environment). "Build" is not "build", and the other choices: media_test.cc.
+test('the SDK beside a development checkout, nearest candidate first, or in the install location', (t) => {
+  const root = tempDir('layout');
   const deep = ['a', 'b', 'c', 'd', 'e', 'f', 'build', 'Release'];
+  const install = path.join(root, 'inst');
+  const keys = isWindows ? [`HKCU\\${uninstallKey}`, `HKLM\\${machineKey}`] : [null];
   const rows = [
     [['app', 'build', 'Release'], ['app', 'corvex_lib', platformDir, 'lib', 'x86_64'], 'win_dev_lib'], // P3
     [deep, ['a', 'assets', 'corvex'], 'win_dev_workspace'], // P8
     [deep, ['a', 'b', 'assets', 'corvex'], 'win_relative_corvex'], // P7, before P8
+    ...keys.map((key) => [['inst', 'resources', 'app'], ['inst', 'resources', 'assets', 'corvex'], 'win_absolute_install', key]),
   ];
-  for (const [at, sdk, label] of rows) {
+  if (isWindows) t.after(clearRegistry);
+  for (const [at, sdk, label, key] of rows) {
     copySim(path.join(root, ...sdk));
-    const r = runMedia(`out('ok', (await m.CreateMediaPlayer()).dispose());`, { module: placeModule(root, ...at) });
+    if (isWindows) clearRegistry();
+    if (key) execFileSync('reg', ['add', key, '/v', 'InstallLocation', '/t', 'REG_SZ', '/d', install, '/f']);
+    const env = key === null ? { OSTREL_CORVEX_INSTALL_LOCATION: install } : {};
+    const r = runMedia(`out('ok', (await m.CreateMediaPlayer()).dispose());`, { module: placeModule(root, ...at), env });
     assert.equal(r.outs.ok, true, label);
     assert.ok(r.stdout.includes(`Corvex inited. corvex_source: ${label}\n`), r.stdout);
+    assert.ok(r.stdout.includes(`End Init Corvex from ${path.join(root, ...sdk)} 1 0`), r.stdout);
     const [s] = r.stats('InitCorvex');
     assert.deepEqual([s.w_succ, s.bl1, s.bl2, s.c2], [1, '', '', '0']);
   }
-  // "Build" is not "build", and the other layout choices: media_test.cc.
-});
-
-test('installed layout: the install location gives InstallLocation/resources/assets/corvex', (t) => {
-  const root = tempDir('inst');
-  const lib = placeModule(root, 'app', 'resources', 'app');
-  const install = path.join(root, 'app');
-  copySim(path.join(install, 'resources', 'assets', 'corvex'));
-  const check = (env) => {
-    const r = runMedia(`out('ok', (await m.CreateMediaPlayer()).dispose());`, { module: lib, env });
-    assert.equal(r.outs.ok, true, r.stdout + r.stderr);
-    assert.match(r.stdout, /^Corvex inited\. corvex_source: win_absolute_install$/m);
-    const tried = path.join(install, 'resources', 'assets', 'corvex');
-    assert.ok(r.stdout.includes(`End Init Corvex from ${tried} 1 0`), r.stdout);
-  };
-  if (!isWindows) {
-    check({ OSTREL_CORVEX_INSTALL_LOCATION: install });
-    return;
-  }
-  t.after(clearRegistry);
-  clearRegistry();
-  // The user's key first ...
-  execFileSync('reg', ['add', `HKCU\\${uninstallKey}`, '/v', 'InstallLocation', '/t', 'REG_SZ', '/d', install, '/f']);
-  check({});
-  // ... then the machine's 32-bit key when the user's is absent.
-  clearRegistry();
-  execFileSync('reg', ['add', `HKLM\\${machineKey}`, '/v', 'InstallLocation', '/t', 'REG_SZ', '/d', install, '/f']);
-  check({});
 });

@@ -7,7 +7,7 @@ const test = require('node:test');
 const assert = require('node:assert/strict');
 const path = require('path');
 const { isMainThread } = require('worker_threads');
-const { modulePath, simDir, writeWav, tempDir, runMedia, statCategory, isWindows } = require('./media-fixture');
+const { modulePath, simDir, writeWav, tempDir, statCategory, isWindows } = require('./media-fixture');
 
 const m = require(modulePath);
 const records = [];
@@ -134,26 +134,35 @@ test('pause, resume, seek bounds and the state properties', async () => {
   assert.equal(p.pause(), false);
 });
 
-test('volume: capped at 1, no lower bound, mute, and stop unmutes and restores 1.0', async () => {
+test('volume (capped at 1, no lower bound, mute; stop unmutes and restores 1.0) and options', async () => {
   const { p, events } = await recordedPlayer();
-  // Each row: a command, and the volume the simulator is then given (null:
-  // none; undefined: not checked).
+  // Each row: a command, what it returns (undefined: not checked), and the
+  // volume the simulator is then given (null: none; undefined: not checked).
   const steps = [
-    [() => p.setVolume(5), 1],
-    [() => p.setVolume(-3), -3],
-    [() => p.setVolume(0.5), 0.5],
-    [() => p.setMute(true), 0],
-    [() => p.setVolume(0.75), null], // muted: only stored
+    [() => p.setVolume(5), true, 1],
+    [() => p.setVolume(-3), true, -3],
+    [() => p.setVolume(0.5), true, 0.5],
+    [() => p.setMute(true), true, 0],
+    [() => p.setVolume(0.75), true, null], // muted: only stored
     [() => p.stop()],
-    [() => p.setVolume(0.25), 0.25], // unmuted by the stop: applied at once
+    [() => p.setVolume(0.25), true, 0.25], // unmuted by the stop: applied at once
     [() => p.stop()],
-    [() => p.setMute(false), 1], // the volume back at 1.0
+    [() => p.setMute(false), true, 1], // the volume back at 1.0
+    [() => p.setCorvexStr('x=1'), true],
+    [() => p.setCorvexStr('fail'), false],
+    [() => p.setCorvexStr('a\0b'), false],
+    [() => p.setPlaySpeed(2), true],
+    [() => p.setPlaySpeed('1.5'), true],
+    [() => p.setPlaySpeed({ toString: () => '3' }), true],
+    [() => p.setPlaySpeed('fast'), false],
+    [() => p.setPlaySpeed('2\0'), false],
+    [() => p.setPlaySpeed(undefined), false],
   ];
-  for (const [step, volume] of steps) {
+  for (const [step, returns, volume] of steps) {
     const n = events.length;
     const done = step();
+    if (returns !== undefined) assert.equal(done, returns, String(step));
     if (volume === undefined) continue;
-    assert.equal(done, true, String(step));
     if (volume !== null) {
       assert.equal(await nextVolume(events, n), volume, String(step));
       continue;
@@ -163,25 +172,10 @@ test('volume: capped at 1, no lower bound, mute, and stop unmutes and restores 1
   }
   assert.throws(() => p.setVolume('1'), { message: 'A number was expected' });
   assert.throws(() => p.setMute(1), { message: 'A boolean was expected' });
-  p.dispose();
-  assert.equal(p.setMute(true), false);
-});
-
-test('options: setCorvexStr and setPlaySpeed', async () => {
-  const p = await m.CreateMediaPlayer();
-  assert.equal(p.setCorvexStr('x=1'), true);
-  assert.equal(p.setCorvexStr('fail'), false);
   assert.throws(() => p.setCorvexStr(5), { message: 'A string was expected' });
-  assert.equal(p.setPlaySpeed(2), true);
-  assert.equal(p.setPlaySpeed('1.5'), true);
-  assert.equal(p.setPlaySpeed({ toString: () => '3' }), true);
-  assert.equal(p.setPlaySpeed('fast'), false);
-  assert.equal(p.setCorvexStr('a\0b'), false);
-  assert.equal(p.setPlaySpeed('2\0'), false);
-  assert.equal(p.setPlaySpeed(undefined), false);
   assert.throws(() => p.setPlaySpeed(Symbol('s')), TypeError);
   p.dispose();
-  assert.equal(p.setCorvexStr('x'), false);
+  assert.deepEqual([p.setMute(true), p.setCorvexStr('x')], [false, false]);
 });
 
 test('request headers: the own enumerable properties of options.headers, as strings', async () => {
@@ -216,20 +210,19 @@ test('request headers: the own enumerable properties of options.headers, as stri
   p.dispose();
 });
 
-test('listeners: names compare exactly ("Prepared" is info), one per code, a throwing one stops nothing', async () => {
+// Which names a listener may take ("Prepared" is an info listener):
+// media_test.cc (MediaNames).
+test('listeners: one per code, the last added; a throwing one stops nothing', async () => {
   const p = await m.CreateMediaPlayer();
   const got = [];
-  p.addEventListener('Prepared', (e) => got.push(['Prepared', e.what]));
   p.addEventListener('prepared', () => { throw new Error('listener failure'); });
-  p.addEventListener('started', () => got.push(['first started']));
-  p.addEventListener('started', () => got.push(['started']));
+  p.addEventListener('started', () => got.push('first started'));
+  p.addEventListener('started', () => got.push('started'));
   assert.throws(() => p.addEventListener('started'), { message: 'Wrong arguments' });
   assert.throws(() => p.addEventListener(1, () => {}), { message: 'Wrong arguments' });
   await p.play('sim://media?duration=100&buffering=1');
-  await waitFor(() => got.filter(([n]) => n === 'Prepared').length >= 2, 'info events');
-  await waitFor(() => got.some(([n]) => n === 'started'), 'started');
-  assert.ok(got.every(([n, what]) => n !== 'Prepared' || what === 200));
-  assert.ok(!got.some(([n]) => n === 'first started'));
+  await waitFor(() => got.length > 0, 'started');
+  assert.deepEqual(got, ['started']);
   p.dispose();
 });
 
@@ -242,14 +235,13 @@ test('statistics of notifications: T3, errors, statistics maps and the corvex_st
     await sleep(50);
     p.dispose();
   };
-  for (const q of ['t3=1', 't3=noend', 't3=bad', 'stat=0', 'stat=3', 'stat=bad']) await run(`sim://media?duration=100&${q}`);
+  for (const q of ['t3=1', 't3=bad', 'stat=0', 'stat=3', 'stat=bad']) await run(`sim://media?duration=100&${q}`);
   await run('sim://media?duration=1000&error=1');
   await waitFor(() => stats('CorvexError').length > before.err, 'the error statistic');
   const t3 = stats('CorvexT3').slice(before.t3);
-  assert.equal(t3.length, 2);
+  assert.equal(t3.length, 1);
   assert.equal(t3[0].bl1, 'startMs=1000,url=sim://media?duration=100&t3=1,note=a@b,endMs=1250,');
   assert.deepEqual([t3[0].wl_avgv2, t3[0].cost, t3[0].w_succ, t3[0].message], [42, '250', 1, 'CorvexT3']);
-  assert.deepEqual([t3[1].cost, t3[1].w_succ], ['-1000', 1]);
   const info = stats('CorvexStatInfo').slice(before.info);
   assert.equal(info.length, 2);
   assert.deepEqual([info[0].w_succ, info[0].cost, info[0].a_result, info[0].an_ac_n, info[0].corvex_stat], [1, '300', '0', '1', '1']);
@@ -287,17 +279,12 @@ test('ReadMediaDuration: a WAV file, a virtual source, failures', async () => {
   assert.deepEqual([all[2].w_succ, all[2].message, all[2].bl1], [0, 'prepare failed', 'prepare failed']);
 });
 
-test('CheckExternalTextureSupport answers once per process and reports once', () => {
-  const r = runMedia(`
-    const a = m.CheckExternalTextureSupport();
-    const b = m.CheckExternalTextureSupport(1, 2);
-    out('answers', [a, b]);
-  `);
-  const [a, b] = r.outs.answers;
+test('CheckExternalTextureSupport answers once per process and reports once', async () => {
+  const a = m.CheckExternalTextureSupport();
   assert.equal(typeof a, 'boolean');
-  assert.equal(a, b);
+  assert.equal(m.CheckExternalTextureSupport(1, 2), a);
   // Wine reports a Windows later than 6.2.
   if (isWindows) assert.equal(a, true);
-  const cat = r.records.filter((x) => x.category === 310);
-  assert.deepEqual(cat, [{ category: 310, msg: a ? 'Flutter' : 'Web', w_succ: a ? 1 : 0 }]);
+  await sleep(300);
+  assert.deepEqual(records.filter((x) => x.category === 310), [{ category: 310, msg: a ? 'Flutter' : 'Web', w_succ: a ? 1 : 0 }]);
 });
