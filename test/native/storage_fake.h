@@ -33,7 +33,6 @@ using row = std::map<std::string, wmi_value>;
 
 // A volume "X:" is named "\\?\Volume{X:}\" unless `named` is false.
 struct volume {
-  std::uint32_t open_error = 0;  // opening "\\.\X:"
   std::uint32_t extents_error = 0;
   std::uint32_t disk_number = 0;
   bool named = true;
@@ -46,12 +45,10 @@ struct volume {
 // only while the count is above 0. CoInitializeSecurity succeeds once per
 // process, then fails with RPC_E_TOO_LATE.
 struct machine {
-  hresult initialize = 0;  // a failure counts nothing
+  // A step's failure: "initialize" (counts nothing), "locator", "connect",
+  // "blanket", or a query by the class it names.
+  std::map<std::string, hresult> fails;
   bool security_already_set = false;
-  hresult create_locator = 0;
-  hresult connect = 0;
-  hresult proxy_blanket = 0;
-  std::map<std::string, hresult> query_errors;  // by the class the query names
   std::vector<row> logical_disks;               // Win32_LogicalDisk
   std::vector<row> disk_drives;                 // Win32_DiskDrive
   std::map<std::string, volume> volumes;        // by DeviceID
@@ -67,6 +64,10 @@ struct machine {
 
   std::mutex mutex;
   std::map<std::thread::id, int> com_count;
+  hresult fail(const std::string& step) const {
+    auto f = fails.find(step);
+    return f == fails.end() ? 0 : f->second;
+  }
   bool com_ready() {
     std::lock_guard lock(mutex);
     if (com_count[std::this_thread::get_id()] > 0) return true;
@@ -113,12 +114,11 @@ class enumerator : public wmi_enumerator, counted {
 class services : public wmi_services, counted {
  public:
   using counted::counted;
-  hresult set_proxy_blanket() override { return m_->proxy_blanket; }
+  hresult set_proxy_blanket() override { return m_->fail("blanket"); }
   hresult exec_query(const std::string& wql, std::unique_ptr<wmi_enumerator>& out) override {
     ++m_->queries;
     bool logical = wql.find("FROM Win32_LogicalDisk") != std::string::npos;
-    if (auto e = m_->query_errors.find(logical ? "Win32_LogicalDisk" : "Win32_DiskDrive"); e != m_->query_errors.end())
-      return e->second;
+    if (hresult e = m_->fail(logical ? "Win32_LogicalDisk" : "Win32_DiskDrive")) return e;
     out = std::make_unique<enumerator>(m_, logical ? m_->logical_disks : m_->disk_drives);
     return 0;
   }
@@ -129,7 +129,7 @@ class locator : public wmi_locator, counted {
   using counted::counted;
   hresult connect_server(const std::string& name, std::unique_ptr<wmi_services>& out) override {
     if (name != "ROOT\\CIMV2") return wbem_e_failed;
-    if (m_->connect < 0) return m_->connect;
+    if (hresult e = m_->fail("connect")) return e;
     out = std::make_unique<services>(m_);
     return 0;
   }
@@ -140,7 +140,7 @@ class com : public com_api {
   explicit com(std::shared_ptr<machine> m) : m_(std::move(m)) {}
   hresult initialize() override {
     ++m_->initialize_calls;
-    if (m_->initialize < 0) return m_->initialize;
+    if (hresult e = m_->fail("initialize")) return e;
     std::lock_guard lock(m_->mutex);
     return m_->com_count[std::this_thread::get_id()]++ == 0 ? 0 : s_false;
   }
@@ -162,7 +162,7 @@ class com : public com_api {
   }
   hresult create_locator(std::unique_ptr<wmi_locator>& out) override {
     if (!m_->com_ready()) return co_e_notinitialized;
-    if (m_->create_locator < 0) return m_->create_locator;
+    if (hresult e = m_->fail("locator")) return e;
     out = std::make_unique<locator>(m_);
     return 0;
   }
@@ -195,8 +195,11 @@ class volumes : public volume_api {
   // "\\.\X:" by its DeviceID.
   std::unique_ptr<volume_device> open_volume(const std::string& path, std::uint32_t& error) override {
     auto v = path.starts_with("\\\\.\\") ? m_->volumes.find(path.substr(4)) : m_->volumes.end();
-    error = v == m_->volumes.end() ? error_file_not_found : v->second.open_error;
-    return error ? nullptr : std::make_unique<device>(v->second);
+    if (v == m_->volumes.end()) {
+      error = error_file_not_found;
+      return nullptr;
+    }
+    return std::make_unique<device>(v->second);
   }
   // "\\?\Volume{X:}", the name without its trailing backslash.
   std::unique_ptr<volume_device> open_volume_shared(const std::string& path, std::uint32_t& error) override {
