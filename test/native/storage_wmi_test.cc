@@ -15,7 +15,7 @@
 #include "storage/drive_list.h"
 #include "storage/hardware_disks.h"
 #include "storage/storage_source.h"
-#include "storage_fake.h"
+#include "../fixtures/storage_wmi_double.h"
 
 namespace ostrel::storage {
 namespace {
