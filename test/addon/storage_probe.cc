@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "../native/storage_fake.h"
+#include "../fixtures/storage_wmi_double.h"
 #include "probe.h"
 #include "runtime/napi_util.h"
 #include "storage/com_guard.h"

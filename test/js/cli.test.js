@@ -2,7 +2,7 @@
 // The ostrel command line, run as a child of this node: one table of
 // commands with their exit status and the shape of what they print, then
 // scans of a small tree whose files are known, scans that cannot list their
-// root or some folder, the watch command until Ctrl-C, the storage and
+// root or some folder (Linux), the watch command until Ctrl-C, the storage and
 // device commands (against the WPD test double on Windows), and the
 // formatting helpers.
 const test = require('node:test');
@@ -12,7 +12,7 @@ const os = require('os');
 const path = require('path');
 const { spawn, spawnSync } = require('child_process');
 const { root, buildDir, isWindows, tempDir } = require('./helpers');
-const { makeTree, removeTree, longChain } = require('./scan-fixture');
+const { makeTree, removeTree } = require('./scan-fixture');
 const { ProgressLine, bytes } = require('../../lib/cli/format');
 const { drivesTable, disksTable } = require('../../lib/cli/storage');
 const { EXIT_INCOMPLETE } = require('../../lib/cli/scan');
@@ -61,14 +61,11 @@ const COMMANDS = [
   [['disks', '--timeout', '-5'], 2, '', /--timeout/],
   [['disks', '--timeout', '99999999999'], 2, '', /--timeout needs/],
   [['drives', 'C:'], 2, '', /unexpected argument 'C:'/],
-  [['disks', '--fast'], 2, '', /--fast/],
   [['device-files'], 2, '', /a device id is needed/],
   [['device-files', 'a', 'b', 'c'], 2, '', /unexpected argument 'c'/],
   [['copy-object', 'a', 'b'], 2, '', /a device id, an object id and a destination are needed/],
-  [['copy-object', 'a', 'b', 'c', '--bogus'], 2, '', /unknown option '--bogus'/],
   [['devices', 'extra'], 2, '', /unexpected argument 'extra'/],
   [['watch', '--ignore', '('], 2, '', /invalid regular expression/],
-  [['watch', '--nope'], 2, '', /unknown option/],
   [['scan', path.join(tree, 'no-such-folder')], 1, '', /no such folder: .*no-such-folder/],
   [['scan', path.join(tree, 'a.jpg')], 1, '', /not a folder/],
   [['watch', path.join(tree, 'no-such-folder')], 1, '', /no such folder/],
@@ -201,24 +198,19 @@ test('a root that may not be listed is an error with status 1, said on standard 
 });
 
 // Folders and names the scan could not cover: the summary names them, a
-// warning goes to standard error, and the status is 3. Linux: the command
-// runs with every descriptor but two taken (the scan's start takes one, the
-// root the other; its folder z fails with EMFILE), beside a name that is not
-// UTF-8 and a FIFO. Under Wine, whose paths become Unix paths of at most
-// 4,096 bytes, folders nested past that cannot be listed.
-test('a scan that could not list some folders or names names them and exits with status 3', (t) => {
-  if (/asan|tsan/.test(process.env.LD_PRELOAD || '') || (isWindows && !process.env.WINELOADER)) {
-    t.skip('the sanitizers need descriptors of their own; Windows lists paths of any length');
-    return;
-  }
-  const base = makeTree({ files: isWindows ? { 'top.txt': 'x' } : { 'top.txt': 'x', 'top2.txt': 'x', 'z/f.txt': 'x' } });
-  if (isWindows) {
-    longChain(t, base);
-  } else {
-    t.after(() => removeTree(base));
-    fs.writeFileSync(Buffer.concat([Buffer.from(path.join(base, 'bad')), Buffer.from([0xff])]), 'x');
-    assert.equal(spawnSync('mkfifo', [path.join(base, 'fifo')]).status, 0, 'mkfifo');
-  }
+// warning goes to standard error, and the status is 3. The command runs
+// with every descriptor but two taken (the scan's start takes one, the root
+// the other; its folders y and z fail with EMFILE, one of them taken ahead
+// by the helper thread, which hands it back), beside a name that is not
+// UTF-8 and a FIFO. (A folder below the root that may not be listed stays
+// silent; under Wine, folders past the path limit: scan-walk.test.js.)
+test('a scan that could not list some folders or names names them and exits with status 3', {
+  skip: (isWindows && 'Linux descriptors') || (/asan|tsan/.test(process.env.LD_PRELOAD || '') && 'sanitizers need descriptors'),
+}, (t) => {
+  const base = makeTree({ files: { 'top.txt': 'x', 'top2.txt': 'x', 'y/f.txt': 'x', 'z/f.txt': 'x' } });
+  t.after(() => removeTree(base));
+  fs.writeFileSync(Buffer.concat([Buffer.from(path.join(base, 'bad')), Buffer.from([0xff])]), 'x');
+  assert.equal(spawnSync('mkfifo', [path.join(base, 'fifo')]).status, 0, 'mkfifo');
   // The module is loaded (and its runtime started) before the descriptors
   // are taken; the command then runs in the same process.
   const starved = `const fs = require('fs');
@@ -229,16 +221,13 @@ test('a scan that could not list some folders or names names them and exits with
     fs.closeSync(held.pop());
     process.argv = [process.argv[0], ${JSON.stringify(bin)}, 'scan', ${JSON.stringify(base)}];
     require(${JSON.stringify(bin)});`;
-  const r = isWindows ? cli(['scan', base]) : cli(['-e', starved], { prefix: ['sh', '-c', 'ulimit -n 64 && exec "$@"', 'sh'], bin: [] });
+  const r = cli(['-e', starved], { prefix: ['sh', '-c', 'ulimit -n 64 && exec "$@"', 'sh'], bin: [] });
   assert.equal(r.status, EXIT_INCOMPLETE, r.stderr);
   const c = counts(r.stdout);
-  assert.equal(c.complete, 'false');
-  assert.ok(c.delivered >= 2, 'the files before the failing folder are delivered');
-  const listed = r.stdout.split('skipped folders (1), their files are missing:\n')[1];
-  assert.ok(listed, r.stdout);
-  assert.match(listed, new RegExp(`^    ${escape(base)}.+: .+ \\(error \\d+\\)$`, 'm'));
-  assert.match(r.stderr, /^ostrel scan: warning: incomplete scan: 1 folder could not be listed/m);
-  if (isWindows) return;
+  assert.deepEqual([c.complete, c.delivered], ['false', 2]);
+  const listed = (r.stdout.split('skipped folders (2), their files are missing:\n')[1] || '').split('\n').slice(0, 2);
+  assert.deepEqual(listed.sort(), ['y', 'z'].map((d) => `    ${path.join(base, d)}: Too many open files (error 24)`), r.stdout);
+  assert.match(r.stderr, /^ostrel scan: warning: incomplete scan: 2 folders could not be listed/m);
   assert.match(r.stdout, /^ {2}specialFileCount +1\n {2}invalidNameCount +1$/m);
   const names = r.stdout.split('folders holding names that are not valid Unicode (1), those entries are missing:\n')[1];
   assert.equal((names || '').split('\n')[0], `    ${base}: 1 name`, r.stdout);

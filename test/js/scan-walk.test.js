@@ -2,9 +2,9 @@
 // The walk against node's fs on a generated tree (every field of every
 // object, under every form of the root; on Linux with special files and
 // names that are not UTF-8), folders that lead back to an ancestor, and
-// folders past the path limit, deep chains with few descriptors and folders
-// that cannot be opened (as the unit tests do, through the module). A root
-// that cannot be listed: scan_walk_test.cc.
+// folders past the path limit. Deep chains with few descriptors and folders
+// that cannot be opened (EMFILE): scan_walk_test.cc, and through the module
+// cli.test.js; a root that cannot be listed: scan_walk_test.cc.
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const fs = require('fs');
@@ -170,15 +170,6 @@ test('the scan against node\'s fs on a generated tree', async (t) => {
     assert.deepEqual(relPaths(dirs), [...oracle.dirs].filter(([, empty]) => empty).map(([rel]) => rel).sort());
     assert.equal(nodes.length, oracle.files.size);
   });
-
-  await t.test('a folder ignored by name is skipped with its whole sub-tree', async () => {
-    const name = [...oracle.dirs.keys()].find((rel) => !rel.includes('/') && !['.cache', 'special'].includes(rel) &&
-      [...oracle.files.keys()].some((f) => f.startsWith(rel + '/')));
-    assert.ok(name, 'the seed gives a top-level folder holding files');
-    const { nodes } = await scan(root, { ignoreDirRegs: [name.replace(/[.*+?^${}()|[\]\\]/g, '\\$&')] });
-    const kept = [...oracle.files.keys()].filter((rel) => !rel.split('/').slice(0, -1).includes(name)).sort();
-    assert.deepEqual(relPaths(nodes), kept);
-  });
 });
 
 // ------------------------------------------------------------ link loops --
@@ -272,38 +263,4 @@ test('a folder nested past the path limit is listed or named, and the walk goes 
     assert.ok(Number.isInteger(skipped0.code) && skipped0.code > 0 && skipped0.reason.length > 0, JSON.stringify(skipped0));
     assert.ok(nodes.length >= 4, 'the files before the limit and the other folders are delivered');
   }
-});
-
-// Linux, with the limit of open files set low (`ulimit -n 64`): two chains
-// of 120 folders are walked whole (a folder is closed once it is listed and
-// its sub-folders are open: no descriptor per level); then, with every
-// descriptor but one taken before the scan, the root opens, the folders
-// below it cannot (EMFILE), and each is skipped and named while the walk
-// goes on. Only here does the helper thread, far ahead, hand such a folder
-// back (the unit tests' walks stay too close). The sanitizers need
-// descriptors of their own: the plain build only.
-test('deep folders need no descriptor per level; folders that cannot be opened are skipped and named (Linux)', {
-  skip: (isWindows && 'Linux only') || (/asan|tsan/.test(process.env.LD_PRELOAD || '') && 'sanitizers need descriptors'),
-}, (t) => {
-  const deep = (b) => `${b}/${Array.from({ length: 120 }, (_, i) => `l${i}`).join('/')}/leaf.txt`;
-  const files = ['top.txt', 'p/shallow.txt', 'q/shallow.txt', deep('p'), deep('q')];
-  const root = makeTree({ files: Object.fromEntries(files.map((f) => [f, ''])) });
-  t.after(() => removeTree(root));
-  const run = (starve) => childScan(`const fs = require('fs');
-      const held = [];
-      if (${starve}) {
-        try { for (;;) held.push(fs.openSync('/dev/null', 'r')); } catch (e) { if (e.code !== 'EMFILE') throw e; }
-        fs.closeSync(held.pop());
-      }
-      scanAll(${JSON.stringify(root)}).then(report);`, { prefix: ['sh', '-c', 'ulimit -n 64 && exec "$@"', 'sh'] });
-  const whole = run(false);
-  assert.deepEqual([relPaths(whole.nodes), whole.r.complete], [files.sort(), true], JSON.stringify(whole.r.skippedFolders));
-  const starved = run(true);
-  assert.deepEqual(relPaths(starved.nodes), ['top.txt']);
-  assert.deepEqual([starved.r.complete, starved.r.totalFileCount], [false, 1]);
-  const skipped = [...starved.r.skippedFolders].sort((x, y) => x.path.localeCompare(y.path));
-  assert.deepEqual(skipped.map((s) => [s.path, s.code]), [[path.join(root, 'p'), 24], [path.join(root, 'q'), 24]]);
-  assert.ok(skipped.every((s) => /too many open files/i.test(s.reason)), JSON.stringify(skipped));
-  // One line per skipped folder on standard error.
-  assert.equal(starved.stderr.split('\n').filter((l) => l.startsWith('ScanAllSubFiles: skipped ')).length, 2, starved.stderr);
 });

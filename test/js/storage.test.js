@@ -68,16 +68,13 @@ test('over a described machine: the time limit and a size that does not convert'
     (async () => {
       const rows = [...Array(50).keys()].map((i) => disk('X' + i, '1'));
       const slow = probe.storageMachine({ nextDelayMs: 100, logicalDisks: rows });
-      const t0 = Date.now();
       const drives = await probe.storageList('drives', slow, { timeoutMs: 350 });
       const disks = await probe.storageList('disks', slow, { timeoutMs: 350 });
-      const elapsed = Date.now() - t0;
       const quick = await probe.storageList('drives', probe.storageMachine({ logicalDisks: rows }), { timeoutMs: 600000 });
       const bad = probe.storageMachine({ logicalDisks: [disk('C:', '10'), disk('D:', 'many'), disk('E:', '10')] });
       const cut = await probe.storageList('drives', bad);
-      const big = await probe.storageList('drives', probe.storageMachine({ logicalDisks: [disk('C:', '99999999999999999999999')] }));
-      console.log('RESULT ' + JSON.stringify({ drives: drives.map((d) => d.mounted), disks: disks.length, elapsed,
-        quick: quick.length, cut: cut.map((d) => d.mounted), big: big.length, counts: probe.storageCounts(bad) }));
+      console.log('RESULT ' + JSON.stringify({ drives: drives.map((d) => d.mounted), disks: disks.length,
+        quick: quick.length, cut: cut.map((d) => d.mounted), counts: probe.storageCounts(bad) }));
     })();
   `);
   const line = r.stdout.split('\n').find((l) => l.startsWith('RESULT '));
@@ -87,15 +84,13 @@ test('over a described machine: the time limit and a size that does not convert'
   assert.ok(n >= 1 && n < 50, `drives ${n}`);
   assert.deepEqual(result.drives, [...Array(n).keys()].map((i) => 'X' + i));
   assert.equal(result.disks, 0);  // the limit ran out inside the first query, which ends the disk list
-  assert.ok(result.elapsed < 60000);
   assert.equal(result.quick, 50);  // a job that ends first does not wait for the limit
   assert.match(r.stderr, /GetDriveList: the time limit of 350 ms ran out; resolving with the \d+ entries read so far/);
   assert.match(r.stderr, /GetHardwareDisk: the time limit of 350 ms ran out; resolving with the 0 entries read so far/);
   assert.match(r.stderr, /WMI enumeration stopped \(the time limit ran out\)/);
+  // The conversion's failures and messages: storage_wmi_test.cc.
   assert.deepEqual(result.cut, ['C:']);
-  assert.equal(result.big, 0);
   assert.match(r.stdout, /Ostrel Spawn Exception invalid stoull argument/);
-  assert.match(r.stdout, /Ostrel Spawn Exception stoull argument out of range/);
   assert.equal(result.counts.liveObjects, 0);
   assert.equal(result.counts.initialize, result.counts.uninitialize);
 });

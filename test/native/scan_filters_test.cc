@@ -52,38 +52,29 @@ TEST(ScanFilters, NamesSplitLikeTheFileSystemLibrary) {
   }
 }
 
+// No lists, an empty excludes list or entry, and each level's case: the
+// options table of scan-filters.test.js.
 TEST(ScanFilters, ExtensionFilters) {
   EXPECT_FALSE(extFiltered(ExtFilter{}, N("a.jpg")));  // no filter given
   struct row {
     std::vector<const char*> includes, excludes;
-    bool excludes_given, scan_level;
     const char* name;
     bool rejected;
   };
   const row rows[] = {
-      {{}, {}, false, true, "a.jpg", true},  // neither list: every file rejected
-      {{}, {}, false, true, "README", true},
-      {{"jpg"}, {}, true, true, "a.txt", false},  // an empty excludes array: none rejected
-      {{"jpg"}, {}, true, true, "README", false},
-      {{"jpg"}, {"jpg"}, true, true, "a.jpg", true},  // excludes, once given, win
-      {{}, {""}, true, true, "README", true},         // "": files without extension
-      {{}, {""}, true, true, ".gitignore", true},
-      {{}, {""}, true, true, "a.txt", false},
-      {{""}, {}, false, true, "README", false},
-      {{""}, {}, false, true, "a.txt", true},
-      {{"JPG"}, {}, false, true, "a.jpg", false},  // scan-level lists are lower-cased...
-      {{"JPG"}, {}, false, true, "b.JPG", false},
-      {{"JPG"}, {}, false, false, "a.jpg", true},  // ...rule-level ones are not
-      {{"JPG"}, {}, false, false, "b.JPG", true},
+      {{"jpg"}, {"jpg"}, "a.jpg", true},  // excludes, once given, win
+      {{""}, {}, "README", false},        // "": files without extension
+      {{""}, {}, "a.txt", true},
   };
   for (const row& r : rows) {
-    EXPECT_EQ(extFiltered(filter(r.includes, r.excludes, r.excludes_given, r.scan_level), N(r.name)), r.rejected)
+    EXPECT_EQ(extFiltered(filter(r.includes, r.excludes, !r.excludes.empty(), true), N(r.name)), r.rejected)
         << r.name << " in row " << &r - rows;
   }
 }
 
 // Omits and covers: each entry full-matches the stem, case-sensitively,
-// against the file's lower-cased extension; an omit beats a cover.
+// against the file's lower-cased extension (an omit beats a cover:
+// scan-filters.test.js).
 TEST(ScanFilters, OmitsAndCovers) {
   struct row {
     std::vector<MatchEntry> omits, covers;
@@ -91,8 +82,6 @@ TEST(ScanFilters, OmitsAndCovers) {
     bool rejected;
   };
   const row rows[] = {
-      {{entry(".*", {})}, {entry("IMG_\\d+", {"jpg"})}, "IMG_12.jpg", true},  // an omit beats a cover
-      {{entry(".*", {})}, {entry("IMG_\\d+", {"jpg"})}, "anything", true},
       {{}, {entry("IMG_\\d+", {"jpg"})}, "IMG_12.jpg", false},
       {{}, {entry("IMG_\\d+", {"jpg"})}, "IMG_12.JPG", false},    // the file's extension is lower-cased
       {{}, {entry("IMG_\\d+", {"jpg"})}, "IMG_12a.jpg", true},    // full match

@@ -15,7 +15,7 @@
 #include "storage/drive_list.h"
 #include "storage/hardware_disks.h"
 #include "storage/storage_source.h"
-#include "storage_fake.h"
+#include "../fixtures/storage_wmi_double.h"
 
 namespace ostrel::storage {
 namespace {
@@ -41,7 +41,7 @@ fake::row physical(int number, const char* interface_type, const char* model) {
 }
 
 fake::volume volume_on(std::uint32_t disk, std::optional<bool> seek_penalty, std::optional<bool> trim = {}) {
-  return {0, 0, disk, true, seek_penalty, trim};
+  return {0, disk, true, seek_penalty, trim};
 }
 
 // The list, with what the job wrote to stdout and stderr.
@@ -129,25 +129,23 @@ TEST(StorageDriveList, RecordsInWmiOrderWithTheirReadings) {
 // back by the guard's end all the same (COM ignores it), not by the query's.
 TEST(StorageDriveList, EachFailingStepIsLoggedAndGivesNoRows) {
   struct row {
-    void (*set)(fake::machine&);
+    const char* step;
+    std::uint32_t code;
     const char* line;
     int uninitialize;
     int unbalanced;
   };
   const row cases[] = {
-      {[](fake::machine& m) { m.initialize = static_cast<hresult>(0x80010106u); }, "Failed to initialize COM", 1, 1},
-      {[](fake::machine& m) { m.create_locator = static_cast<hresult>(0x80040154u); }, "CoCreateInstance failed", 2, 0},
-      {[](fake::machine& m) { m.connect = static_cast<hresult>(0x8004100Eu); }, "ConnectServer() failure:8004100E", 2,
-       0},
-      {[](fake::machine& m) { m.proxy_blanket = static_cast<hresult>(0x80070005u); },
-       "Could not set proxy blanket. Error code = 0x80070005", 2, 0},
-      {[](fake::machine& m) { m.query_errors["Win32_LogicalDisk"] = static_cast<hresult>(0x80041017u); },
-       "ExecQuery() failure:80041017", 2, 0},
+      {"initialize", 0x80010106u, "Failed to initialize COM", 1, 1},
+      {"locator", 0x80040154u, "CoCreateInstance failed", 2, 0},
+      {"connect", 0x8004100Eu, "ConnectServer() failure:8004100E", 2, 0},
+      {"blanket", 0x80070005u, "Could not set proxy blanket. Error code = 0x80070005", 2, 0},
+      {"Win32_LogicalDisk", 0x80041017u, "ExecQuery() failure:80041017", 2, 0},
   };
   for (const row& c : cases) {
     auto m = std::make_shared<fake::machine>();
     m->logical_disks = {logical("C:", v::string("10"), v::string("5"))};
-    c.set(*m);
+    m->fails[c.step] = static_cast<hresult>(c.code);
     std::string log;
     EXPECT_TRUE(list<drive_record>(m, &log).empty()) << c.line;
     EXPECT_NE(log.find(c.line), std::string::npos) << c.line << ": " << log;
@@ -267,7 +265,7 @@ TEST(StorageDisks, FailuresLogAndShortenTheList) {
   m->logical_disks = {logical("C:", v::string("10"), v::string("1"))};
   m->disk_drives = {physical(0, "SCSI", "Disk")};
   m->volumes = {{"C:", volume_on(0, false)}};
-  m->query_errors["Win32_DiskDrive"] = fake::wbem_e_failed;
+  m->fails["Win32_DiskDrive"] = fake::wbem_e_failed;
   std::string log;
   std::vector<disk_record> d = list<disk_record>(m, &log);
   ASSERT_EQ(d.size(), 1u);
@@ -276,11 +274,11 @@ TEST(StorageDisks, FailuresLogAndShortenTheList) {
   EXPECT_NE(log.find("WMI query failed."), std::string::npos);
   EXPECT_NE(log.find("ExecQuery() failure:80041001"), std::string::npos);
 
-  m->query_errors = {{"Win32_LogicalDisk", fake::wbem_e_failed}};
+  m->fails = {{"Win32_LogicalDisk", fake::wbem_e_failed}};
   EXPECT_TRUE(list<disk_record>(m, &log).empty());
   EXPECT_NE(log.find("WMI query failed."), std::string::npos);
 
-  m->query_errors.clear();
+  m->fails.clear();
   m->logical_disks.push_back(logical("D:", v::string("?"), v::string("1")));
   EXPECT_TRUE(list<disk_record>(m, &log).empty());
   EXPECT_NE(log.find("GetHardwareDiskAsync error size exception: size=0"), std::string::npos) << log;
