@@ -1,18 +1,27 @@
 // Probes of the telemetry bridge: the probe carries its own copy of the
 // telemetry exports (its registries and queues are separate from those of
 // ostrel.node) plus the native producers that script cannot call directly:
-// events with any fields, facts and statistics (from many native threads at
-// once: bench/telemetry_probe.cc).
+// events with any fields, facts and statistics (also from many native
+// threads at once: lifecycle-child.js records so while the process ends,
+// bench/telemetry-record.js measures it).
+#include <atomic>
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <map>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "main/export_steps.h"
 #include "probe.h"
+#include "runtime/clock.h"
 #include "runtime/napi_util.h"
+#include "runtime/runtime.h"
+#include "runtime/scheduler.h"
+#include "runtime/spawn.h"
 #include "telemetry/telemetry.h"
 
 namespace ostrel::probe {
@@ -71,6 +80,65 @@ Napi::Value record_stat(const Napi::CallbackInfo& info) {
   return info.Env().Undefined();
 }
 
+// The recorders a benchmark compares: the telemetry bridge itself, and the
+// least any shared aggregation can cost (one mutex, one map, nothing else).
+struct bare_map {
+  std::mutex mutex;
+  std::unordered_map<std::string, std::uint64_t> sums;
+};
+
+// recordFromThreads(threads, perThread, names, mode) -> Promise<{ns}>:
+// `threads` native threads each record `perThread` statistics, cycling
+// through `names`; mode "telemetry" uses record_stat, "bare" the bare map.
+// Resolves with the wall-clock nanoseconds from the first record to the last.
+Napi::Value record_from_threads(const Napi::CallbackInfo& info) {
+  check_arg_count(info, 4);
+  check_arg_types(info, {napi_number, napi_number, napi_object, napi_string});
+  const int threads = info[0].As<Napi::Number>().Int32Value();
+  const std::int64_t per_thread = info[1].As<Napi::Number>().Int64Value();
+  Napi::Array list = info[2].As<Napi::Array>();
+  std::vector<std::string> names;
+  for (std::uint32_t i = 0; i < list.Length(); ++i) names.push_back(list.Get(i).ToString());
+  const bool bare = info[3].As<Napi::String>().Utf8Value() == "bare";
+  if (threads < 1 || per_thread < 0 || names.empty()) throw Napi::Error::New(info.Env(), "Wrong arguments");
+
+  auto p = std::make_shared<promise>(info.Env());
+  Napi::Value result = p->value();
+  start_async([](std::shared_ptr<promise> p, int threads, std::int64_t per_thread, std::vector<std::string> names,
+                 bool bare) -> task<void> {
+    bare_map map;
+    std::atomic<int> ready{0};
+    std::atomic<bool> go{false};
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t) {
+      workers.emplace_back([&, t] {
+        ready.fetch_add(1);
+        while (!go.load()) std::this_thread::yield();
+        for (std::int64_t i = 0; i < per_thread; ++i) {
+          const std::string& name = names[static_cast<std::size_t>(i + t) % names.size()];
+          const std::uint64_t value = static_cast<std::uint64_t>(i & 63);
+          if (bare) {
+            std::lock_guard lock(map.mutex);
+            map.sums[name] += value;
+          } else {
+            telemetry::record_stat(name, value, (i & 1023) == 0 ? 5 : 0, "probe");
+          }
+        }
+      });
+    }
+    while (ready.load() < threads) std::this_thread::yield();
+    const std::int64_t start = monotonic_ns();
+    go.store(true);
+    for (auto& w : workers) w.join();
+    const double ns = static_cast<double>(monotonic_ns() - start);
+    co_await sched().schedule();
+    Napi::Object out = Napi::Object::New(sched().env());
+    out.Set("ns", ns);
+    p->resolve(out);
+  }(p, threads, per_thread, std::move(names), bare));
+  return result;
+}
+
 void register_telemetry_probe(Napi::Env env, Napi::Object exports) {
   // The probe's own copy of the telemetry exports, same names as the module's.
   exports::register_reporters(env, exports);
@@ -79,6 +147,7 @@ void register_telemetry_probe(Napi::Env env, Napi::Object exports) {
   exports.Set("reportEvent", Napi::Function::New(env, report_event));
   exports.Set("postFact", Napi::Function::New(env, post_fact));
   exports.Set("recordStat", Napi::Function::New(env, record_stat));
+  exports.Set("recordFromThreads", Napi::Function::New(env, record_from_threads));
 }
 
 probe_part part(register_telemetry_probe);

@@ -71,4 +71,4 @@ const phone = (over = {}) => ({
   ...over,
 });
 
-module.exports = { registerDouble, useDevices, patternBytes, phone };
+module.exports = { useDevices, patternBytes, phone };

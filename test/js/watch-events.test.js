@@ -343,7 +343,6 @@ test('a file under a folder this user may not search keeps its kind (Linux)', { 
     child.kill();
     fs.rmSync(base, { recursive: true, force: true });
   }
-
 });
 
 // Linux, as root: a limit of inotify lowered just while a session starts and
@@ -420,7 +419,7 @@ test('inotify limits: losses reported with reportOverflow, the rest watched (Lin
             if (expected) await w.waitFor(() => w.errors.length > 0);
             // A change right after a notice is reported, or another notice
             // follows it: a client that rescans on each notice misses
-            // nothing. (The notice came before the reader was open again.)
+            // nothing. (It once came before the reader was open again.)
             const notices = w.errors.length;
             fs.writeFileSync(path.join(root, 'after0.txt'), 'x');
             // Without a notice the end of a loss is not visible: a file more
