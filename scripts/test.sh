@@ -7,7 +7,9 @@
 #   OSTREL_SUITES="native-js wine-js" scripts/test.sh   a subset of:
 #       types native-unit native-js wine-js wine-unit, and install (the
 #       packed package installed into an empty folder; needs prebuilds/,
-#       made by 'npm run prebuild'; CI runs it)
+#       made by 'npm run prebuild'; CI runs it). With both native-js and
+#       wine-js, the inotify limits case runs apart after the lanes
+#       (native-limits): it lowers limits of the whole machine.
 #   OSTREL_PRESET=linux-asan scripts/test.sh            native suites on another build
 #   OSTREL_JS_FILES="test/js/a.test.js" scripts/test.sh  some JS files only
 #   OSTREL_JS_PATTERN="wake-ups" scripts/test.sh         JS tests whose name matches
@@ -146,10 +148,20 @@ run_suite() {
         count_gtest "$log" $rc
       } >"$out"
       ;;
-    native-js)
+    native-js | native-limits)
       wait_fixtures
       {
-        echo "== JS suites, native node $(node --version) ($preset)"
+        local files=("${js_files[@]}") pattern=("${js_pattern[@]}") limits=()
+        if [ "$suite" = native-limits ]; then
+          echo "== the inotify limits case alone, native node $(node --version) ($preset)"
+          files=(test/js/watch-events.test.js) pattern=(--test-name-pattern="inotify limits")
+        else
+          echo "== JS suites, native node $(node --version) ($preset)"
+          # The case lowers limits of the whole machine for a moment: with
+          # the Wine lane watching meanwhile (the Wine server's watches
+          # count too), it runs apart once the lanes have ended.
+          [ -n "$limits_apart" ] && limits=(OSTREL_INOTIFY_LIMITS=apart)
+        fi
         local sanitizer_env=()
         case "$preset" in
           *asan*)
@@ -161,8 +173,8 @@ run_suite() {
             sanitizer_env=(LD_PRELOAD="$(gcc -print-file-name=libtsan.so)"
               TSAN_OPTIONS="halt_on_error=1 suppressions=$root/scripts/tsan-node.supp") ;;
         esac
-        env "${sanitizer_env[@]}" OSTREL_BUILD_DIR="build/$preset" node --test --test-reporter=tap "${native_js_concurrency[@]}" \
-          "${js_pattern[@]}" "${js_files[@]}" >"$log" 2>&1
+        env "${sanitizer_env[@]}" "${limits[@]}" OSTREL_BUILD_DIR="build/$preset" node --test --test-reporter=tap \
+          "${native_js_concurrency[@]}" "${pattern[@]}" "${files[@]}" >"$log" 2>&1
         rc=$?
         [ $rc -eq 0 ] || grep -B2 -A25 '^not ok' "$log" | head -150
         count_node "$log" $rc
@@ -297,6 +309,12 @@ wait_fixtures() {
   while [ ! -f "$fixtures_done" ] && ((waited < 600)); do sleep 1; waited=$((waited + 1)); done
 }
 
+limits_apart=""
+if has_suite native-js && has_suite wine-js && [ -z "${OSTREL_JS_PATTERN:-}" ] &&
+  [[ " ${js_files[*]} " == *"watch-events.test.js "* ]]; then
+  limits_apart=1
+fi
+
 # Three lanes side by side: the typings check needs no build; the native
 # suites build the native preset first, the Wine suites win32 (the install
 # test packs the prebuilds and needs no build).
@@ -311,6 +329,10 @@ native_lane=$!
 lane "$wine_build" "${wine[@]}" &
 wine_lane=$!
 wait "$other_lane" "$native_lane" "$wine_lane"
+if [ -n "$limits_apart" ]; then
+  suites="$suites native-limits"
+  run_suite native-limits
+fi
 
 passed=0
 failed=0

@@ -385,8 +385,13 @@ function watchesInUse() {
   return n;
 }
 
-test('inotify limits: losses reported with reportOverflow, the rest watched (Linux)',
-  { skip: !isRoot && 'needs root on Linux to lower the inotify limits' }, async (t) => {
+// The limits are the whole machine's: another process watching meanwhile
+// (the Wine server of a test run beside this one) loses changes silently.
+// scripts/test.sh runs the case apart when its Wine lane runs.
+test('inotify limits: losses reported with reportOverflow, the rest watched (Linux)', {
+  skip: (!isRoot && 'needs root on Linux to lower the inotify limits') ||
+    (process.env.OSTREL_INOTIFY_LIMITS === 'apart' && 'run apart, after the Wine lane (scripts/test.sh)'),
+}, async (t) => {
     for (const row of limits) {
       for (const reportOverflow of [true, false]) {
         await t.test(`${row.name}, reportOverflow: ${reportOverflow}`, async () => {
