@@ -5,6 +5,9 @@
 #   scripts/build.sh [preset]...           the module, unit tests and test add-on
 #   scripts/build.sh --module [preset]...  the module alone, installing only
 #                                          what it needs (npm start)
+# A folder configured here compiles its sources in batches where ccache is
+# missing (a fresh machine) and one object per file where it is installed;
+# OSTREL_UNITY=ON or OFF chooses (CMakeLists.txt).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 module_only=0
@@ -20,20 +23,24 @@ else
   bash scripts/setup.sh >/dev/null
 fi
 presets=("$@")
+unity=()
+[ -z "${OSTREL_UNITY:-}" ] || unity=(-DOSTREL_UNITY="$OSTREL_UNITY")
 ((${#presets[@]})) || presets=(linux win32)
 for preset in "${presets[@]}"; do
   cache="build/$preset/CMakeCache.txt"
   target=()
   case "$preset" in
-    *-release) [ -f "$cache" ] || cmake --preset "$preset" >/dev/null ;;
+    *-release) [ -f "$cache" ] || cmake --preset "$preset" "${unity[@]}" >/dev/null ;;
     *)
       if ((module_only)); then
         # A build folder configured with the tests keeps them; only the
         # module's target is built.
-        [ -f "$cache" ] || cmake --preset "$preset" -DOSTREL_BUILD_TESTS=OFF -DOSTREL_UNITY=ON >/dev/null
+        [ -f "$cache" ] || cmake --preset "$preset" -DOSTREL_BUILD_TESTS=OFF "${unity[@]}" >/dev/null
         target=(--target ostrel)
       elif [ ! -f "$cache" ] || ! grep -q '^OSTREL_BUILD_TESTS:BOOL=ON' "$cache"; then
-        cmake --preset "$preset" -DOSTREL_BUILD_TESTS=ON -DOSTREL_UNITY=OFF >/dev/null
+        # Configured again after npm start's module-only build, which keeps
+        # its objects.
+        cmake --preset "$preset" -DOSTREL_BUILD_TESTS=ON "${unity[@]}" >/dev/null
       fi
       ;;
   esac

@@ -116,7 +116,7 @@ std::wstring checked_destination(const copy_request& request) {
   return long_path_form(full);
 }
 
-void check_cancel(const operation_control& control) {
+void check_copy_cancelled(const operation_control& control) {
   if (control.cancel.load(std::memory_order_relaxed)) throw mtp_failure("The copy was cancelled");
 }
 
@@ -124,7 +124,7 @@ void check_cancel(const operation_control& control) {
 
 std::uint64_t copy_object(const copy_request& request, operation_control& control) {
   com_apartment com;
-  check_cancel(control);
+  check_copy_cancelled(control);
   const std::wstring destination = checked_destination(request);
   if (!request.overwrite && exists(destination)) {
     throw mtp_failure("The destination already exists: " + request.destination_utf8);
@@ -185,7 +185,7 @@ std::uint64_t copy_object(const copy_request& request, operation_control& contro
   std::vector<BYTE> buffer(chunk);
   std::uint64_t copied = 0;
   for (;;) {
-    check_cancel(control);
+    check_copy_cancelled(control);
     ULONG read = 0;
     hr = stream->Read(buffer.data(), chunk, &read);
     if (FAILED(hr)) {
@@ -203,7 +203,7 @@ std::uint64_t copy_object(const copy_request& request, operation_control& contro
     copied += read;
     control.done = copied;
   }
-  check_cancel(control);
+  check_copy_cancelled(control);
   if (expected && copied != *expected) {
     throw mtp_failure("The device ended the copy of " + object_utf8 + " after " + std::to_string(copied) + " of " +
                       std::to_string(*expected) + " bytes");
