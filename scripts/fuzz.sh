@@ -13,6 +13,13 @@ cd "$(dirname "$0")/.."
 seconds="${1:-30}"
 shift || true
 dir=build/fuzz
+# clang and its libFuzzer runtime (Debian's package), installed here: the
+# other suites do not need them.
+if ! command -v clang++ >/dev/null; then
+  SUDO=""
+  [ "$(id -u)" -eq 0 ] || SUDO="sudo"
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends clang >/dev/null || exit 1
+fi
 if [ ! -f "$dir/CMakeCache.txt" ]; then
   cmake -S test/fuzz -B "$dir" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=Debug >/dev/null || exit 1
 fi

@@ -21,8 +21,9 @@ debian_packages=(
   g++-mingw-w64-x86-64-posix mingw-w64-tools binutils-mingw-w64-x86-64
   wine wine64
   fuse3 libfuse3-dev
-  gcovr clang
 )
+# clang (the fuzzers) and gcovr (coverage) are installed by scripts/fuzz.sh
+# and scripts/coverage.sh, which alone use them.
 missing=()
 for p in "${debian_packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
