@@ -169,7 +169,9 @@ TEST(StorageLists, EachFailingStepIsLoggedAndShortensTheList) {
     if (c.disks) {
       std::vector<disk_record> d = list<disk_record>(m, &log);
       ASSERT_EQ(d.size(), c.rows) << c.line;
-      if (c.rows) EXPECT_EQ(std::tie(d[0].disk_number, d[0].model), std::make_tuple(0, "")) << c.line;
+      if (c.rows) {
+        EXPECT_EQ(std::tie(d[0].disk_number, d[0].model), std::make_tuple(0, "")) << c.line;
+      }
     } else {
       EXPECT_EQ(list<drive_record>(m, &log).size(), c.rows) << c.line;
     }
