@@ -174,8 +174,9 @@ test('scan of the known tree: counts, JSON lines, and each option against the tr
 // by the helper thread, which hands it back), beside a name that is not
 // UTF-8 and a FIFO. With one descriptor to spare the root itself cannot be
 // listed: the command could not do its work, status 1 with the reason. (A
-// folder below the root that may not be listed stays silent; under Wine,
-// folders past the path limit: scan-walk.test.js.)
+// folder below the root that may not be listed stays silent:
+// scan-metadata.test.js; under Wine, folders past the path limit:
+// scan-walk.test.js.)
 test('a scan that could not list its root exits with status 1, some folders or names with status 3', {
   skip: (isWindows && 'Linux descriptors') || (/asan|tsan/.test(process.env.LD_PRELOAD || '') && 'sanitizers need descriptors'),
 }, (t) => {
