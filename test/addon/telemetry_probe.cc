@@ -1,8 +1,8 @@
 // Probes of the telemetry bridge: the probe carries its own copy of the
 // telemetry exports (its registries and queues are separate from those of
 // ostrel.node) plus the native producers that script cannot call directly:
-// events with any fields, facts and statistics (also from many native
-// threads at once: lifecycle-child.js records so while the process ends,
+// events with any fields, facts, and statistics from many native threads at
+// once (lifecycle-child.js records so while the process ends,
 // bench/telemetry-record.js measures it).
 #include <atomic>
 #include <cstdint>
@@ -67,16 +67,6 @@ Napi::Value post_fact(const Napi::CallbackInfo& info) {
     attributes[key] = object.Get(key).ToString().Utf8Value();
   }
   produce(info[2].As<Napi::Boolean>(), [&] { telemetry::post_fact(name, attributes); });
-  return info.Env().Undefined();
-}
-
-// recordStat(name, valueMs, code, message)
-Napi::Value record_stat(const Napi::CallbackInfo& info) {
-  check_arg_count(info, 4);
-  check_arg_types(info, {napi_string, napi_number, napi_number, napi_string});
-  telemetry::record_stat(info[0].As<Napi::String>().Utf8Value(),
-                         static_cast<std::uint64_t>(info[1].As<Napi::Number>().Int64Value()),
-                         info[2].As<Napi::Number>().Int32Value(), info[3].As<Napi::String>().Utf8Value());
   return info.Env().Undefined();
 }
 
@@ -146,7 +136,6 @@ void register_telemetry_probe(Napi::Env env, Napi::Object exports) {
   exports::register_fact(env, exports);
   exports.Set("reportEvent", Napi::Function::New(env, report_event));
   exports.Set("postFact", Napi::Function::New(env, post_fact));
-  exports.Set("recordStat", Napi::Function::New(env, record_stat));
   exports.Set("recordFromThreads", Napi::Function::New(env, record_from_threads));
 }
 

@@ -154,6 +154,7 @@ test('the scan against node\'s fs on a generated tree', async (t) => {
       }
       assert.deepEqual(relPaths(dirs), options.needDirs ? [...expected.dirs.keys()].sort() : []);
       assert.ok(dirs.every((d) => d.isFile === false));
+      for (const d of fast ? [] : dirs) assert.equal(d.mtimeMs, fs.statSync(d.absolutePath).mtimeMs, d.relativePath);
       const invalid = [...expected.invalid].map(([rel, count]) => ({ path: rel ? path.join(given, ...rel.split('/')) : given, count }));
       const byPath = (x, y) => x.path.localeCompare(y.path);
       assert.deepEqual({ ...result, invalidNameFolders: [...result.invalidNameFolders].sort(byPath) }, {

@@ -10,7 +10,7 @@ const test = require('node:test');
 const assert = require('node:assert/strict');
 const { spawnSync } = require('child_process');
 const path = require('path');
-const { isWindows, root, runChild, loadProbe, buildDir } = require('./helpers');
+const { isWindows, root, runChild, buildDir } = require('./helpers');
 const { makeTree, removeTree } = require('./scan-fixture');
 const { mountStallfs, skipReason } = require('../fixtures/stallfs/mount');
 
@@ -58,14 +58,22 @@ test('the lists of this machine, and what a time limit of 0 read of them', async
   assert.ok(compared > 0);
 });
 
-// Strings are BSTRs, bigints unsigned 64-bit values, numbers 32-bit
-// integers; the log lines are read in a child.
-test('over a described machine: the time limit and a size that does not convert', () => {
+// Over described machines, in a child that reads the log lines (strings
+// are BSTRs, bigints unsigned 64-bit values, numbers 32-bit integers): 100
+// concurrent calls of each export, the time limit, a size that does not
+// convert.
+test('over described machines: concurrent calls give back every COM initialisation; the time limit; a size that does not convert', () => {
   const probePath = path.join(buildDir(), 'test', 'runtime_probe.node');
   const r = runChild(`
     const probe = require(${JSON.stringify(probePath)});
     const disk = (id, size) => ({ Caption: id, DeviceID: id, Size: size, FreeSpace: '4', DriveType: 3 });
     (async () => {
+      const many = probe.storageMachine({ nextDelayMs: 2, logicalDisks: [disk('C:', '1000'), disk('D:', 2n ** 64n - 1n)] });
+      const calls = [];
+      for (let i = 0; i < 100; ++i) calls.push(probe.storageList('drives', many), probe.storageList('disks', many));
+      const lists = await Promise.all(calls);
+      const concurrent = { mounted: [...new Set(lists.map((l) => l.map((d) => d.mounted).join()))],
+        sizes: [lists[0][1].blocks, lists[1][1].size], counts: probe.storageCounts(many) };
       const rows = [...Array(50).keys()].map((i) => disk('X' + i, '1'));
       const slow = probe.storageMachine({ nextDelayMs: 100, logicalDisks: rows });
       const drives = await probe.storageList('drives', slow, { timeoutMs: 350 });
@@ -73,13 +81,25 @@ test('over a described machine: the time limit and a size that does not convert'
       const quick = await probe.storageList('drives', probe.storageMachine({ logicalDisks: rows }), { timeoutMs: 600000 });
       const bad = probe.storageMachine({ logicalDisks: [disk('C:', '10'), disk('D:', 'many'), disk('E:', '10')] });
       const cut = await probe.storageList('drives', bad);
-      console.log('RESULT ' + JSON.stringify({ drives: drives.map((d) => d.mounted), disks: disks.length,
+      console.log('RESULT ' + JSON.stringify({ concurrent, drives: drives.map((d) => d.mounted), disks: disks.length,
         quick: quick.length, cut: cut.map((d) => d.mounted), counts: probe.storageCounts(bad) }));
     })();
   `);
   const line = r.stdout.split('\n').find((l) => l.startsWith('RESULT '));
   assert.ok(line, `${r.status}\n${r.stdout}\n${r.stderr}`);
   const result = JSON.parse(line.slice(7));
+  const { mounted, sizes, counts: many } = result.concurrent;
+  assert.deepEqual(mounted, ['C:,D:']);
+  assert.deepEqual(sizes, [2 ** 64, 2 ** 64]);
+  // Each job: the guard's initialisation and the query's own, every one
+  // given back. A job that started when no other was alive asked for
+  // security again, which COM refuses once it is set: that guard's end is
+  // the one extra CoUninitialize, which COM ignores.
+  assert.equal(many.initialize, 400);
+  assert.equal(many.uninitialize - many.unbalancedUninitialize, 400);
+  assert.equal(many.uninitializedCalls, 0);
+  assert.equal(many.liveObjects, 0);
+  assert.ok(many.comGuards <= 0);
   const n = result.drives.length;
   assert.ok(n >= 1 && n < 50, `drives ${n}`);
   assert.deepEqual(result.drives, [...Array(n).keys()].map((i) => 'X' + i));
@@ -93,28 +113,6 @@ test('over a described machine: the time limit and a size that does not convert'
   assert.match(r.stdout, /Ostrel Spawn Exception invalid stoull argument/);
   assert.equal(result.counts.liveObjects, 0);
   assert.equal(result.counts.initialize, result.counts.uninitialize);
-});
-
-test('100 concurrent calls of each export over a described machine give back every COM initialisation', async () => {
-  const probe = loadProbe();
-  const row = (id, size) => ({ Caption: id, DeviceID: id, Size: size, FreeSpace: 0n, DriveType: 3, Description: 'd' });
-  const m = probe.storageMachine({ nextDelayMs: 2, logicalDisks: [row('C:', '1000'), row('D:', 2n ** 64n - 1n)] });
-  const calls = [];
-  for (let i = 0; i < 100; ++i) calls.push(probe.storageList('drives', m), probe.storageList('disks', m));
-  const results = await Promise.all(calls);
-  for (const r of results) assert.deepEqual(r.map((d) => d.mounted), ['C:', 'D:']);
-  assert.equal(results[0][1].blocks, 2 ** 64);
-  assert.equal(results[1][1].size, 2 ** 64);
-  const counts = probe.storageCounts(m);
-  // Each job: the guard's initialisation and the query's own, every one
-  // given back. A job that started when no other was alive asked for
-  // security again, which COM refuses once it is set: that guard's end is
-  // the one extra CoUninitialize, which COM ignores.
-  assert.equal(counts.initialize, 400);
-  assert.equal(counts.uninitialize - counts.unbalancedUninitialize, 400);
-  assert.equal(counts.uninitializedCalls, 0);
-  assert.equal(counts.liveObjects, 0);
-  assert.ok(counts.comGuards <= 0);
 });
 
 // A mounted share that never answers (stallfs): the list settles within its

@@ -1,9 +1,12 @@
 // The drive and disk lists over described machines: the size reader against
 // the standard conversion, the COM guard, the WMI steps and their failures,
 // the disk number and storage type lookups, the USB rules, the join of
-// logical and physical disks, and the jobs' turns.
+// logical and physical disks, the big list's module event, and the jobs'
+// turns.
 #include <gtest/gtest.h>
 
+#include <map>
+#include <optional>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -11,10 +14,12 @@
 #include <tuple>
 #include <type_traits>
 
+#include "main/version.h"
 #include "storage/com_guard.h"
 #include "storage/drive_list.h"
 #include "storage/hardware_disks.h"
 #include "storage/storage_source.h"
+#include "telemetry/telemetry_state.h"
 #include "../fixtures/storage_wmi_double.h"
 
 namespace ostrel::storage {
@@ -124,30 +129,52 @@ TEST(StorageDriveList, RecordsInWmiOrderWithTheirReadings) {
   EXPECT_EQ(m->uninitialize_calls, m->initialize_calls);
 }
 
-// Each failing step is logged in its format and ends the list with no rows,
-// every COM initialisation given back. A failed CoInitializeEx is given
-// back by the guard's end all the same (COM ignores it), not by the query's.
-TEST(StorageDriveList, EachFailingStepIsLoggedAndGivesNoRows) {
+// Each failing step is logged in its format and ends the list, every COM
+// initialisation given back. A failed CoInitializeEx is given back by the
+// guard's end all the same (COM ignores it), not by the query's. Of the
+// disks, a failing physical-disk query leaves the logical disks without a
+// model, and a size that does not convert leaves no list (the exception
+// logged with the list's size).
+TEST(StorageLists, EachFailingStepIsLoggedAndShortensTheList) {
   struct row {
+    bool disks;
     const char* step;
     std::uint32_t code;
     const char* line;
+    std::size_t rows;
     int uninitialize;
     int unbalanced;
   };
   const row cases[] = {
-      {"initialize", 0x80010106u, "Failed to initialize COM", 1, 1},
-      {"locator", 0x80040154u, "CoCreateInstance failed", 2, 0},
-      {"connect", 0x8004100Eu, "ConnectServer() failure:8004100E", 2, 0},
-      {"blanket", 0x80070005u, "Could not set proxy blanket. Error code = 0x80070005", 2, 0},
-      {"Win32_LogicalDisk", 0x80041017u, "ExecQuery() failure:80041017", 2, 0},
+      {false, "initialize", 0x80010106u, "Failed to initialize COM", 0, 1, 1},
+      {false, "locator", 0x80040154u, "CoCreateInstance failed", 0, 2, 0},
+      {false, "connect", 0x8004100Eu, "ConnectServer() failure:8004100E", 0, 2, 0},
+      {false, "blanket", 0x80070005u, "Could not set proxy blanket. Error code = 0x80070005", 0, 2, 0},
+      {false, "Win32_LogicalDisk", 0x80041017u, "ExecQuery() failure:80041017", 0, 2, 0},
+      {true, "Win32_LogicalDisk", 0x80041001u, "WMI query failed.", 0, 2, 0},
+      {true, "Win32_DiskDrive", 0x80041001u, "ExecQuery() failure:80041001", 1, 2, 0},
+      {true, nullptr, 0, "GetHardwareDiskAsync error size exception: size=0", 0, 2, 0},
   };
   for (const row& c : cases) {
     auto m = std::make_shared<fake::machine>();
     m->logical_disks = {logical("C:", v::string("10"), v::string("5"))};
-    m->fails[c.step] = static_cast<hresult>(c.code);
+    m->disk_drives = {physical(0, "SCSI", "Disk")};
+    m->volumes = {{"C:", volume_on(0, false)}};
+    if (c.step) {
+      m->fails[c.step] = static_cast<hresult>(c.code);
+    } else {
+      m->logical_disks.push_back(logical("D:", v::string("?"), v::string("1")));
+    }
     std::string log;
-    EXPECT_TRUE(list<drive_record>(m, &log).empty()) << c.line;
+    if (c.disks) {
+      std::vector<disk_record> d = list<disk_record>(m, &log);
+      ASSERT_EQ(d.size(), c.rows) << c.line;
+      if (c.rows) {
+        EXPECT_EQ(std::tie(d[0].disk_number, d[0].model), std::make_tuple(0, "")) << c.line;
+      }
+    } else {
+      EXPECT_EQ(list<drive_record>(m, &log).size(), c.rows) << c.line;
+    }
     EXPECT_NE(log.find(c.line), std::string::npos) << c.line << ": " << log;
     EXPECT_EQ(m->initialize_calls, 2) << c.line;  // the guard's and the query's own
     EXPECT_EQ(m->uninitialize_calls, c.uninitialize) << c.line;
@@ -257,40 +284,21 @@ TEST(StorageDisks, UsbRuleTakesExactlyTwoSpellingsOnARemovableDrive) {
   }
 }
 
-// A failing physical-disk query leaves the logical disks without a model;
-// a failing logical-disk query, or a size that does not convert, leaves no
-// list (the exception logged with the list's size).
-TEST(StorageDisks, FailuresLogAndShortenTheList) {
-  auto m = std::make_shared<fake::machine>();
-  m->logical_disks = {logical("C:", v::string("10"), v::string("1"))};
-  m->disk_drives = {physical(0, "SCSI", "Disk")};
-  m->volumes = {{"C:", volume_on(0, false)}};
-  m->fails["Win32_DiskDrive"] = fake::wbem_e_failed;
-  std::string log;
-  std::vector<disk_record> d = list<disk_record>(m, &log);
-  ASSERT_EQ(d.size(), 1u);
-  EXPECT_EQ(d[0].disk_number, 0);
-  EXPECT_EQ(d[0].model, "");
-  EXPECT_NE(log.find("WMI query failed."), std::string::npos);
-  EXPECT_NE(log.find("ExecQuery() failure:80041001"), std::string::npos);
-
-  m->fails = {{"Win32_LogicalDisk", fake::wbem_e_failed}};
-  EXPECT_TRUE(list<disk_record>(m, &log).empty());
-  EXPECT_NE(log.find("WMI query failed."), std::string::npos);
-
-  m->fails.clear();
-  m->logical_disks.push_back(logical("D:", v::string("?"), v::string("1")));
-  EXPECT_TRUE(list<disk_record>(m, &log).empty());
-  EXPECT_NE(log.find("GetHardwareDiskAsync error size exception: size=0"), std::string::npos) << log;
-  EXPECT_EQ(m->uninitialize_calls, m->initialize_calls);
-}
-
+// A list of more than 30 disks is reported once per process: a module
+// event with the version, what it is and the count.
 TEST(StorageDisks, BigListStatisticOncePerProcess) {
   EXPECT_FALSE(report_big_disk_list(30));
   auto m = std::make_shared<fake::machine>();
   for (int i = 0; i < 31; ++i) m->logical_disks.push_back(logical("C:", v::string("10"), v::string("1")));
   m->volumes = {{"C:", volume_on(0, false)}};
+  telemetry::global().events.take_all();
   EXPECT_EQ(list<disk_record>(m).size(), 31u);
+  auto batch = telemetry::global().events.take_all();
+  ASSERT_EQ(batch.size(), 1u);
+  const telemetry::TvkRecord& r = batch[0];
+  EXPECT_EQ(std::tie(r.category, r.msg, r.wl_avgv[0], r.w_succ, r.c[0]),
+            std::make_tuple(194, std::optional<std::string>{}, 31, 1.0, version_text));
+  EXPECT_EQ(r.extra, (std::map<std::string, std::string>{{"c20", "ostrel:hardwaredisk:biglist"}}));
   EXPECT_FALSE(report_big_disk_list(500));  // the list above recorded it
 }
 

@@ -1,20 +1,17 @@
-// Telemetry below the script boundary: event records, the queues between
+// Telemetry below the script boundary: the queues between
 // producers and delivery, statistic aggregation, the flush rule and the
 // single pending flush attempt, and records from many threads while flushes
 // take the entries out.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <map>
-#include <optional>
 #include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
 
-#include "main/version.h"
 #include "runtime/clock.h"
 #include "telemetry/api_stats.h"
 #include "telemetry/queues.h"
@@ -26,51 +23,6 @@ namespace ostrel::telemetry {
 namespace {
 
 constexpr std::int64_t ms = 1'000'000;
-
-// Typed keys fill their fields (a later pair wins), the rest are extras by
-// key; a numeric key whose value is no number (or out of range) stays unset.
-TEST(TelemetryRecord, RoutesTypedKeysAndKeepsTheRestAsExtras) {
-  TvkRecord r = make_tvk_record(7, "hello",
-                                {{"c1", "one"},
-                                 {"c5", "five"},
-                                 {"bl3", "base"},
-                                 {"wl_avgv2", "-42"},
-                                 {"wl_avgv4", "2147483647"},
-                                 {"w_succ", "0.5"},
-                                 {"c6", "not typed"},      // only 1..5 are typed
-                                 {"C1", "case matters"},   // so is the case
-                                 {"wl_avgv", "no digit"},  // and the digit
-                                 {"zeta", "z"},
-                                 {"c1", "later wins"},
-                                 {"wl_avgv1", "12abc"},
-                                 {"wl_avgv3", "99999999999"},  // beyond 32 bits
-                                 {"wl_avgv5", ""}});
-  EXPECT_EQ(r.category, 7);
-  EXPECT_EQ(r.msg, "hello");
-  EXPECT_EQ(r.c, (std::array<std::optional<std::string>, 5>{{"later wins", {}, {}, {}, "five"}}));
-  EXPECT_EQ(r.bl[2], "base");
-  EXPECT_EQ(r.wl_avgv, (std::array<std::optional<std::int32_t>, 5>{{{}, -42, {}, 2147483647, {}}}));
-  EXPECT_EQ(r.w_succ, 0.5);
-  EXPECT_EQ(r.extra, (std::map<std::string, std::string>{
-                         {"C1", "case matters"}, {"c6", "not typed"}, {"wl_avgv", "no digit"}, {"zeta", "z"}}));
-  TvkRecord empty = make_tvk_record(1, "", {{"w_succ", "nan"}});
-  EXPECT_FALSE(empty.msg.has_value());
-  EXPECT_FALSE(empty.w_succ.has_value());
-}
-
-TEST(TelemetryRecord, ModuleEventCarriesVersionAndWhat) {
-  global().events.take_all();
-  report_module_event("ostrel:hardwaredisk:biglist", 31, true);
-  auto batch = global().events.take_all();
-  ASSERT_EQ(batch.size(), 1u);
-  const TvkRecord& r = batch[0];
-  EXPECT_EQ(r.category, 194);
-  EXPECT_FALSE(r.msg.has_value());
-  EXPECT_EQ(r.wl_avgv[0], 31);
-  EXPECT_EQ(r.w_succ, 1.0);
-  EXPECT_EQ(r.c[0], version_text);
-  EXPECT_EQ(r.extra, (std::map<std::string, std::string>{{"c20", "ostrel:hardwaredisk:biglist"}}));
-}
 
 // A batch whose environment went away before delivery goes back in front,
 // in its order (delivery order itself: telemetry.test.js).
