@@ -207,11 +207,11 @@ TEST(NameRegex, HugeExpressionsCompileOrAreRefusedWithinASmallStack) {
 
 TEST(NameRegex, HopelessBacktrackingIsNoMatchReportedOnce) {
   name_regex r("(a+)+$");
-  testing::internal::CaptureStderr();
+  ::testing::internal::CaptureStderr();
   std::string hopeless(40, 'a');
   EXPECT_FALSE(r.full_match(utf8_to_native(hopeless + "!")));
   EXPECT_FALSE(r.full_match(utf8_to_native(hopeless + "?")));
-  std::string err = testing::internal::GetCapturedStderr();
+  std::string err = ::testing::internal::GetCapturedStderr();
   EXPECT_EQ(r.gave_up_count(), 2u);
   EXPECT_NE(err.find("name filter: the regular expression \"(a+)+$\" is too complex for \"" + hopeless +
                      "!\"; treated as no match"),
@@ -224,16 +224,16 @@ TEST(NameRegex, HopelessBacktrackingIsNoMatchReportedOnce) {
 
   // Copies share the report.
   name_regex copy = r;
-  testing::internal::CaptureStderr();
+  ::testing::internal::CaptureStderr();
   EXPECT_FALSE(copy.full_match(utf8_to_native(hopeless + "#")));
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
 
   // Nested quantifiers, alternation and a backreference: all bounded.
   for (const char* p : {"(a*)*b", "(a|aa)+b", "(?:a+|b)+(?:a+|b)+c", "(a+)+\\1c", "(.*a){20}"}) {
     name_regex other(p);
-    testing::internal::CaptureStderr();
+    ::testing::internal::CaptureStderr();
     EXPECT_FALSE(other.full_match(utf8_to_native(std::string(40, 'a') + "!"))) << p;
-    std::string line = testing::internal::GetCapturedStderr();
+    std::string line = ::testing::internal::GetCapturedStderr();
     EXPECT_EQ(other.gave_up_count(), 1u) << p;
     EXPECT_NE(line.find("too complex"), std::string::npos) << p;
   }

@@ -152,9 +152,9 @@ TEST(StorageSysfs, DesktopDrivesAndDisks) {
 TEST(StorageSysfs, MissingFilesGiveEmptyLists) {
   linux_paths p{fixtures() + "/no-such-mountinfo", fixtures() + "/no-such-sys"};
   collector<drive_record> out;
-  testing::internal::CaptureStderr();
+  ::testing::internal::CaptureStderr();
   make_linux_source(p, [](const std::string&, std::uint64_t&, std::uint64_t&) { return false; })->drives({}, out);
-  std::string err = testing::internal::GetCapturedStderr();
+  std::string err = ::testing::internal::GetCapturedStderr();
   EXPECT_TRUE(out.take().empty());
   EXPECT_NE(err.find("Cannot read the mounts"), std::string::npos);
 }

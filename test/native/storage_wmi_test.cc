@@ -56,14 +56,14 @@ std::vector<Record> list(const std::shared_ptr<fake::machine>& m, std::string* l
   fake::com com(m);
   fake::volumes volumes(m);
   collector<Record> out;
-  testing::internal::CaptureStdout();
-  testing::internal::CaptureStderr();
+  ::testing::internal::CaptureStdout();
+  ::testing::internal::CaptureStderr();
   if constexpr (std::is_same_v<Record, drive_record>) {
     query_drive_list(com, limits, out);
   } else {
     query_hardware_disks(com, volumes, limits, out);
   }
-  std::string text = testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr();
+  std::string text = ::testing::internal::GetCapturedStdout() + ::testing::internal::GetCapturedStderr();
   if (log) *log = text;
   EXPECT_EQ(m->live_objects, 0);  // every object, the enumerator, services and locator released
   return out.take();
@@ -318,7 +318,7 @@ TEST(StorageTurns, ALaterJobDoesNotWaitOutAStuckOne) {
   std::thread first([&] { slow_source->drives({}, stuck); });
   while (slow->queries.load() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 
-  testing::internal::CaptureStderr();
+  ::testing::internal::CaptureStderr();
   query_limits limits;
   limits.deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(400);
   collector<drive_record> alongside;
@@ -329,7 +329,7 @@ TEST(StorageTurns, ALaterJobDoesNotWaitOutAStuckOne) {
   none_left.deadline = std::chrono::steady_clock::now();
   collector<drive_record> nothing;
   quick_source->drives(none_left, nothing);
-  std::string err = testing::internal::GetCapturedStderr();
+  std::string err = ::testing::internal::GetCapturedStderr();
   EXPECT_TRUE(nothing.take().empty());
   EXPECT_EQ(quick->queries.load(), 1);  // the second quick job made no query
   EXPECT_NE(err.find("WMI query made alongside another one that has not ended"), std::string::npos) << err;
