@@ -63,12 +63,14 @@ sweep_stallfs
 trap sweep_stallfs EXIT
 
 # Installs what is missing once, before the lanes build in parallel.
+setup_start=$SECONDS
 if has_suite native-unit || has_suite native-js || has_suite wine-js || has_suite wine-unit || has_suite install; then
   # The Wine prefix is made in the Wine lane, while the Windows build runs.
   OSTREL_SETUP_NO_PREFIX=1 bash scripts/setup.sh >/dev/null || { echo "0 passed, 1 failed"; exit 1; }
 else
   bash scripts/setup-module.sh >/dev/null || { echo "0 passed, 1 failed"; exit 1; }
 fi
+((SECONDS - setup_start < 5)) || echo "== installed what was missing ($((SECONDS - setup_start)) s)"
 
 # Counts a runner printed: the last number matched by each of two patterns,
 # written to <log>.counts as "passed failed". A failing exit with no failure
