@@ -267,7 +267,11 @@ lane() {
     prefix_job=$!
   fi
   if [ -n "$build_preset" ]; then
-    if ! OSTREL_SETUP_DONE=1 bash scripts/build.sh "$build_preset" >"$logs/build-$build_preset.log" 2>&1; then
+    # The Wine lane is the longer one: its build gets the cores first, and
+    # the native build the rest (its suites start later and end earlier).
+    local niced=()
+    [ "$build_preset" = win32 ] || [ -z "$wine_build" ] || niced=(nice -n 10)
+    if ! OSTREL_SETUP_DONE=1 "${niced[@]}" bash scripts/build.sh "$build_preset" >"$logs/build-$build_preset.log" 2>&1; then
       cat "$logs/build-$build_preset.log"
       for s in "$@"; do echo "0 1" >"$logs/$s.counts"; done
       [ -z "$prefix_job" ] || wait "$prefix_job"
