@@ -1,6 +1,7 @@
 // Probes of the main-thread scheduler: the dispatch budget, wake-up
 // coalescing and rescheduling inside a dispatch run, references on and off
-// the main thread, dropping on release, and scheduling after stop.
+// the main thread, dropping on release, scheduling after stop, and wake-ups
+// racing the last release.
 #include <atomic>
 #include <memory>
 #include <thread>
@@ -8,7 +9,6 @@
 
 #include "probe.h"
 #include "runtime/clock.h"
-#include "runtime/events.h"
 #include "runtime/napi_util.h"
 #include "runtime/runtime.h"
 #include "runtime/scheduler.h"
@@ -25,86 +25,55 @@ void busy_wait_ms(double ms) {
   }
 }
 
-// End times (ms since the batch was queued) of `count` tasks that each
-// busy-wait `each_ms` on the main thread, all queued at once from a worker,
-// with the dispatch run each ran in and that run's start.
+// Queues `count` tasks from another thread while the main thread is busy in
+// this call, each busy-waiting `each_ms` there. Resolves with each task's end
+// (ms since the batch was queued), the dispatch run it ran in and that run's
+// start, and whether the last one, scheduling itself again from inside the
+// dispatch run, went on in that same run.
 Napi::Value queue_busy_work(const Napi::CallbackInfo& info) {
   check_arg_types(info, {napi_number, napi_number});
   const int count = info[0].As<Napi::Number>().Int32Value();
   const double each_ms = info[1].As<Napi::Number>().DoubleValue();
-  auto p = std::make_shared<promise>(info.Env());
-  Napi::Value result = p->value();
-
   struct batch {
-    std::int64_t queued_at = 0;
+    std::shared_ptr<promise> p;
+    std::int64_t queued_at = monotonic_ns();
+    std::uint64_t runs_before = sched().dispatch_runs();
     std::vector<double> ends;
     std::vector<double> runs;        // the dispatch run each task ran in
     std::vector<double> run_starts;  // when that run started
-    std::uint64_t runs_before = 0;
-    std::atomic<int> remaining{0};
+    int remaining = 0;               // touched on the main thread only
   };
   auto b = std::make_shared<batch>();
+  b->p = std::make_shared<promise>(info.Env());
   b->remaining = count;
-  b->runs_before = sched().dispatch_runs();
-  start_async([](std::shared_ptr<promise> p, std::shared_ptr<batch> b, int count, double each_ms) -> task<void> {
-    auto done = std::make_shared<async_auto_reset_event>();
-    b->queued_at = monotonic_ns();
+  Napi::Value result = b->p->value();
+  sched().add_ref();
+  std::thread producer([&] {
     for (int i = 0; i < count; ++i) {
       spawn(
-          [](std::shared_ptr<batch> b, double each_ms, std::shared_ptr<async_auto_reset_event> done) -> task<void> {
+          [](std::shared_ptr<batch> b, double each_ms) -> task<void> {
             co_await sched().schedule();
             b->runs.push_back(static_cast<double>(sched().dispatch_runs() - b->runs_before));
             b->run_starts.push_back(static_cast<double>(sched().dispatch_started_ns() - b->queued_at) / 1e6);
             busy_wait_ms(each_ms);
             b->ends.push_back(static_cast<double>(monotonic_ns() - b->queued_at) / 1e6);
-            if (--b->remaining == 0) done->set();
-          }(b, each_ms, done),
-          runtime::alive());
-    }
-    co_await *done;
-    co_await sched().schedule();
-    Napi::Env env(sched().env());
-    auto array = [env](const std::vector<double>& values) {
-      Napi::Array a = Napi::Array::New(env, values.size());
-      for (std::size_t i = 0; i < values.size(); ++i) a.Set(static_cast<uint32_t>(i), values[i]);
-      return a;
-    };
-    Napi::Object out = Napi::Object::New(env);
-    out.Set("ends", array(b->ends));
-    out.Set("runs", array(b->runs));
-    out.Set("runStarts", array(b->run_starts));
-    p->resolve(out);
-  }(p, b, count, each_ms));
-  return result;
-}
-
-// Queues `count` tasks from another thread while the main thread is busy in
-// this call; resolves with the dispatch runs it took to run them all, and
-// whether the last one, scheduling itself again from inside the dispatch
-// run, went on in that same run.
-Napi::Value coalesce(const Napi::CallbackInfo& info) {
-  const int count = info[0].As<Napi::Number>().Int32Value();
-  auto p = std::make_shared<promise>(info.Env());
-  Napi::Value result = p->value();
-  sched().add_ref();
-  const std::uint64_t before = sched().dispatch_runs();
-  auto remaining = std::make_shared<std::atomic<int>>(count);
-  std::thread producer([&] {
-    for (int i = 0; i < count; ++i) {
-      spawn(
-          [](std::shared_ptr<std::atomic<int>> remaining, std::shared_ptr<promise> p,
-             std::uint64_t before) -> task<void> {
+            if (--b->remaining > 0) co_return;
+            const std::uint64_t run = sched().dispatch_runs();
             co_await sched().schedule();
-            if (--*remaining == 0) {
-              const std::uint64_t runs = sched().dispatch_runs();
-              co_await sched().schedule();
-              Napi::Object out = Napi::Object::New(sched().env());
-              out.Set("runs", static_cast<double>(runs - before));
-              out.Set("sameRun", sched().is_main_thread() && sched().dispatch_runs() == runs);
-              p->resolve(out);
-              sched().release();
-            }
-          }(remaining, p, before),
+            Napi::Env env(sched().env());
+            auto array = [env](const std::vector<double>& values) {
+              Napi::Array a = Napi::Array::New(env, values.size());
+              for (std::size_t i = 0; i < values.size(); ++i) a.Set(static_cast<uint32_t>(i), values[i]);
+              return a;
+            };
+            Napi::Object out = Napi::Object::New(env);
+            out.Set("ends", array(b->ends));
+            out.Set("runs", array(b->runs));
+            out.Set("runStarts", array(b->run_starts));
+            out.Set("sameRun", sched().is_main_thread() && sched().dispatch_runs() == run);
+            b->p->resolve(out);
+            sched().release();
+          }(b, each_ms),
           runtime::alive());
     }
   });
@@ -214,7 +183,6 @@ Napi::Value schedule_storm(const Napi::CallbackInfo& info) {
 void register_scheduler_probes(Napi::Env env, Napi::Object exports) {
   exports.Set("scheduleStorm", Napi::Function::New(env, schedule_storm));
   exports.Set("queueBusyWork", Napi::Function::New(env, queue_busy_work));
-  exports.Set("coalesce", Napi::Function::New(env, coalesce));
   exports.Set("ref", Napi::Function::New(env, ref));
   exports.Set("dropQueuedOnRelease", Napi::Function::New(env, drop_queued_on_release));
   exports.Set("scheduleAfterStop", Napi::Function::New(env, schedule_after_stop));
