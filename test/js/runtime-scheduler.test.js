@@ -44,18 +44,23 @@ test('dispatch budget', async (t) => {
 // end once settled: every Worker ending of lifecycle.test.js, whose child
 // prints its last call's answer and then ends by itself.
 test('references', async (t) => {
-  await t.test('add_ref off the main thread from 0 stays 0 and logs; from 2 it becomes 3', () => {
+  await t.test('add_ref off the main thread from 0 stays 0 and logs; from 2 it becomes 3; after stop, schedule logs and resumes on the awaiting thread', () => {
     const r = runChild(`${load}
       const first = p.ref(1, true);
       p.ref(1); p.ref(1);
       const third = p.ref(1, true);
       const afterRelease = p.ref(-1, true);
       p.ref(-1); p.ref(-1);
-      console.log(JSON.stringify({ first, third, afterRelease, end: p.ref(-1) }));`);
+      const end = p.ref(-1);
+      console.log(JSON.stringify({ first, third, afterRelease, end, ...p.scheduleAfterStop() }));`);
     assert.equal(r.status, 0, r.stderr);
-    assert.deepEqual(lastObject(r), { first: 0, third: 3, afterRelease: 2, end: 0 });
+    const { sameThread, threadId, mainThreadId, ...refs } = lastObject(r);
+    assert.deepEqual(refs, { first: 0, third: 3, afterRelease: 2, end: 0 });
     assert.equal(r.stderr.split('Call AddRef in non-main thread').length - 1, 2);
     assert.equal(r.stderr.split('Call Release in non-main thread').length - 1, 1);
+    assert.match(r.stdout, /^schedule_impl stop, destroy the waiting operation$/m);
+    assert.equal(sameThread, true);
+    assert.notEqual(threadId, mainThreadId);
   });
 
   await t.test('releasing the last reference drops queued work', async () => {
@@ -80,15 +85,6 @@ test('wake-ups racing the last release never touch a freed handle', () => {
     })();`, { maxBuffer: 256 * 1024 * 1024 });
   assert.equal(r.status, 0, `status ${r.status} signal ${r.signal}\n${r.stderr.slice(-2000)}`);
   assert.match(r.stdout, /^SCHEDULES [1-9]\d*$/m);
-});
-
-test('after stop, schedule logs and resumes on the awaiting thread', () => {
-  const r = runChild(`${load} console.log(JSON.stringify(p.scheduleAfterStop()));`);
-  assert.equal(r.status, 0, r.stderr);
-  assert.match(r.stdout, /^schedule_impl stop, destroy the waiting operation$/m);
-  const out = lastObject(r);
-  assert.equal(out.sameThread, true);
-  assert.notEqual(out.threadId, out.mainThreadId);
 });
 
 test('a rejection is an Error with the failure text and no code; so is a failure delivered to a callback', async () => {
