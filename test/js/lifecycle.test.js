@@ -66,6 +66,7 @@ test.after(() => [small, dir, copies].filter(Boolean).forEach(removeTree));
 // leaves out, and what it checks afterwards.
 const alone = 'a Worker that alone loaded the module terminated inside a callback, then a new load';
 const closed = 'closed twice inside its first callback'; // for what can be closed
+const random = 'Workers ended at random moments, 10 rounds of 6';
 // The runtime probe belongs to the thread that loaded it last: its rows
 // stay on the main thread, and its runtime says "Ostrel Cleaning ..." too.
 const inWorkers = Object.keys(endings).filter((e) => endings[e].workers);
@@ -74,8 +75,14 @@ const table = {
   watch: { again: 'seen', leave: [alone] },
   // Under Wine, ending the process or a Worker while GetHardwareDisk
   // queries of Wine's own WMI are in flight ends in an access violation
-  // or a hang (found by this table; open).
-  storage: { again: true, leave: [alone, closed], todo: isWindows && 'open: an access violation under Wine with WMI queries in flight' },
+  // or a hang (found by this table; open). Workers ended at random reach it
+  // there every run, and Wine writes its crash report to the lane's own
+  // output, which then counts as a crash of the runner: left out there.
+  storage: {
+    again: true,
+    leave: [alone, closed, ...(isWindows ? [random] : [])],
+    todo: isWindows && 'open: an access violation under Wine with WMI queries in flight',
+  },
   'storage over slow WMI': { leave: [...inWorkers, closed] },
   // A copy ended with its process leaves no partial file.
   devices: { again: isWindows ? 2 : 0, leave: [alone, closed], after: () => copies && assert.deepEqual(fs.readdirSync(copies), []) },
