@@ -13,7 +13,6 @@
 #include "runtime/runtime.h"
 #include "runtime/scheduler.h"
 #include "runtime/spawn.h"
-#include "runtime/sync_wait.h"
 #include "runtime/thread_id.h"
 
 namespace ostrel::probe {
@@ -98,53 +97,40 @@ Napi::Value ref(const Napi::CallbackInfo& info) {
   return Napi::Number::New(info.Env(), sched().ref_count());
 }
 
-// Takes the first reference, queues a task from another thread, then drops
-// the reference before the loop can run it. Returns a function telling
-// whether the task ever ran.
-Napi::Value drop_queued_on_release(const Napi::CallbackInfo& info) {
-  auto ran = std::make_shared<std::atomic<bool>>(false);
-  sched().add_ref();
-  std::thread t([ran] {
+// Schedules a task from a plain thread after `what`: "release" takes the
+// first reference and drops it once the task is queued, before the loop can
+// run it; "stop" stops the scheduler first. Returns the tasks queued before
+// and after the release, and a function telling where the task went on:
+// "not run", "main thread" or "own thread".
+Napi::Value schedule_from_thread(const Napi::CallbackInfo& info) {
+  check_arg_types(info, {napi_string});
+  const bool stop = info[0].As<Napi::String>().Utf8Value() == "stop";
+  auto where = std::make_shared<std::atomic<const char*>>("not run");
+  if (stop) {
+    sched().stop();
+  } else {
+    sched().add_ref();
+  }
+  std::thread t([where] {
     spawn(
-        [](std::shared_ptr<std::atomic<bool>> ran) -> task<void> {
-          co_await sched().schedule();
-          *ran = true;
-        }(ran),
+        [](std::shared_ptr<std::atomic<const char*>> where, std::uint64_t self) -> task<void> {
+          try {
+            co_await sched().schedule();
+          } catch (const scheduler_stopped&) {
+            // Stopped: the task goes on here, told so by the exception.
+          }
+          *where = current_thread_id() == self ? "own thread" : sched().is_main_thread() ? "main thread" : "other";
+        }(where, current_thread_id()),
         runtime::alive());
   });
   t.join();
-  const double queued = static_cast<double>(sched().queued());
-  sched().release();
   Napi::Object out = Napi::Object::New(info.Env());
-  out.Set("queuedBeforeRelease", queued);
+  out.Set("queuedBeforeRelease", static_cast<double>(sched().queued()));
+  if (!stop) sched().release();
   out.Set("queuedAfterRelease", static_cast<double>(sched().queued()));
-  out.Set("ran", Napi::Function::New(info.Env(), [ran](const Napi::CallbackInfo& i) {
-            return Napi::Boolean::New(i.Env(), ran->load());
+  out.Set("where", Napi::Function::New(info.Env(), [where](const Napi::CallbackInfo& i) {
+            return Napi::String::New(i.Env(), where->load());
           }));
-  return out;
-}
-
-// Stops the scheduler, then awaits schedule() on a plain thread; reports the
-// thread before and after.
-Napi::Value schedule_after_stop(const Napi::CallbackInfo& info) {
-  sched().stop();
-  std::uint64_t before = 0, after = 0;
-  std::thread t([&] {
-    sync_wait([](std::uint64_t& before, std::uint64_t& after) -> task<void> {
-      before = current_thread_id();
-      try {
-        co_await sched().schedule();
-      } catch (const scheduler_stopped&) {
-        // Stopped: the task goes on here, told so by the exception.
-      }
-      after = current_thread_id();
-    }(before, after));
-  });
-  t.join();
-  Napi::Object out = Napi::Object::New(info.Env());
-  out.Set("sameThread", before == after);
-  out.Set("mainThreadId", static_cast<double>(current_thread_id()));
-  out.Set("threadId", static_cast<double>(after));
   return out;
 }
 
@@ -184,8 +170,7 @@ void register_scheduler_probes(Napi::Env env, Napi::Object exports) {
   exports.Set("scheduleStorm", Napi::Function::New(env, schedule_storm));
   exports.Set("queueBusyWork", Napi::Function::New(env, queue_busy_work));
   exports.Set("ref", Napi::Function::New(env, ref));
-  exports.Set("dropQueuedOnRelease", Napi::Function::New(env, drop_queued_on_release));
-  exports.Set("scheduleAfterStop", Napi::Function::New(env, schedule_after_stop));
+  exports.Set("scheduleFromThread", Napi::Function::New(env, schedule_from_thread));
 }
 
 probe_part part(register_scheduler_probes);
