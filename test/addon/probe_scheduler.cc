@@ -1,6 +1,7 @@
 // Probes of the main-thread scheduler: the dispatch budget, wake-up
 // coalescing and rescheduling inside a dispatch run, references on and off
-// the main thread, dropping on release, and scheduling after stop.
+// the main thread, dropping on release, scheduling after stop, and wake-ups
+// racing the last release.
 #include <atomic>
 #include <memory>
 #include <thread>
@@ -8,12 +9,10 @@
 
 #include "probe.h"
 #include "runtime/clock.h"
-#include "runtime/events.h"
 #include "runtime/napi_util.h"
 #include "runtime/runtime.h"
 #include "runtime/scheduler.h"
 #include "runtime/spawn.h"
-#include "runtime/sync_wait.h"
 #include "runtime/thread_id.h"
 
 namespace ostrel::probe {
@@ -25,86 +24,55 @@ void busy_wait_ms(double ms) {
   }
 }
 
-// End times (ms since the batch was queued) of `count` tasks that each
-// busy-wait `each_ms` on the main thread, all queued at once from a worker,
-// with the dispatch run each ran in and that run's start.
+// Queues `count` tasks from another thread while the main thread is busy in
+// this call, each busy-waiting `each_ms` there. Resolves with each task's end
+// (ms since the batch was queued), the dispatch run it ran in and that run's
+// start, and whether the last one, scheduling itself again from inside the
+// dispatch run, went on in that same run.
 Napi::Value queue_busy_work(const Napi::CallbackInfo& info) {
   check_arg_types(info, {napi_number, napi_number});
   const int count = info[0].As<Napi::Number>().Int32Value();
   const double each_ms = info[1].As<Napi::Number>().DoubleValue();
-  auto p = std::make_shared<promise>(info.Env());
-  Napi::Value result = p->value();
-
   struct batch {
-    std::int64_t queued_at = 0;
+    std::shared_ptr<promise> p;
+    std::int64_t queued_at = monotonic_ns();
+    std::uint64_t runs_before = sched().dispatch_runs();
     std::vector<double> ends;
     std::vector<double> runs;        // the dispatch run each task ran in
     std::vector<double> run_starts;  // when that run started
-    std::uint64_t runs_before = 0;
-    std::atomic<int> remaining{0};
+    int remaining = 0;               // touched on the main thread only
   };
   auto b = std::make_shared<batch>();
+  b->p = std::make_shared<promise>(info.Env());
   b->remaining = count;
-  b->runs_before = sched().dispatch_runs();
-  start_async([](std::shared_ptr<promise> p, std::shared_ptr<batch> b, int count, double each_ms) -> task<void> {
-    auto done = std::make_shared<async_auto_reset_event>();
-    b->queued_at = monotonic_ns();
+  Napi::Value result = b->p->value();
+  sched().add_ref();
+  std::thread producer([&] {
     for (int i = 0; i < count; ++i) {
       spawn(
-          [](std::shared_ptr<batch> b, double each_ms, std::shared_ptr<async_auto_reset_event> done) -> task<void> {
+          [](std::shared_ptr<batch> b, double each_ms) -> task<void> {
             co_await sched().schedule();
             b->runs.push_back(static_cast<double>(sched().dispatch_runs() - b->runs_before));
             b->run_starts.push_back(static_cast<double>(sched().dispatch_started_ns() - b->queued_at) / 1e6);
             busy_wait_ms(each_ms);
             b->ends.push_back(static_cast<double>(monotonic_ns() - b->queued_at) / 1e6);
-            if (--b->remaining == 0) done->set();
-          }(b, each_ms, done),
-          runtime::alive());
-    }
-    co_await *done;
-    co_await sched().schedule();
-    Napi::Env env(sched().env());
-    auto array = [env](const std::vector<double>& values) {
-      Napi::Array a = Napi::Array::New(env, values.size());
-      for (std::size_t i = 0; i < values.size(); ++i) a.Set(static_cast<uint32_t>(i), values[i]);
-      return a;
-    };
-    Napi::Object out = Napi::Object::New(env);
-    out.Set("ends", array(b->ends));
-    out.Set("runs", array(b->runs));
-    out.Set("runStarts", array(b->run_starts));
-    p->resolve(out);
-  }(p, b, count, each_ms));
-  return result;
-}
-
-// Queues `count` tasks from another thread while the main thread is busy in
-// this call; resolves with the dispatch runs it took to run them all, and
-// whether the last one, scheduling itself again from inside the dispatch
-// run, went on in that same run.
-Napi::Value coalesce(const Napi::CallbackInfo& info) {
-  const int count = info[0].As<Napi::Number>().Int32Value();
-  auto p = std::make_shared<promise>(info.Env());
-  Napi::Value result = p->value();
-  sched().add_ref();
-  const std::uint64_t before = sched().dispatch_runs();
-  auto remaining = std::make_shared<std::atomic<int>>(count);
-  std::thread producer([&] {
-    for (int i = 0; i < count; ++i) {
-      spawn(
-          [](std::shared_ptr<std::atomic<int>> remaining, std::shared_ptr<promise> p,
-             std::uint64_t before) -> task<void> {
+            if (--b->remaining > 0) co_return;
+            const std::uint64_t run = sched().dispatch_runs();
             co_await sched().schedule();
-            if (--*remaining == 0) {
-              const std::uint64_t runs = sched().dispatch_runs();
-              co_await sched().schedule();
-              Napi::Object out = Napi::Object::New(sched().env());
-              out.Set("runs", static_cast<double>(runs - before));
-              out.Set("sameRun", sched().is_main_thread() && sched().dispatch_runs() == runs);
-              p->resolve(out);
-              sched().release();
-            }
-          }(remaining, p, before),
+            Napi::Env env(sched().env());
+            auto array = [env](const std::vector<double>& values) {
+              Napi::Array a = Napi::Array::New(env, values.size());
+              for (std::size_t i = 0; i < values.size(); ++i) a.Set(static_cast<uint32_t>(i), values[i]);
+              return a;
+            };
+            Napi::Object out = Napi::Object::New(env);
+            out.Set("ends", array(b->ends));
+            out.Set("runs", array(b->runs));
+            out.Set("runStarts", array(b->run_starts));
+            out.Set("sameRun", sched().is_main_thread() && sched().dispatch_runs() == run);
+            b->p->resolve(out);
+            sched().release();
+          }(b, each_ms),
           runtime::alive());
     }
   });
@@ -129,53 +97,40 @@ Napi::Value ref(const Napi::CallbackInfo& info) {
   return Napi::Number::New(info.Env(), sched().ref_count());
 }
 
-// Takes the first reference, queues a task from another thread, then drops
-// the reference before the loop can run it. Returns a function telling
-// whether the task ever ran.
-Napi::Value drop_queued_on_release(const Napi::CallbackInfo& info) {
-  auto ran = std::make_shared<std::atomic<bool>>(false);
-  sched().add_ref();
-  std::thread t([ran] {
+// Schedules a task from a plain thread after `what`: "release" takes the
+// first reference and drops it once the task is queued, before the loop can
+// run it; "stop" stops the scheduler first. Returns the tasks queued before
+// and after the release, and a function telling where the task went on:
+// "not run", "main thread" or "own thread".
+Napi::Value schedule_from_thread(const Napi::CallbackInfo& info) {
+  check_arg_types(info, {napi_string});
+  const bool stop = info[0].As<Napi::String>().Utf8Value() == "stop";
+  auto where = std::make_shared<std::atomic<const char*>>("not run");
+  if (stop) {
+    sched().stop();
+  } else {
+    sched().add_ref();
+  }
+  std::thread t([where] {
     spawn(
-        [](std::shared_ptr<std::atomic<bool>> ran) -> task<void> {
-          co_await sched().schedule();
-          *ran = true;
-        }(ran),
+        [](std::shared_ptr<std::atomic<const char*>> where, std::uint64_t self) -> task<void> {
+          try {
+            co_await sched().schedule();
+          } catch (const scheduler_stopped&) {
+            // Stopped: the task goes on here, told so by the exception.
+          }
+          *where = current_thread_id() == self ? "own thread" : sched().is_main_thread() ? "main thread" : "other";
+        }(where, current_thread_id()),
         runtime::alive());
   });
   t.join();
-  const double queued = static_cast<double>(sched().queued());
-  sched().release();
   Napi::Object out = Napi::Object::New(info.Env());
-  out.Set("queuedBeforeRelease", queued);
+  out.Set("queuedBeforeRelease", static_cast<double>(sched().queued()));
+  if (!stop) sched().release();
   out.Set("queuedAfterRelease", static_cast<double>(sched().queued()));
-  out.Set("ran", Napi::Function::New(info.Env(), [ran](const Napi::CallbackInfo& i) {
-            return Napi::Boolean::New(i.Env(), ran->load());
+  out.Set("where", Napi::Function::New(info.Env(), [where](const Napi::CallbackInfo& i) {
+            return Napi::String::New(i.Env(), where->load());
           }));
-  return out;
-}
-
-// Stops the scheduler, then awaits schedule() on a plain thread; reports the
-// thread before and after.
-Napi::Value schedule_after_stop(const Napi::CallbackInfo& info) {
-  sched().stop();
-  std::uint64_t before = 0, after = 0;
-  std::thread t([&] {
-    sync_wait([](std::uint64_t& before, std::uint64_t& after) -> task<void> {
-      before = current_thread_id();
-      try {
-        co_await sched().schedule();
-      } catch (const scheduler_stopped&) {
-        // Stopped: the task goes on here, told so by the exception.
-      }
-      after = current_thread_id();
-    }(before, after));
-  });
-  t.join();
-  Napi::Object out = Napi::Object::New(info.Env());
-  out.Set("sameThread", before == after);
-  out.Set("mainThreadId", static_cast<double>(current_thread_id()));
-  out.Set("threadId", static_cast<double>(after));
   return out;
 }
 
@@ -214,10 +169,8 @@ Napi::Value schedule_storm(const Napi::CallbackInfo& info) {
 void register_scheduler_probes(Napi::Env env, Napi::Object exports) {
   exports.Set("scheduleStorm", Napi::Function::New(env, schedule_storm));
   exports.Set("queueBusyWork", Napi::Function::New(env, queue_busy_work));
-  exports.Set("coalesce", Napi::Function::New(env, coalesce));
   exports.Set("ref", Napi::Function::New(env, ref));
-  exports.Set("dropQueuedOnRelease", Napi::Function::New(env, drop_queued_on_release));
-  exports.Set("scheduleAfterStop", Napi::Function::New(env, schedule_after_stop));
+  exports.Set("scheduleFromThread", Napi::Function::New(env, schedule_from_thread));
 }
 
 probe_part part(register_scheduler_probes);

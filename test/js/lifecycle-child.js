@@ -177,9 +177,18 @@ const inWorker = {
     },
     onInside: (w) => setTimeout(() => w.terminate(), 300),
   },
-  // Right after starting, before any callback: ended by itself or terminated
-  // as it comes online, in turns.
-  'Workers ended right after starting the work, 10 in turn': { rounds: 10, early: true },
+  // Six at once, 10 rounds: one ends itself right after starting the work,
+  // one is terminated as it comes online, two inside their first callback
+  // (each callback spins 20 ms), one 20-100 ms after it was created (early
+  // in the work, where most faults were: e31923f) and one at any moment in
+  // its first 700 ms.
+  'Workers ended at random moments, 10 rounds of 6': {
+    rounds: 10,
+    random: true,
+    each: () => spin(20),
+    inside: () => {},
+    onInside: (w, k) => (k === 2 || k === 3) && w.terminate(),
+  },
   // The Worker alone loaded the module: its end unloads it with the work in
   // flight, and the main thread loads it again afterwards.
   'a Worker that alone loaded the module terminated inside a callback, then a new load': {
@@ -187,18 +196,19 @@ const inWorker = {
   },
 };
 
-function workerSide({ rowName, ending, d, round }) {
+function workerSide({ rowName, ending, d, k }) {
   const row = rows[rowName];
   const e = inWorker[ending];
   const o = load(row, d);
   let told = false;
   row.start(o, d, () => {
+    if (e.each) e.each();
     if (told) return;
     told = true;
     parentPort.postMessage('inside');
     e.inside();
   });
-  if (e.early && round % 2 === 0) process.exit(0);
+  if (e.random && k === 0) process.exit(0);
 }
 
 async function mainSide(scenario) {
@@ -214,14 +224,18 @@ async function mainSide(scenario) {
   }
   const e = inWorker[ending];
   if (!e.alone) load(row, d);
-  for (let round = 0; round < (e.rounds || 1); round++) {
-    const w = new Worker(__filename, { workerData: { lifecycle: { ...scenario, round } } });
+  const one = async (k) => {
+    const w = new Worker(__filename, { workerData: { lifecycle: { ...scenario, k } } });
     w.on('error', (err) => console.log(`WORKER ERROR ${err.message}`));
-    if (e.onInside) w.once('message', () => e.onInside(w));
-    if (e.early && round % 2 === 1) w.on('online', () => w.terminate());
+    if (e.onInside) w.once('message', () => e.onInside(w, k));
+    if (e.random && k === 1) w.on('online', () => w.terminate());
+    const ms = 20 + Math.random() * (k === 4 ? 80 : 680);
+    const timer = e.random && k > 3 ? setTimeout(() => w.terminate(), ms) : null;
     const code = await new Promise((resolve) => w.on('exit', resolve));
+    clearTimeout(timer);
     console.log(`WORKER EXIT ${code}`);
-  }
+  };
+  for (let round = 0; round < (e.rounds || 1); round++) await Promise.all((e.random ? [0, 1, 2, 3, 4, 5] : [0]).map(one));
   if (e.alone) await sleep(500);
   console.log(`AGAIN ${JSON.stringify(await row.again(load(row, d), d))}`);
 }

@@ -159,62 +159,53 @@ char byte_or_cancelled(pipe_pair& p, std::future<char>& result, int round = 0) {
   }
 }
 
-// Cancelled before the start, while it is being started (before it is
-// marked started: such a cancellation was once lost, and the task waited for
-// a completion that never came) or while pending, a read ends with
-// operation_cancelled; the next read completes when its byte arrives.
-TEST(OverlappedOperation, ACancellationAtAnyMomentEndsTheReadAndTheNextReadCompletes) {
-  testing::pumped_service s;
-  pipe_pair p(s.service);
-  for (const char* when : {"before", "during start", "pending"}) {
-    cancellation_source source;
-    if (when == std::string("before")) source.request_cancellation();
-    auto result = std::async(std::launch::async, [&] {
-      return sync_wait([&]() -> task<char> {
-        auto op = p.read(source.token());
-        if (when == std::string("during start")) op.after_start = [&] { source.request_cancellation(); };
-        co_return co_await op;
-      }());
-    });
-    if (when == std::string("pending")) {
-      std::this_thread::sleep_for(50ms);
-      source.request_cancellation();
-    }
-    EXPECT_EQ(byte_or_cancelled(p, result), 0) << when;
-  }
-  auto result = read_async(p);
-  std::this_thread::sleep_for(20ms);
-  p.write('y');
-  EXPECT_EQ(result.get(), 'y');
-}
-
-// A cancellation from another thread racing the start (nothing is written:
-// the read must end cancelled) or racing the completion (the byte is written
-// at once: the read ends once, with it or cancelled, and a cancelled read
-// leaves the byte in the pipe).
-TEST(OverlappedOperation, CancellationRacingTheStartOrTheCompletionEndsEveryReadOnce) {
+// A read cancelled before its start, while it is being started (before it
+// is marked started: such a cancellation was once lost, and the task waited
+// for a completion that never came), from another thread racing the start
+// (nothing is written: it must end cancelled) or racing the completion (the
+// byte is written at once: it ends once, with the byte or cancelled, and a
+// cancelled read leaves the byte in the pipe); then one cancelled while
+// pending, and one completing when its byte arrives.
+TEST(OverlappedOperation, ACancellationAtAnyMomentEndsTheReadOnceAndTheNextReadCompletes) {
   testing::pumped_service s;
   pipe_pair p(s.service);
   for (int i = 0; i < 2 * rounds; ++i) {
-    const bool write = i % 2;
+    const int when = i % 4;  // before, during the start, racing the start, racing the completion
     cancellation_source source;
+    if (when == 0) source.request_cancellation();
     std::thread writer([&] {
-      if (write) p.write('z');
+      if (when == 3) p.write('z');
     });
-    auto result = read_async(p, source.token());
-    std::thread canceller([&] { source.request_cancellation(); });
+    auto result = std::async(std::launch::async, [&] {
+      return sync_wait([&]() -> task<char> {
+        auto op = p.read(source.token());
+        if (when == 1) op.after_start = [&] { source.request_cancellation(); };
+        co_return co_await op;
+      }());
+    });
+    std::thread canceller([&] {
+      if (when >= 2) source.request_cancellation();
+    });
     const char got = byte_or_cancelled(p, result, i);
     writer.join();
     canceller.join();
-    if (!write) {
+    if (when < 3) {
       EXPECT_EQ(got, 0) << "round " << i;
     } else if (got == 0) {
-      auto rest = read_async(p);
-      EXPECT_EQ(rest.get(), 'z') << "round " << i;
+      EXPECT_EQ(read_async(p).get(), 'z') << "round " << i;
     } else {
       EXPECT_EQ(got, 'z') << "round " << i;
     }
   }
+  cancellation_source source;
+  auto pending = read_async(p, source.token());
+  std::this_thread::sleep_for(50ms);
+  source.request_cancellation();
+  EXPECT_EQ(byte_or_cancelled(p, pending), 0);
+  auto result = read_async(p);
+  std::this_thread::sleep_for(20ms);
+  p.write('y');
+  EXPECT_EQ(result.get(), 'y');
 }
 
 }  // namespace
