@@ -10,7 +10,7 @@ const fs = require('fs');
 const path = require('path');
 const { spawnSync } = require('child_process');
 const { root: repoRoot, runChild, sleep } = require('./helpers');
-const { ostrel, watch, tempDir, pairs } = require('./watch-fixture');
+const { ostrel, watch, watched, tempDir, pairs } = require('./watch-fixture');
 
 const index = JSON.stringify(path.join(repoRoot, 'index.js'));
 const linux = process.platform === 'linux';
@@ -103,7 +103,7 @@ const ACTIONS = ['add', 'unlink', 'change', 'renameOld', 'rename'];
 
 test('the event vocabulary: one table on both platforms', async (t) => {
   for (const row of vocabulary) {
-    await t.test(row.name, { skip: row.skip }, async () => {
+    await t.test(row.name, { skip: row.skip }, async (st) => {
       const base = tempDir();
       const root = path.join(base, 'root');
       const outside = path.join(base, 'outside');
@@ -112,39 +112,33 @@ test('the event vocabulary: one table on both platforms', async (t) => {
       const p = (rel) => path.join(root, ...rel.split('/'));
       const o = (rel) => path.join(outside, ...rel.split('/'));
       if (row.before) row.before(p, o);
-      const w = await watch(root);
-      try {
-        await sleep(100);
-        await row.act(p, o, w);
-        await w.waitFor(() => row.expect.every(([n, r]) => has(w.events, n, r)));
-        await settle(w, 300);
-        const seen = pairs(w.events);
-        if (row.ordered) {
-          const at = row.expect.map(([n, r]) => seen.findIndex(([a, b]) => a === n && b === r));
-          assert.deepEqual([...at].sort((a, b) => a - b), at, JSON.stringify(seen));
-        }
-        for (const [n, r] of row.never || []) assert.ok(!has(w.events, n, r), `${n} ${r} in ${JSON.stringify(seen)}`);
-        // Nothing is reported twice.
-        const adds = seen.filter(([n]) => n === 'add' || n === 'addDir').map(([n, r]) => `${n} ${r}`);
-        assert.equal(new Set(adds).size, adds.length, JSON.stringify(seen));
-        // Every event: its fields, a kind that agrees with its name and its
-        // action, and the paths of the item it names.
-        for (const e of w.events) {
-          assert.deepEqual(Object.keys(e), ['fileName', 'watchEvent', 'action', 'fileStat']);
-          assert.deepEqual(Object.keys(e.fileStat), STAT_KEYS);
-          assert.equal(e.fileStat.isFile, !e.watchEvent.endsWith('Dir'), JSON.stringify(e));
-          assert.equal(ACTIONS[e.action - 1], e.watchEvent.replace(/Dir$/, ''), JSON.stringify(e));
-          assert.deepEqual([e.fileStat.absolutePath, e.fileStat.relativePath, e.fileStat.name],
-            [p(e.fileName), e.fileName, path.basename(e.fileName)], JSON.stringify(e));
-          // A rename's new name is read: the item it names.
-          if (e.watchEvent === 'rename') assert.equal(e.fileStat.size, fs.statSync(p(e.fileName)).size);
-        }
-        assert.deepEqual(w.errors, []);
-      } finally {
-        w.close();
-        // Wine may still hold a folder for a moment after the watch closed.
-        fs.rmSync(base, { recursive: true, force: true, maxRetries: 10 });
+      const w = await watched(st, root, {}, base);
+      await sleep(100);
+      await row.act(p, o, w);
+      await w.waitFor(() => row.expect.every(([n, r]) => has(w.events, n, r)));
+      await settle(w, 300);
+      const seen = pairs(w.events);
+      if (row.ordered) {
+        const at = row.expect.map(([n, r]) => seen.findIndex(([a, b]) => a === n && b === r));
+        assert.deepEqual([...at].sort((a, b) => a - b), at, JSON.stringify(seen));
       }
+      for (const [n, r] of row.never || []) assert.ok(!has(w.events, n, r), `${n} ${r} in ${JSON.stringify(seen)}`);
+      // Nothing is reported twice.
+      const adds = seen.filter(([n]) => n === 'add' || n === 'addDir').map(([n, r]) => `${n} ${r}`);
+      assert.equal(new Set(adds).size, adds.length, JSON.stringify(seen));
+      // Every event: its fields, a kind that agrees with its name and its
+      // action, and the paths of the item it names.
+      for (const e of w.events) {
+        assert.deepEqual(Object.keys(e), ['fileName', 'watchEvent', 'action', 'fileStat']);
+        assert.deepEqual(Object.keys(e.fileStat), STAT_KEYS);
+        assert.equal(e.fileStat.isFile, !e.watchEvent.endsWith('Dir'), JSON.stringify(e));
+        assert.equal(ACTIONS[e.action - 1], e.watchEvent.replace(/Dir$/, ''), JSON.stringify(e));
+        assert.deepEqual([e.fileStat.absolutePath, e.fileStat.relativePath, e.fileStat.name],
+          [p(e.fileName), e.fileName, path.basename(e.fileName)], JSON.stringify(e));
+        // A rename's new name is read: the item it names.
+        if (e.watchEvent === 'rename') assert.equal(e.fileStat.size, fs.statSync(p(e.fileName)).size);
+      }
+      assert.deepEqual(w.errors, []);
     });
   }
 });
@@ -180,34 +174,29 @@ const rules = [
 
 test('filters and fine-grained rules', async (t) => {
   for (const row of rules) {
-    await t.test(row.name, async () => {
+    await t.test(row.name, async (st) => {
       const root = tempDir();
-      const w = await watch(root, row.options);
-      try {
-        if (row.moveIn) {
-          const outside = tempDir();
-          for (const [rel, text] of Object.entries(row.moveIn)) {
-            fs.mkdirSync(path.dirname(path.join(outside, 'in', rel)), { recursive: true });
-            fs.writeFileSync(path.join(outside, 'in', rel), text);
-          }
-          fs.renameSync(path.join(outside, 'in', 'in'), path.join(root, 'in'));
-          fs.rmSync(outside, { recursive: true, force: true });
+      const w = await watched(st, root, row.options);
+      if (row.moveIn) {
+        const outside = tempDir();
+        for (const [rel, text] of Object.entries(row.moveIn)) {
+          fs.mkdirSync(path.dirname(path.join(outside, 'in', rel)), { recursive: true });
+          fs.writeFileSync(path.join(outside, 'in', rel), text);
         }
-        for (const m of row.made) {
-          const full = path.join(root, ...m.split('/').filter(Boolean));
-          if (m.endsWith('/')) fs.mkdirSync(full, { recursive: true });
-          else fs.writeFileSync(full, 'x');
-        }
-        const last = row.reported[row.reported.length - 1].split(' ');
-        await w.waitFor(() => has(w.events, last[0], last[1]));
-        await settle(w, 400);
-        const adds = pairs(w.events).filter(([n]) => n === 'add' || n === 'addDir').map(([n, r]) => `${n} ${r}`);
-        assert.deepEqual([...adds].sort(), [...row.reported].sort());
-        for (const [n, r] of pairs(w.events)) assert.ok(!row.never || !row.never.test(r), `${n} ${r}`);
-      } finally {
-        w.close();
-        fs.rmSync(root, { recursive: true, force: true });
+        fs.renameSync(path.join(outside, 'in', 'in'), path.join(root, 'in'));
+        fs.rmSync(outside, { recursive: true, force: true });
       }
+      for (const m of row.made) {
+        const full = path.join(root, ...m.split('/').filter(Boolean));
+        if (m.endsWith('/')) fs.mkdirSync(full, { recursive: true });
+        else fs.writeFileSync(full, 'x');
+      }
+      const last = row.reported[row.reported.length - 1].split(' ');
+      await w.waitFor(() => has(w.events, last[0], last[1]));
+      await settle(w, 400);
+      const adds = pairs(w.events).filter(([n]) => n === 'add' || n === 'addDir').map(([n, r]) => `${n} ${r}`);
+      assert.deepEqual([...adds].sort(), [...row.reported].sort());
+      for (const [n, r] of pairs(w.events)) assert.ok(!row.never || !row.never.test(r), `${n} ${r}`);
     });
   }
 });
@@ -215,31 +204,26 @@ test('filters and fine-grained rules', async (t) => {
 // Folders made one inside another and each given files at once, as a copy
 // makes them: every file is reported, once: none lost while its folder's
 // watch was being added, none doubled by the expansion of a folder above it.
-test('new folders given files at once: nothing lost, nothing doubled', async () => {
+test('new folders given files at once: nothing lost, nothing doubled', async (t) => {
   const root = tempDir();
-  const w = await watch(root);
-  try {
-    const want = [];
-    for (let a = 0; a < (wine ? 3 : 10); a++) {
-      for (let b = 0; b < 100; b++) {
-        fs.mkdirSync(path.join(root, `a${a}`, `b${b}`), { recursive: true });
-        for (let f = 0; f < 6; f++) {
-          fs.writeFileSync(path.join(root, `a${a}`, `b${b}`, `f${f}.txt`), 'x');
-          want.push(`a${a}/b${b}/f${f}.txt`);
-        }
+  const w = await watched(t, root);
+  const want = [];
+  for (let a = 0; a < (wine ? 3 : 10); a++) {
+    for (let b = 0; b < 100; b++) {
+      fs.mkdirSync(path.join(root, `a${a}`, `b${b}`), { recursive: true });
+      for (let f = 0; f < 6; f++) {
+        fs.writeFileSync(path.join(root, `a${a}`, `b${b}`, `f${f}.txt`), 'x');
+        want.push(`a${a}/b${b}/f${f}.txt`);
       }
     }
-    await w.waitFor(allAdded(w, want), 120000).catch(() => {});
-    await settle(w, 500);
-    const adds = pairs(w.events).filter(([e]) => e === 'add').map(([, r]) => r);
-    const got = new Set(adds);
-    const lost = want.filter((r) => !got.has(r));
-    assert.equal(lost.length, 0, `${lost.length} of ${want.length} lost: ${lost.slice(0, 10)}`);
-    assert.equal(got.size, adds.length, `${adds.length - got.size} reported twice`);
-  } finally {
-    w.close();
-    fs.rmSync(root, { recursive: true, force: true });
   }
+  await w.waitFor(allAdded(w, want), 120000).catch(() => {});
+  await settle(w, 500);
+  const adds = pairs(w.events).filter(([e]) => e === 'add').map(([, r]) => r);
+  const got = new Set(adds);
+  const lost = want.filter((r) => !got.has(r));
+  assert.equal(lost.length, 0, `${lost.length} of ${want.length} lost: ${lost.slice(0, 10)}`);
+  assert.equal(got.size, adds.length, `${adds.length - got.size} reported twice`);
 });
 
 // Linux: what must never be reported as a file, names that would be

@@ -41,7 +41,18 @@ function watch(root, options = {}) {
 
 const tempDir = (prefix = 'ostrel-watch-') => fs.realpathSync(helpers.tempDir(prefix));
 
+// A session on `root` that test `t` closes when it ends, removing `remove`
+// then (Wine may still hold a folder for a moment after the watch closed).
+async function watched(t, root = tempDir(), options = {}, remove = root) {
+  const w = await watch(root, options);
+  t.after(() => {
+    w.close();
+    fs.rmSync(remove, { recursive: true, force: true, maxRetries: 10 });
+  });
+  return w;
+}
+
 // [event, relative path with "/"] pairs, in delivery order.
 const pairs = (events) => events.map((e) => [e.watchEvent, e.fileName.split(path.sep).join('/')]);
 
-module.exports = { ostrel, watch, tempDir, pairs };
+module.exports = { ostrel, watch, watched, tempDir, pairs };

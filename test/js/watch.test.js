@@ -9,52 +9,40 @@ const assert = require('node:assert/strict');
 const fs = require('fs');
 const path = require('path');
 const { root: repoRoot, runChild } = require('./helpers');
-const { ostrel, watch, tempDir, pairs } = require('./watch-fixture');
+const { ostrel, watched, tempDir, pairs } = require('./watch-fixture');
 
 const index = JSON.stringify(path.join(repoRoot, 'index.js'));
 
-test('the fourth argument, the returned function and the open statistic', async () => {
+test('the fourth argument, the returned function and the open statistic', async (t) => {
   const root = tempDir();
-  try {
-    // Fourth arguments StartFileWatch accepts (the refused ones are in
-    // conventions.test.js): none, a number, a string, null, an array.
-    for (const extra of [[], [5], ['x'], [null], [[]]]) {
-      let close;
-      await new Promise((resolve) => { close = ostrel.StartFileWatch(root, () => {}, resolve, ...extra); });
-      assert.equal(close.name, 'CloseFileWatch', JSON.stringify(extra));
-      assert.equal(close(), undefined);
-      assert.equal(close(), undefined);
-    }
-    // "CreateFileW(WatchLoop)" is recorded for each open, failures with their code.
-    const spans = [];
-    ostrel.RegisterTracer({ startSpan() { const a = {}; spans.push(a); return { setAttribute(k, v) { a[k] = v; }, end() {} }; } });
-    const file = path.join(root, 'plain');
-    fs.writeFileSync(file, 'x');
-    const good = await watch(root);
-    const bad = ostrel.StartFileWatch(file, () => {}, () => {}, {});
-    try {
-      const named = () => spans.filter((a) => a.dim_0 === 'CreateFileW(WatchLoop)');
-      const count = () => named().reduce((n, a) => n + a.indsum_0, 0);
-      for (let i = 0; i < 60 && count() < 4; i++) await new Promise((r) => setTimeout(r, 100));
-      assert.ok(count() >= 4, JSON.stringify(named()));
-    } finally {
-      good.close();
-      bad();
-      ostrel.UnRegisterTracers();
-    }
-  } finally {
-    fs.rmSync(root, { recursive: true, force: true });
+  // Fourth arguments StartFileWatch accepts (the refused ones are in
+  // conventions.test.js): none, a number, a string, null, an array.
+  for (const extra of [[], [5], ['x'], [null], [[]]]) {
+    let close;
+    await new Promise((resolve) => { close = ostrel.StartFileWatch(root, () => {}, resolve, ...extra); });
+    assert.equal(close.name, 'CloseFileWatch', JSON.stringify(extra));
+    assert.equal(close(), undefined);
+    assert.equal(close(), undefined);
   }
+  // "CreateFileW(WatchLoop)" is recorded for each open, failures with their code.
+  const spans = [];
+  ostrel.RegisterTracer({ startSpan() { const a = {}; spans.push(a); return { setAttribute(k, v) { a[k] = v; }, end() {} }; } });
+  t.after(() => ostrel.UnRegisterTracers());
+  const file = path.join(root, 'plain');
+  fs.writeFileSync(file, 'x');
+  await watched(t, root);
+  const bad = ostrel.StartFileWatch(file, () => {}, () => {}, {});
+  t.after(() => bad());
+  const named = () => spans.filter((a) => a.dim_0 === 'CreateFileW(WatchLoop)');
+  const count = () => named().reduce((n, a) => n + a.indsum_0, 0);
+  for (let i = 0; i < 60 && count() < 4; i++) await new Promise((r) => setTimeout(r, 100));
+  assert.ok(count() >= 4, JSON.stringify(named()));
 });
 
 // Each kind of change on its own: the vocabulary table of watch-events.test.js.
 test('create, write, rename and delete of one path arrive in that order, in few calls', async (t) => {
   const root = tempDir();
-  const w = await watch(root);
-  t.after(() => {
-    w.close();
-    fs.rmSync(root, { recursive: true, force: true });
-  });
+  const w = await watched(t, root);
   const p = (rel) => path.join(root, rel);
   for (let i = 0; i < 200; i++) {
     fs.writeFileSync(p(`seq${i}.txt`), 'a');
@@ -86,29 +74,21 @@ test('create, write, rename and delete of one path arrive in that order, in few 
 // still there), so nothing can tell the watch; Windows fails the pending
 // read and marks the handle, and Linux sends IN_DELETE_SELF.
 const wine = process.platform === 'win32' && (!!process.env.WINEPREFIX || fs.existsSync('Z:\\etc\\passwd'));
-test('the root deleted and created again', { skip: wine && 'Wine never reports a watched root deleted' }, async () => {
+test('the root deleted and created again', { skip: wine && 'Wine never reports a watched root deleted' }, async (t) => {
   const parent = tempDir();
   const root = path.join(parent, 'watched');
   fs.mkdirSync(root);
-  const w = await watch(root);
-  try {
-    fs.rmSync(root, { recursive: true });
-    await w.waitFor(() => w.errors.some((e) => e.code === 'REMOVED'), 15000);
-    const removed = w.errors.find((e) => e.code === 'REMOVED');
-    assert.deepEqual(removed, { errorCode: 17, errorReason: 'Directory deleted', code: 'REMOVED' });
-    fs.mkdirSync(root);
-    // The root poll runs every 5007 ms; keep writing until events resume.
-    let i = 0;
-    const writer = setInterval(() => fs.writeFileSync(path.join(root, `back${i++}.txt`), 'x'), 500);
-    try {
-      await w.waitFor(() => w.events.some((e) => e.watchEvent === 'add' && e.fileName.startsWith('back')), 20000);
-    } finally {
-      clearInterval(writer);
-    }
-  } finally {
-    w.close();
-    fs.rmSync(parent, { recursive: true, force: true });
-  }
+  const w = await watched(t, root, {}, parent);
+  fs.rmSync(root, { recursive: true });
+  await w.waitFor(() => w.errors.some((e) => e.code === 'REMOVED'), 15000);
+  const removed = w.errors.find((e) => e.code === 'REMOVED');
+  assert.deepEqual(removed, { errorCode: 17, errorReason: 'Directory deleted', code: 'REMOVED' });
+  fs.mkdirSync(root);
+  // The root poll runs every 5007 ms; keep writing until events resume.
+  let i = 0;
+  const writer = setInterval(() => fs.writeFileSync(path.join(root, `back${i++}.txt`), 'x'), 500);
+  t.after(() => clearInterval(writer));
+  await w.waitFor(() => w.events.some((e) => e.watchEvent === 'add' && e.fileName.startsWith('back')), 20000);
 });
 
 // The error events of a watch on an unopenable `target` during 2.6 s, each
@@ -131,23 +111,20 @@ test('a root that cannot be watched gives error events, three at once then one a
       uid: 65534, errorCode: 13 },
   ];
   for (const c of rows) {
-    await t.test(c.name, { skip: c.skip }, () => {
+    await t.test(c.name, { skip: c.skip }, (st) => {
       const dir = tempDir();
-      try {
-        const errors = unopenable(c.make(dir), c.uid);
-        assert.ok(errors.length >= 4, JSON.stringify(errors));
-        for (const { at, ...e } of errors) {
-          assert.deepEqual(Object.keys(e), ['errorCode', 'errorReason', 'code']);
-          assert.ok(e.errorCode > 0 && e.errorReason.length > 0 && e.code === '', JSON.stringify(e));
-          if (c.errorCode) assert.equal(e.errorCode, c.errorCode, JSON.stringify(e));
-        }
-        // Per loop: attempts 1-3 back to back, then at least a second apart.
-        const gaps = errors.slice(1).map((e, i) => e.at - errors[i].at);
-        assert.ok(gaps.some((g) => g >= 900), `gaps ${gaps}`);
-        assert.ok(errors.length <= 12, `${errors.length} errors in 2.6 s`);
-      } finally {
-        fs.rmSync(dir, { recursive: true, force: true });
+      st.after(() => fs.rmSync(dir, { recursive: true, force: true }));
+      const errors = unopenable(c.make(dir), c.uid);
+      assert.ok(errors.length >= 4, JSON.stringify(errors));
+      for (const { at, ...e } of errors) {
+        assert.deepEqual(Object.keys(e), ['errorCode', 'errorReason', 'code']);
+        assert.ok(e.errorCode > 0 && e.errorReason.length > 0 && e.code === '', JSON.stringify(e));
+        if (c.errorCode) assert.equal(e.errorCode, c.errorCode, JSON.stringify(e));
       }
+      // Per loop: attempts 1-3 back to back, then at least a second apart.
+      const gaps = errors.slice(1).map((e, i) => e.at - errors[i].at);
+      assert.ok(gaps.some((g) => g >= 900), `gaps ${gaps}`);
+      assert.ok(errors.length <= 12, `${errors.length} errors in 2.6 s`);
     });
   }
 });
@@ -159,42 +136,39 @@ test('a root that cannot be watched gives error events, three at once then one a
 test('1,000 start/close cycles: no crash, flat memory', async (t) => {
   for (const burst of [false, true]) {
     const name = burst ? 'every 100th closed amid a burst of 300 changes' : 'closed at once';
-    await t.test(name, () => {
+    await t.test(name, (st) => {
       const root = tempDir();
-      try {
-        const r = runChild(`const o = require(${index});
-          const fs = require('fs');
-          const start = () => new Promise((res) => { const c = o.StartFileWatch(${JSON.stringify(root)}, () => {}, () => res(c), {}); });
-          (async () => {
-            for (let i = 0; i < 100; i++) (await start())();
-            global.gc && global.gc();
-            const rss = process.memoryUsage().rss;
-            for (let i = 100; i < 1000; i++) {
-              const close = await start();
-              for (let k = 0; ${burst} && i % 100 === 0 && k < 300; k++) fs.writeFileSync(${JSON.stringify(root)} + '/b' + k, 'x');
-              close();
-            }
-            await new Promise((r) => setTimeout(r, 200));
-            global.gc && global.gc();
-            console.log('GROWTH MB ' + Math.round((process.memoryUsage().rss - rss) / 1048576));
-            // A session started while the last one is still closing keeps a
-            // live watch on the folder they share.
-            (await start())();
-            const seen = new Promise((res) => { const c = o.StartFileWatch(${JSON.stringify(root)}, (evs) => {
-              if (evs.some((e) => String(e.fileName).endsWith('probe.txt'))) { c(); res(); } }, () => {
-              fs.writeFileSync(require('path').join(${JSON.stringify(root)}, 'probe.txt'), 'x'); }, {}); });
-            await seen;
-            console.log('PROBE SEEN');
-          })();`, { timeout: /asan|tsan/.test(process.env.LD_PRELOAD || '') || process.platform === 'win32' ? 400000 : 120000 });
-        // Each start waits for its session to be ready: a session whose
-        // watch was removed under it never was, and the child timed out.
-        assert.equal(r.status, 0, r.stderr.slice(-2000) + r.stdout.slice(-2000));
-        assert.match(r.stdout, /PROBE SEEN/);
-        const growth = Number(/^GROWTH MB (-?\d+)$/m.exec(r.stdout)[1]);
-        if (!/asan/.test(process.env.LD_PRELOAD || '')) assert.ok(growth < 30, `grew ${growth} MB`);
-      } finally {
-        fs.rmSync(root, { recursive: true, force: true });
-      }
+      st.after(() => fs.rmSync(root, { recursive: true, force: true }));
+      const r = runChild(`const o = require(${index});
+        const fs = require('fs');
+        const start = () => new Promise((res) => { const c = o.StartFileWatch(${JSON.stringify(root)}, () => {}, () => res(c), {}); });
+        (async () => {
+          for (let i = 0; i < 100; i++) (await start())();
+          global.gc && global.gc();
+          const rss = process.memoryUsage().rss;
+          for (let i = 100; i < 1000; i++) {
+            const close = await start();
+            for (let k = 0; ${burst} && i % 100 === 0 && k < 300; k++) fs.writeFileSync(${JSON.stringify(root)} + '/b' + k, 'x');
+            close();
+          }
+          await new Promise((r) => setTimeout(r, 200));
+          global.gc && global.gc();
+          console.log('GROWTH MB ' + Math.round((process.memoryUsage().rss - rss) / 1048576));
+          // A session started while the last one is still closing keeps a
+          // live watch on the folder they share.
+          (await start())();
+          const seen = new Promise((res) => { const c = o.StartFileWatch(${JSON.stringify(root)}, (evs) => {
+            if (evs.some((e) => String(e.fileName).endsWith('probe.txt'))) { c(); res(); } }, () => {
+            fs.writeFileSync(require('path').join(${JSON.stringify(root)}, 'probe.txt'), 'x'); }, {}); });
+          await seen;
+          console.log('PROBE SEEN');
+        })();`, { timeout: /asan|tsan/.test(process.env.LD_PRELOAD || '') || process.platform === 'win32' ? 400000 : 120000 });
+      // Each start waits for its session to be ready: a session whose
+      // watch was removed under it never was, and the child timed out.
+      assert.equal(r.status, 0, r.stderr.slice(-2000) + r.stdout.slice(-2000));
+      assert.match(r.stdout, /PROBE SEEN/);
+      const growth = Number(/^GROWTH MB (-?\d+)$/m.exec(r.stdout)[1]);
+      if (!/asan/.test(process.env.LD_PRELOAD || '')) assert.ok(growth < 30, `grew ${growth} MB`);
     });
   }
 });

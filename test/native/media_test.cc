@@ -160,17 +160,13 @@ TEST(MediaMailbox, PrepareOutcomes) {
   EXPECT_EQ(m.wait_prepare(second, 1s), prepare_outcome::prepared);
 }
 
-TEST(MediaMailbox, ReleaseWakesAWaitAtOnceAndStopsQueueing) {
+// A wait woken by the release from another thread: media-lifecycle.test.js
+// (prepare then dispose on a source the SDK never finishes).
+TEST(MediaMailbox, ReleaseAnswersEveryWaitAndStopsQueueing) {
   player_mailbox m(true);
   auto id = m.begin_prepare();
-  std::thread releaser([&] {
-    std::this_thread::sleep_for(20ms);
-    m.release();
-  });
-  auto start = std::chrono::steady_clock::now();
+  m.release();
   EXPECT_EQ(m.wait_prepare(id, 30s), prepare_outcome::released);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
-  releaser.join();
   notify(m, 6);
   EXPECT_TRUE(m.take_all().empty());
   m.release();  // twice is harmless
