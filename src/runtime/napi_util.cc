@@ -252,24 +252,11 @@ void on_main_guarded(napi_env env, Fn&& deliver) {
   }
 }
 
-task<void> deliver_error_on(std::shared_ptr<scheduler> s, std::shared_ptr<function_ref> callback, std::string message) {
-  co_await s->schedule();
-  napi_env env = s->env();
-  on_main_guarded(env, [&] {
-    Napi::Env e(env);
-    callback->value().Call({Napi::Error::New(e, message).Value()});
-  });
-}
-
 task<void> reject_on_main_on(std::shared_ptr<scheduler> s, std::shared_ptr<promise> p, std::string message) {
   co_await s->schedule();
   on_main_guarded(s->env(), [&] { p->reject(message); });
 }
 }  // namespace
-
-task<void> deliver_error(std::shared_ptr<function_ref> callback, std::string message) {
-  return deliver_error_on(current_scheduler(), std::move(callback), std::move(message));
-}
 
 task<void> reject_on_main(std::shared_ptr<promise> p, std::string message) {
   return reject_on_main_on(current_scheduler(), std::move(p), std::move(message));

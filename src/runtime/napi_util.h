@@ -154,20 +154,6 @@ class script_ref {
   std::shared_ptr<scheduler> sched_;
 };
 
-// A script function kept alive across threads (see script_ref).
-class function_ref {
- public:
-  explicit function_ref(Napi::Function fn) : ref_(fn.Env(), fn) {}
-  Napi::Function value() const { return Napi::Function(ref_.env(), ref_.value()); }
-
- private:
-  script_ref ref_;
-};
-
-// A task that hops to the main thread and passes an Error with `message`
-// to `callback`, logging a failure to do so as the module's error lines say.
-// Create it on the main thread of the environment it delivers to.
-task<void> deliver_error(std::shared_ptr<function_ref> callback, std::string message);
 // A task that hops to the main thread and rejects `p` with `message`.
 // Create it on the main thread of the environment it delivers to.
 task<void> reject_on_main(std::shared_ptr<promise> p, std::string message);

@@ -64,19 +64,10 @@ Napi::Value reject_with(const Napi::CallbackInfo& info) {
   return result;
 }
 
-Napi::Value callback_error(const Napi::CallbackInfo& info) {
-  check_arg_count(info, 2);
-  check_arg_types(info, {napi_function, napi_string});
-  auto fn = std::make_shared<function_ref>(info[0].As<Napi::Function>());
-  start_async(deliver_error(fn, info[1].As<Napi::String>()));
-  return info.Env().Undefined();
-}
-
 void register_task_probes(Napi::Env env, Napi::Object exports) {
   exports.Set("spawnFailure", Napi::Function::New(env, spawn_failure));
   exports.Set("throwOnDispatch", Napi::Function::New(env, throw_on_dispatch));
   exports.Set("rejectWith", Napi::Function::New(env, reject_with));
-  exports.Set("callbackError", Napi::Function::New(env, callback_error));
 }
 
 probe_part part(register_task_probes);

@@ -58,12 +58,12 @@ const tempDir = (prefix) => require('fs').mkdtempSync(path.join(require('os').tm
 // 1,000 empty files in each of `folders` folders (200,000 by default), made
 // once per build folder (test.sh makes them before the Wine run, where
 // node.exe would take minutes).
-function bigTree(folders = 200) {
+function bigTree() {
   const fs = require('fs');
-  const dir = (folders === 200 && process.env.OSTREL_BIG_TREE) || path.join(root, 'build', 'test-fixtures', `big-${folders}k`);
+  const dir = process.env.OSTREL_BIG_TREE || path.join(root, 'build', 'test-fixtures', 'big-200k');
   if (fs.existsSync(path.join(dir, '.complete'))) return dir;
   fs.rmSync(dir, { recursive: true, force: true });
-  for (let d = 0; d < folders; d++) {
+  for (let d = 0; d < 200; d++) {
     const sub = path.join(dir, `d${d}`);
     fs.mkdirSync(sub, { recursive: true });
     for (let f = 0; f < 1000; f++) fs.writeFileSync(path.join(sub, `f${f}.txt`), '');

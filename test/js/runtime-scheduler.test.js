@@ -84,11 +84,9 @@ test('wake-ups racing the last release never touch a freed handle', () => {
   assert.match(r.stdout, /^SCHEDULES [1-9]\d*$/m);
 });
 
-test('a rejection is an Error with the failure text and no code; so is a failure delivered to a callback', async () => {
+test('a rejection is an Error with the failure text and no code', async () => {
   const plain = (message) => (e) => e.constructor === Error && e.message === message && !('code' in e);
   await assert.rejects(probe.rejectWith('disk on fire'), plain('disk on fire'));
-  const error = await new Promise((resolve) => probe.callbackError(resolve, 'no such folder'));
-  assert.ok(plain('no such folder')(error), String(error));
 });
 
 // [kind, on the main thread, the lines it writes to stdout]; only a script

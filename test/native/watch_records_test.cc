@@ -77,7 +77,7 @@ std::vector<std::pair<std::uint32_t, native_string>> walk(const bytes& b, std::s
 // within the bytes; with one record's header broken, the records before it
 // and, where the record itself is readable, that one.
 TEST(WatchRecords, NotifyChainsGiveBackTheirRecordsAndNothingPastTheBytes) {
-  testing::internal::CaptureStderr();  // what is dropped is logged
+  ::testing::internal::CaptureStderr();  // what is dropped is logged
   std::mt19937 rng(1);
   for (int round = 0; round < 200; ++round) {
     const std::vector<notify> model = random_notify(rng);
@@ -111,13 +111,13 @@ TEST(WatchRecords, NotifyChainsGiveBackTheirRecordsAndNothingPastTheBytes) {
           << "round " << round << ", field " << c.field << " = " << c.value;
     }
   }
-  testing::internal::GetCapturedStderr();
+  ::testing::internal::GetCapturedStderr();
 }
 
 // inotify records with names NUL-padded to 16 bytes (or none), read whole and
 // cut at every length: exactly the records lying wholly within the bytes.
 TEST(WatchRecords, InotifyRunsGiveBackTheirRecordsAndNothingPastTheBytes) {
-  testing::internal::CaptureStderr();
+  ::testing::internal::CaptureStderr();
   std::mt19937 rng(2);
   for (int round = 0; round < 200; ++round) {
     std::vector<inotify_record> model(1 + rng() % 6);
@@ -150,7 +150,7 @@ TEST(WatchRecords, InotifyRunsGiveBackTheirRecordsAndNothingPastTheBytes) {
       }
     }
   }
-  testing::internal::GetCapturedStderr();
+  ::testing::internal::GetCapturedStderr();
 }
 TEST(WatchRecords, LoneRenameRecordsBecomeAddsAndRemovals) {
   // Each row: the actions of one buffer, and what they must become.
