@@ -15,7 +15,13 @@ const facts = [];
 m.RegisterTvkReporter({ report: (r) => records.push(r) });
 m.RegisterFact({ corvex: (name, attrs) => facts.push([name, attrs]) });
 m.InitCorvexSync({ corvexDir: simDir('full') });
-test.after(() => m.UnRegisterTvkReporters());
+// A player left undisposed keeps the process alive: a failing case would
+// leave its player behind and hang the file instead of failing it.
+const players = [];
+test.after(() => {
+  for (const p of players) p.dispose();
+  m.UnRegisterTvkReporters();
+});
 
 const { sleep, waitFor } = require('./helpers');
 const stats = (name) => records.filter((r) => r.category === statCategory && r.msg === name);
@@ -24,6 +30,7 @@ const stats = (name) => records.filter((r) => r.category === statCategory && r.m
 // listener per code, the last added).
 async function recordedPlayer() {
   const p = await m.CreateMediaPlayer();
+  players.push(p);
   const events = [];
   for (const name of ['prepared', 'playback_complete', 'buffering_update', 'seek_complete', 'started', 'paused', 'stopped', 'error', 'info']) {
     p.addEventListener(name, () => events.push(['replaced', name]));
