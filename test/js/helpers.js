@@ -17,13 +17,14 @@ function loadProbe() {
   return require(path.join(buildDir(), 'test', 'runtime_probe.node'));
 }
 
-// Runs `source` in a child node (the same executable as this one) and
-// returns { status, stdout, stderr }. Lifecycle cases (clean-up, exit with
-// work in flight) run this way so that a crash fails one test, not the run.
+// Runs `source` in a child node (the same executable as this one), in the
+// repository's folder unless `cwd` says otherwise, and returns { status,
+// stdout, stderr }. Lifecycle cases (clean-up, exit with work in flight) run
+// this way so that a crash fails one test, not the run.
 function runChild(source, { timeout = 60000, env = {}, maxBuffer = 1024 * 1024, ...spawnOptions } = {}) {
   const r = spawnSync(process.execPath, ['-e', source], {
-    ...spawnOptions,
     cwd: root,
+    ...spawnOptions,
     encoding: 'utf8',
     timeout,
     maxBuffer,

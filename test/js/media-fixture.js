@@ -71,7 +71,7 @@ function prelude(module = modulePath) {
 function runMedia(body, { module, env, timeout = 60000, expectStatus = 0, cwd } = {}) {
   const source = `${prelude(module)}
     (async () => { ${body} })().then(finish, (e) => { console.error('FAILED', e && e.stack || e); process.exit(2); });`;
-  const r = cwd ? runIn(source, cwd, env, timeout) : runChild(source, { env, timeout });
+  const r = runChild(source, { env, timeout, ...(cwd && { cwd }) });
   if (expectStatus !== null) assert.equal(r.status, expectStatus, `status ${r.status}\n${r.stdout}\n${r.stderr}`);
   const outs = {};
   let records = [];
@@ -84,12 +84,6 @@ function runMedia(body, { module, env, timeout = 60000, expectStatus = 0, cwd } 
     }
   }
   return { ...r, outs, records, stats: (name) => records.filter((x) => x.category === statCategory && x.msg === name) };
-}
-
-function runIn(source, cwd, env = {}, timeout = 60000) {
-  const { spawnSync } = require('child_process');
-  const r = spawnSync(process.execPath, ['-e', source], { cwd, encoding: 'utf8', timeout, env: { ...process.env, ...env } });
-  return { status: r.status, signal: r.signal, stdout: r.stdout || '', stderr: r.stderr || '' };
 }
 
 module.exports = { modulePath, simDir, libNames, writeWav, tempDir, copySim, runMedia, statCategory, isWindows };
