@@ -13,6 +13,8 @@ namespace ostrel::mtp {
 
 namespace {
 
+constexpr const char* copy_cancelled = "The copy was cancelled";
+
 std::string system_text(DWORD code) {
   return system_error_text(static_cast<int>(code));
 }
@@ -116,15 +118,11 @@ std::wstring checked_destination(const copy_request& request) {
   return long_path_form(full);
 }
 
-void check_copy_cancelled(const operation_control& control) {
-  if (control.cancel.load(std::memory_order_relaxed)) throw mtp_failure("The copy was cancelled");
-}
-
 }  // namespace
 
 std::uint64_t copy_object(const copy_request& request, operation_control& control) {
   com_apartment com;
-  check_copy_cancelled(control);
+  control.throw_if_cancelled(copy_cancelled);
   const std::wstring destination = checked_destination(request);
   if (!request.overwrite && exists(destination)) {
     throw mtp_failure("The destination already exists: " + request.destination_utf8);
@@ -185,7 +183,7 @@ std::uint64_t copy_object(const copy_request& request, operation_control& contro
   std::vector<BYTE> buffer(chunk);
   std::uint64_t copied = 0;
   for (;;) {
-    check_copy_cancelled(control);
+    control.throw_if_cancelled(copy_cancelled);
     ULONG read = 0;
     hr = stream->Read(buffer.data(), chunk, &read);
     if (FAILED(hr)) {
@@ -203,7 +201,7 @@ std::uint64_t copy_object(const copy_request& request, operation_control& contro
     copied += read;
     control.done = copied;
   }
-  check_copy_cancelled(control);
+  control.throw_if_cancelled(copy_cancelled);
   if (expected && copied != *expected) {
     throw mtp_failure("The device ended the copy of " + object_utf8 + " after " + std::to_string(copied) + " of " +
                       std::to_string(*expected) + " bytes");

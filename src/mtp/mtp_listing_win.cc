@@ -20,6 +20,8 @@ namespace ostrel::mtp {
 
 namespace {
 
+constexpr const char* listing_cancelled = "GetMtpFilesById was cancelled";
+
 constexpr ULONG batch_size = 512;
 // How long a cancelled bulk request may take to end before the listing
 // stops waiting for it.
@@ -35,10 +37,6 @@ constexpr auto bulk_stall_limit = std::chrono::seconds(10);
         "The device was disconnected during the listing (hr = " + hresult_text(static_cast<std::uint32_t>(hr)) + ")");
   }
   throw mtp_failure("Failed to list " + narrow(folder) + ", hr = " + hresult_text(static_cast<std::uint32_t>(hr)));
-}
-
-void check_listing_cancelled(const operation_control& control) {
-  if (control.cancel.load(std::memory_order_relaxed)) throw mtp_failure("GetMtpFilesById was cancelled");
 }
 
 // The listing's record of one object from its property values.
@@ -181,7 +179,7 @@ class lister {
     hooks.children = [this](const std::wstring& parent, const std::wstring& storage) {
       return read_children(parent, storage);
     };
-    hooks.check_cancel = [this] { check_listing_cancelled(control_); };
+    hooks.check_cancel = [this] { control_.throw_if_cancelled(listing_cancelled); };
     hooks.log = [](const std::wstring& line) { log::err(narrow(line)); };
     objects_ = walk_objects(root, root_storage, recursive_, hooks);
   }
@@ -201,7 +199,7 @@ class lister {
       records.clear();
       records.reserve(ids.size());
       for (const std::wstring& id : ids) {
-        check_listing_cancelled(control_);
+        control_.throw_if_cancelled(listing_cancelled);
         records.push_back(read_object(id));
         control_.done.fetch_add(1, std::memory_order_relaxed);
       }
@@ -225,7 +223,7 @@ class lister {
     std::vector<std::wstring> ids;
     LPWSTR batch[batch_size];
     for (;;) {
-      check_listing_cancelled(control_);
+      control_.throw_if_cancelled(listing_cancelled);
       ULONG fetched = 0;
       hr = objects->Next(batch_size, batch, &fetched);
       if (FAILED(hr)) {
@@ -307,7 +305,7 @@ class lister {
       }
       if (cancel_sent && std::chrono::steady_clock::now() > cancel_deadline) break;
     }
-    check_listing_cancelled(control_);
+    control_.throw_if_cancelled(listing_cancelled);
     hr = receiver->status();
     if (FAILED(hr)) fail_listing(hr, ids.front());
     std::unordered_map<std::wstring, object_record> found = receiver->take();
@@ -365,7 +363,7 @@ class lister {
 
 std::vector<object_record> list_objects(const listing_request& request, operation_control& control) {
   com_apartment com;
-  check_listing_cancelled(control);
+  control.throw_if_cancelled(listing_cancelled);
   open_device device = open_for_reading(request.device_id);
   lister l(device, control, request.recursive);
   if (request.folder && *request.folder != wpd::device_object_id) {

@@ -33,6 +33,11 @@ struct operation_control {
   std::atomic<bool> cancel{false};
   std::atomic<std::uint64_t> done{0};   // objects listed, or bytes copied
   std::atomic<std::uint64_t> total{0};  // bytes to copy, 0 when unknown
+
+  // Ends the operation with `message` once script has cancelled it.
+  void throw_if_cancelled(const char* message) const {
+    if (cancel.load(std::memory_order_relaxed)) throw mtp_failure(message);
+  }
 };
 
 struct listing_request {

@@ -8,9 +8,9 @@
 
 namespace ostrel {
 
-void spawn(task<void> t, std::shared_ptr<alive_token>) {
+// The task is destroyed unstarted.
+void spawn(task<void>, std::shared_ptr<alive_token>) {
   ADD_FAILURE() << "spawn() has no script environment in the unit tests";
-  task<void> unstarted = std::move(t);
 }
 
 }  // namespace ostrel
