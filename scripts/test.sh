@@ -74,11 +74,16 @@ fi
 
 # Counts a runner printed: the last number matched by each of two patterns,
 # written to <log>.counts as "passed failed". A failing exit with no failure
-# counted (a crash before the runner could report) counts as one failure.
+# counted (a crash before the runner could report), or a runner that ended
+# without its report, counts as one failure.
 count() {
   local file=$1 rc=$2 pass_re=$3 fail_re=$4 p f
   p=$(grep -oE "$pass_re" "$file" | grep -oE '[0-9]+' | tail -1)
   f=$(grep -oE "$fail_re" "$file" | grep -oE '[0-9]+' | tail -1)
+  if [ -z "$p" ] && [ -z "$f" ]; then
+    echo "  no report from the runner"
+    rc=1
+  fi
   p=${p:-0}
   f=${f:-0}
   if [ "$rc" -ne 0 ] && [ "$f" -eq 0 ]; then f=1; fi
