@@ -1,48 +1,35 @@
 'use strict';
-// Shared pieces of the watch suites: a session that records everything it
-// is given, and waiting for events by predicate.
+// A watch session that records everything it is given.
 const fs = require('fs');
 const path = require('path');
 const ostrel = require('../..');
 const helpers = require('./helpers');
 
-// Starts a watch on `root`; resolves once it is ready with
-// { events, errors, calls, close, waitFor(predicate, ms) }.
+// Resolves once ready with { events, errors, calls, close, waitFor(predicate, ms) }.
 function watch(root, options = {}) {
-  return new Promise((resolve, reject) => {
-    let close;
-    const session = {
-      events: [],
-      errors: [],
-      calls: 0,
-      close: () => close(),
-      // Resolves when `test()` holds, rejects after `ms` with what was seen.
-      waitFor: (test, ms = 10000) => helpers.waitFor(test, 'events', ms).catch((e) => {
-        const seen = session.events.map((ev) => [ev.watchEvent, ev.fileName]);
-        throw new Error(`${e.message}; events: ${JSON.stringify(seen)} errors: ${JSON.stringify(session.errors)}`);
-      }),
-    };
-    try {
-      close = ostrel.StartFileWatch(
-        root,
-        (arg) => {
-          session.calls++;
-          if (Array.isArray(arg)) session.events.push(...arg);
-          else session.errors.push(arg);
-        },
-        () => resolve(session),
-        options,
-      );
-    } catch (e) {
-      reject(e);
-    }
+  const session = {
+    events: [],
+    errors: [],
+    calls: 0,
+    waitFor: (test, ms = 10000) => helpers.waitFor(test, 'events', ms).catch((e) => {
+      const seen = session.events.map((ev) => [ev.watchEvent, ev.fileName]);
+      throw new Error(`${e.message}; events: ${JSON.stringify(seen)} errors: ${JSON.stringify(session.errors)}`);
+    }),
+  };
+  const record = (arg) => {
+    session.calls++;
+    if (Array.isArray(arg)) session.events.push(...arg);
+    else session.errors.push(arg);
+  };
+  // A refusal thrown here rejects the promise.
+  return new Promise((resolve) => {
+    session.close = ostrel.StartFileWatch(root, record, () => resolve(session), options);
   });
 }
 
 const tempDir = (prefix = 'ostrel-watch-') => fs.realpathSync(helpers.tempDir(prefix));
 
-// A session on `root` that test `t` closes when it ends, removing `remove`
-// then (Wine may still hold a folder for a moment after the watch closed).
+// Closed when test `t` ends; `remove` then removed (with retries: Wine holds it a moment).
 async function watched(t, root = tempDir(), options = {}, remove = root) {
   const w = await watch(root, options);
   t.after(() => {
@@ -52,7 +39,10 @@ async function watched(t, root = tempDir(), options = {}, remove = root) {
   return w;
 }
 
-// [event, relative path with "/"] pairs, in delivery order.
 const pairs = (events) => events.map((e) => [e.watchEvent, e.fileName.split(path.sep).join('/')]);
 
-module.exports = { ostrel, watch, watched, tempDir, pairs };
+const wine = process.platform === 'win32' && (!!process.env.WINEPREFIX || fs.existsSync('Z:\\etc\\passwd'));
+const isRoot = process.platform === 'linux' && process.getuid() === 0;
+const index = JSON.stringify(path.join(helpers.root, 'index.js'));
+
+module.exports = { ostrel, watch, watched, tempDir, pairs, wine, isRoot, index };

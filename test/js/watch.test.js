@@ -1,30 +1,20 @@
 'use strict';
-// StartFileWatch: the arguments it accepts, the returned function, the open
-// statistic, the order of one path's events under a busy main thread, the
-// root going away and coming back, an unopenable root, and many sessions
-// started and closed (the events of each kind of change, rules and limits:
-// watch-events.test.js).
+// StartFileWatch: what it accepts and returns, the order of one path's
+// events under a busy main thread, the root's loss, many sessions.
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const fs = require('fs');
 const path = require('path');
-const { root: repoRoot, runChild } = require('./helpers');
-const { ostrel, watched, tempDir, pairs } = require('./watch-fixture');
-
-const index = JSON.stringify(path.join(repoRoot, 'index.js'));
+const { runChild } = require('./helpers');
+const { ostrel, watched, tempDir, pairs, wine, isRoot, index } = require('./watch-fixture');
 
 test('the fourth argument, the returned function and the open statistic', async (t) => {
   const root = tempDir();
-  // Fourth arguments StartFileWatch accepts (the refused ones are in
-  // conventions.test.js): none, a number, a string, null, an array.
   for (const extra of [[], [5], ['x'], [null], [[]]]) {
-    let close;
-    await new Promise((resolve) => { close = ostrel.StartFileWatch(root, () => {}, resolve, ...extra); });
-    assert.equal(close.name, 'CloseFileWatch', JSON.stringify(extra));
-    assert.equal(close(), undefined);
-    assert.equal(close(), undefined);
+    const close = await new Promise((resolve) => { const c = ostrel.StartFileWatch(root, () => {}, () => resolve(c), ...extra); });
+    assert.deepEqual([close.name, close(), close()], ['CloseFileWatch', undefined, undefined], JSON.stringify(extra));
   }
-  // "CreateFileW(WatchLoop)" is recorded for each open, failures with their code.
+  // Each open is recorded, failures too.
   const spans = [];
   ostrel.RegisterTracer({ startSpan() { const a = {}; spans.push(a); return { setAttribute(k, v) { a[k] = v; }, end() {} }; } });
   t.after(() => ostrel.UnRegisterTracers());
@@ -39,7 +29,6 @@ test('the fourth argument, the returned function and the open statistic', async 
   assert.ok(count() >= 4, JSON.stringify(named()));
 });
 
-// Each kind of change on its own: the vocabulary table of watch-events.test.js.
 test('create, write, rename and delete of one path arrive in that order, in few calls', async (t) => {
   const root = tempDir();
   const w = await watched(t, root);
@@ -50,10 +39,8 @@ test('create, write, rename and delete of one path arrive in that order, in few 
     fs.renameSync(p(`seq${i}.txt`), p(`seq${i}.bak`));
     fs.unlinkSync(p(`seq${i}.bak`));
   }
-  // This thread stays busy while the changes are read and classified.
+  // Busy while the changes are classified (in parallel: paths in any order).
   for (const until = Date.now() + 1500; Date.now() < until;);
-  // Records of different names are classified in parallel: the last
-  // path's events may come before an earlier one's.
   await w.waitFor(() => {
     const unlinks = new Set(pairs(w.events).filter(([n]) => n === 'unlink').map(([, r]) => r));
     return Array.from({ length: 200 }, (_, i) => `seq${i}.bak`).every((r) => unlinks.has(r));
@@ -69,11 +56,7 @@ test('create, write, rename and delete of one path arrive in that order, in few 
   }
 });
 
-// Wine keeps a watched folder until the watch's handles close and never
-// reports it delete-pending (a probe showed DeletePending 0 and the folder
-// still there), so nothing can tell the watch; Windows fails the pending
-// read and marks the handle, and Linux sends IN_DELETE_SELF.
-const wine = process.platform === 'win32' && (!!process.env.WINEPREFIX || fs.existsSync('Z:\\etc\\passwd'));
+// Wine keeps a watched folder until the watch's handles close, never delete-pending.
 test('the root deleted and created again', { skip: wine && 'Wine never reports a watched root deleted' }, async (t) => {
   const parent = tempDir();
   const root = path.join(parent, 'watched');
@@ -81,18 +64,16 @@ test('the root deleted and created again', { skip: wine && 'Wine never reports a
   const w = await watched(t, root, {}, parent);
   fs.rmSync(root, { recursive: true });
   await w.waitFor(() => w.errors.some((e) => e.code === 'REMOVED'), 15000);
-  const removed = w.errors.find((e) => e.code === 'REMOVED');
-  assert.deepEqual(removed, { errorCode: 17, errorReason: 'Directory deleted', code: 'REMOVED' });
+  assert.deepEqual(w.errors.find((e) => e.code === 'REMOVED'), { errorCode: 17, errorReason: 'Directory deleted', code: 'REMOVED' });
   fs.mkdirSync(root);
-  // The root poll runs every 5007 ms; keep writing until events resume.
+  // The root is polled every 5 s.
   let i = 0;
   const writer = setInterval(() => fs.writeFileSync(path.join(root, `back${i++}.txt`), 'x'), 500);
   t.after(() => clearInterval(writer));
   await w.waitFor(() => w.events.some((e) => e.watchEvent === 'add' && e.fileName.startsWith('back')), 20000);
 });
 
-// The error events of a watch on an unopenable `target` during 2.6 s, each
-// with the time it arrived, from a child (run as `uid` when given).
+// A child's error events (with their time) during 2.6 s on `target`.
 function unopenable(target, uid) {
   const r = runChild(`const o = require(${index}); const out = [];
     const close = o.StartFileWatch(${JSON.stringify(target)}, (e) => { if (!Array.isArray(e)) out.push({ ...e, at: Date.now() }); }, () => {}, {});
@@ -101,11 +82,9 @@ function unopenable(target, uid) {
   return JSON.parse(r.stdout.split('\n').find((l) => l.startsWith('[')));
 }
 
-const isRoot = process.platform === 'linux' && process.getuid && process.getuid() === 0;
 test('a root that cannot be watched gives error events, three at once then one a second', async (t) => {
   const rows = [
     { name: 'a plain file', make: (dir) => { const f = path.join(dir, 'plain-file'); fs.writeFileSync(f, 'not a folder'); return f; } },
-    // Root reads everything: the watch runs in a child as nobody.
     { name: 'a folder this user may not read (EACCES as nobody)', skip: !isRoot && 'needs root on Linux to run a child as nobody',
       make: (dir) => { const f = path.join(dir, 'locked'); fs.mkdirSync(f, { mode: 0o700 }); fs.chmodSync(dir, 0o755); return f; },
       uid: 65534, errorCode: 13 },
@@ -117,22 +96,16 @@ test('a root that cannot be watched gives error events, three at once then one a
       const errors = unopenable(c.make(dir), c.uid);
       assert.ok(errors.length >= 4, JSON.stringify(errors));
       for (const { at, ...e } of errors) {
-        assert.deepEqual(Object.keys(e), ['errorCode', 'errorReason', 'code']);
-        assert.ok(e.errorCode > 0 && e.errorReason.length > 0 && e.code === '', JSON.stringify(e));
+        assert.deepEqual([Object.keys(e), e.errorCode > 0, e.errorReason.length > 0, e.code], [['errorCode', 'errorReason', 'code'], true, true, '']);
         if (c.errorCode) assert.equal(e.errorCode, c.errorCode, JSON.stringify(e));
       }
-      // Per loop: attempts 1-3 back to back, then at least a second apart.
       const gaps = errors.slice(1).map((e, i) => e.at - errors[i].at);
-      assert.ok(gaps.some((g) => g >= 900), `gaps ${gaps}`);
-      assert.ok(errors.length <= 12, `${errors.length} errors in 2.6 s`);
+      assert.ok(gaps.some((g) => g >= 900) && errors.length <= 12, `${errors.length} errors in 2.6 s, gaps ${gaps}`);
     });
   }
 });
 
-// Closing twice and from inside the callback, for every subsystem:
-// lifecycle.test.js ("closed twice inside its first callback").
-// A burst's 300 metadata queries once started all 64 blocking threads:
-// under Wine 40 to 62 MB over these nine bursts until they ended.
+// A burst's metadata queries once started all 64 blocking threads (Wine: +40-62 MB).
 test('1,000 start/close cycles: no crash, flat memory', async (t) => {
   for (const burst of [false, true]) {
     const name = burst ? 'every 100th closed amid a burst of 300 changes' : 'closed at once';
@@ -144,7 +117,6 @@ test('1,000 start/close cycles: no crash, flat memory', async (t) => {
         const start = () => new Promise((res) => { const c = o.StartFileWatch(${JSON.stringify(root)}, () => {}, () => res(c), {}); });
         (async () => {
           for (let i = 0; i < 100; i++) (await start())();
-          global.gc && global.gc();
           const rss = process.memoryUsage().rss;
           for (let i = 100; i < 1000; i++) {
             const close = await start();
@@ -152,10 +124,8 @@ test('1,000 start/close cycles: no crash, flat memory', async (t) => {
             close();
           }
           await new Promise((r) => setTimeout(r, 200));
-          global.gc && global.gc();
           console.log('GROWTH MB ' + Math.round((process.memoryUsage().rss - rss) / 1048576));
-          // A session started while the last one is still closing keeps a
-          // live watch on the folder they share.
+          // Started while the last one on the folder is still closing: it watches.
           (await start())();
           const seen = new Promise((res) => { const c = o.StartFileWatch(${JSON.stringify(root)}, (evs) => {
             if (evs.some((e) => String(e.fileName).endsWith('probe.txt'))) { c(); res(); } }, () => {
@@ -163,8 +133,6 @@ test('1,000 start/close cycles: no crash, flat memory', async (t) => {
           await seen;
           console.log('PROBE SEEN');
         })();`, { timeout: /asan|tsan/.test(process.env.LD_PRELOAD || '') || process.platform === 'win32' ? 400000 : 120000 });
-      // Each start waits for its session to be ready: a session whose
-      // watch was removed under it never was, and the child timed out.
       assert.equal(r.status, 0, r.stderr.slice(-2000) + r.stdout.slice(-2000));
       assert.match(r.stdout, /PROBE SEEN/);
       const growth = Number(/^GROWTH MB (-?\d+)$/m.exec(r.stdout)[1]);

@@ -1,9 +1,6 @@
-// The order of a session's events: records are classified in parallel and
-// finish in any order, yet a record's events never overtake an earlier
-// record that touches its item (the same name, a folder above or below it,
-// the old name of its rename), each loop on its own, while flushes run
-// concurrently (run it under ThreadSanitizer too). Unrelated records do not
-// wait for a slow one.
+// Records finish in any order, yet never overtake an earlier one touching
+// their item (the name, a folder above or below, a rename's old name), with
+// flushes meanwhile (run under ThreadSanitizer too); others do not wait.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -19,8 +16,7 @@
 namespace ostrel::watch {
 namespace {
 
-// The order's own notion of "touching", written independently of the
-// module's: names are '/'-joined here.
+// "Touching", written apart from the module's.
 bool touches(const std::string& a, const std::string& b) {
   const std::string& s = a.size() <= b.size() ? a : b;
   const std::string& l = a.size() <= b.size() ? b : a;
@@ -42,8 +38,7 @@ TEST(WatchOrder, RecordsOfOneItemKeepTheirOrderWhateverOrderTheyFinishIn) {
   constexpr int per_loop = 20000;
   constexpr int threads = 4;
   std::mt19937 rng(42);
-  // Per record (by loop and sequence): its name, and the old name for a
-  // rename's new half.
+  // By (loop, sequence): the name, and a rename's old name.
   struct rec {
     std::string name, pair;
   };
@@ -92,8 +87,6 @@ TEST(WatchOrder, RecordsOfOneItemKeepTheirOrderWhateverOrderTheyFinishIn) {
   for (auto& t : pool) t.join();
   for (auto& e : w.take_deliverable()) delivered.push_back(std::move(e));
 
-  // Every event once; for each loop, no event before an earlier record of
-  // a touching item.
   std::size_t expected = 0;
   for (const auto& [key, r] : recs) expected += key.second % 7 != 0;
   ASSERT_EQ(delivered.size(), expected);
@@ -103,8 +96,7 @@ TEST(WatchOrder, RecordsOfOneItemKeepTheirOrderWhateverOrderTheyFinishIn) {
     const rec& r = recs.at({dir, e.info.ino});
     for (const auto& [seq, other] : seen[dir]) {
       if (seq < e.info.ino) continue;
-      // An event delivered before this one from a later record: they must
-      // not touch.
+      // Delivered before this one from a later record: must not touch.
       ASSERT_FALSE(touches(other->name, r.name) || (!other->pair.empty() && touches(other->pair, r.name)) ||
                    (!r.pair.empty() && touches(r.pair, other->name)))
           << "'" << other->name << "' [" << other->pair << "] (record " << seq << ") overtook '" << r.name << "' ["
