@@ -1,7 +1,6 @@
 'use strict';
-// The Windows Portable Devices test double (test/fixtures/wpd_double.cc):
-// registers it in the test Wine prefix and describes the attached devices.
-// See docs/mtp.md, "The test double".
+// The WPD test double (test/fixtures/wpd_double.cc; docs/mtp.md): registered
+// in the test Wine prefix, given the attached devices.
 const fs = require('fs');
 const os = require('os');
 const path = require('path');
@@ -18,8 +17,7 @@ const CLASSES = [
 
 const dll = () => path.join(buildDir(), 'test', 'wpd_double.dll');
 
-// Registers the double under HKLM (Wine ignores HKCU\Software\Classes for
-// in-process servers), once per process.
+// Under HKLM (Wine ignores HKCU\Software\Classes for in-process servers).
 let registered = false;
 function registerDouble() {
   if (registered) return;
@@ -39,9 +37,7 @@ function registerDouble() {
 }
 
 let counter = 0;
-// Describes the attached devices for this process (and the children that
-// inherit its environment); returns the description's file and a reader of
-// the double's log.
+// The devices of this process and its children; the double's log.
 function useDevices(description) {
   registerDouble();
   const file = path.join(os.tmpdir(), `ostrel-wpd-${process.pid}-${counter++}.json`);
@@ -54,7 +50,7 @@ function useDevices(description) {
   };
 }
 
-// The bytes of a `dataSize` object of the double.
+// The bytes of the double's `dataSize` objects.
 function patternBytes(size) {
   const b = Buffer.alloc(size);
   for (let i = 0; i < size; i++) b[i] = (i * 31 + 7) & 0xff;
@@ -63,12 +59,7 @@ function patternBytes(size) {
 
 const phone = (over = {}) => ({
   id: '\\\\?\\usb#vid_0001&pid_0002#phone#{6ac27878-a6fa-4155-ba85-f98f491d4f33}',
-  protocol: 'MTP: 1.00',
-  name: 'Pixel',
-  model: 'P7',
-  manufacturer: 'Acme',
-  serial: 'SN-1',
-  ...over,
+  protocol: 'MTP: 1.00', name: 'Pixel', model: 'P7', manufacturer: 'Acme', serial: 'SN-1', ...over,
 });
 
 module.exports = { useDevices, patternBytes, phone };
