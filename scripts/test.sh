@@ -81,7 +81,8 @@ count() {
   p=$(grep -oE "$pass_re" "$file" | grep -oE '[0-9]+' | tail -1)
   f=$(grep -oE "$fail_re" "$file" | grep -oE '[0-9]+' | tail -1)
   if [ -z "$p" ] && [ -z "$f" ]; then
-    echo "  no report from the runner"
+    echo "  no report from the runner; the end of its output:"
+    tail -n 15 "$file" | sed 's/^/    | /'
     rc=1
   fi
   p=${p:-0}
