@@ -203,7 +203,7 @@ run_suite() {
           WINEPREFIX="$root/build/wine-prefix" wineserver -k 2>/dev/null || true
           export OSTREL_DENIED_FIXTURE="$denied"
         fi
-        "${restricted[@]}" scripts/wine-node --test --test-reporter=tap "${wine_js_concurrency[@]}" "${js_pattern[@]}" \
+        "${restricted[@]}" scripts/wine-node --require ./scripts/wine-runner-diag.js --test --test-reporter=tap "${wine_js_concurrency[@]}" "${js_pattern[@]}" \
           "${js_files[@]}" >"$log" 2>&1 &
         local runner=$! reported=""
         # node.exe's test runner under Wine has stayed alive after its last
