@@ -81,7 +81,8 @@ count() {
   p=$(grep -oE "$pass_re" "$file" | grep -oE '[0-9]+' | tail -1)
   f=$(grep -oE "$fail_re" "$file" | grep -oE '[0-9]+' | tail -1)
   if [ -z "$p" ] && [ -z "$f" ]; then
-    echo "  no report from the runner"
+    echo "  no report from the runner; the end of its output:"
+    grep -av '^wine: Read access denied' "$file" | tail -n 15 | sed 's/^/    | /'
     rc=1
   fi
   p=${p:-0}
@@ -202,8 +203,13 @@ run_suite() {
           WINEPREFIX="$root/build/wine-prefix" wineserver -k 2>/dev/null || true
           export OSTREL_DENIED_FIXTURE="$denied"
         fi
-        "${restricted[@]}" scripts/wine-node --test --test-reporter=tap "${wine_js_concurrency[@]}" "${js_pattern[@]}" \
-          "${js_files[@]}" >"$log" 2>&1 &
+        # Emptied here, not by the runner's own redirection, which the
+        # background job may make only after the watch below has read the
+        # last run's summary in it (and then stopped this run's Wine server
+        # 60 s on, ending the runner silently with status 0).
+        : >"$log"
+        "${restricted[@]}" scripts/wine-node --require ./scripts/wine-runner-diag.js --test --test-reporter=tap "${wine_js_concurrency[@]}" "${js_pattern[@]}" \
+          "${js_files[@]}" >>"$log" 2>&1 &
         local runner=$! reported=""
         # node.exe's test runner under Wine has stayed alive after its last
         # report (its main thread waiting on a pipe, no test process left),

@@ -15,18 +15,20 @@ namespace {
 
 // One WMI job at a time in the process, as far as that costs little. Wine's
 // WMI provider fills its tables unsafely when several threads query at once
-// (five concurrent disk lists crash node.exe under Wine); taking turns costs
-// little, since a list takes tens of milliseconds. But a query stuck on a
-// dead network drive must not hold every later call: a job waits for its
-// turn at most 30 s, or half of the time its caller allows, then queries
-// alongside (real WMI serves concurrent queries). A job whose limits stop
-// it while it waits makes no query.
-constexpr std::chrono::milliseconds longest_turn_wait{30000};
-
+// (concurrent disk lists crash node.exe under Wine, inside wbemprox.dll);
+// taking turns costs little, since a list takes tens of milliseconds. But a
+// query stuck on a dead network drive must not hold every later call: once
+// the query holding the turn has run 30 s, or once a job has waited half of
+// the time its caller allows, the job queries alongside (real WMI serves
+// concurrent queries). A long queue of queries that each end is no reason to
+// query alongside: the 30 s count from when the current holder took its
+// turn, not from when the waiter came. A job whose limits stop it while it
+// waits makes no query.
 struct turn_state {
   std::mutex mutex;
   std::condition_variable released;
   bool busy = false;
+  std::chrono::steady_clock::time_point held_since;  // when the current holder took the turn
 };
 
 turn_state& wmi_turn() {
@@ -52,15 +54,13 @@ class turn {
   bool go = true;  // false: stopped while waiting, make no query
 
  private:
-  friend void wait_for_turn(turn& mine, const query_limits& limits);
+  friend void wait_for_turn(turn& mine, const query_limits& limits, std::chrono::milliseconds stuck_after);
   bool held_ = false;
 };
 
-void wait_for_turn(turn& mine, const query_limits& limits) {
+void wait_for_turn(turn& mine, const query_limits& limits, std::chrono::milliseconds stuck_after) {
   turn_state& t = wmi_turn();
   auto start = std::chrono::steady_clock::now();
-  auto longest = std::chrono::duration_cast<std::chrono::steady_clock::duration>(longest_turn_wait);
-  if (limits.deadline) longest = std::min(longest, (*limits.deadline - start) / 2);
   std::unique_lock lock(t.mutex);
   while (t.busy) {
     t.released.wait_for(lock, std::chrono::milliseconds(20));
@@ -71,39 +71,45 @@ void wait_for_turn(turn& mine, const query_limits& limits) {
       mine.go = false;
       return;
     }
-    if (std::chrono::steady_clock::now() - start >= longest) {
+    auto now = std::chrono::steady_clock::now();
+    bool holder_stuck = now - t.held_since >= stuck_after;
+    bool half_my_time = limits.deadline && now - start >= (*limits.deadline - start) / 2;
+    if (holder_stuck || half_my_time) {
       lock.unlock();
       log::err("WMI query made alongside another one that has not ended");
       return;
     }
   }
   t.busy = true;
+  t.held_since = std::chrono::steady_clock::now();
   mine.held_ = true;
 }
 
 class wmi_source : public storage_source {
  public:
-  wmi_source(std::shared_ptr<com_api> com, std::shared_ptr<volume_api> volumes)
-      : com_(std::move(com)), volumes_(std::move(volumes)) {}
+  wmi_source(std::shared_ptr<com_api> com, std::shared_ptr<volume_api> volumes, std::chrono::milliseconds stuck_after)
+      : com_(std::move(com)), volumes_(std::move(volumes)), stuck_after_(stuck_after) {}
   void drives(const query_limits& limits, collector<drive_record>& out) override {
     turn t;
-    wait_for_turn(t, limits);
+    wait_for_turn(t, limits, stuck_after_);
     if (t.go) query_drive_list(*com_, limits, out);
   }
   void disks(const query_limits& limits, collector<disk_record>& out) override {
     turn t;
-    wait_for_turn(t, limits);
+    wait_for_turn(t, limits, stuck_after_);
     if (t.go) query_hardware_disks(*com_, *volumes_, limits, out);
   }
 
  private:
   std::shared_ptr<com_api> com_;
   std::shared_ptr<volume_api> volumes_;
+  std::chrono::milliseconds stuck_after_;
 };
 }  // namespace
 
-std::shared_ptr<storage_source> make_wmi_source(std::shared_ptr<com_api> com, std::shared_ptr<volume_api> volumes) {
-  return std::make_shared<wmi_source>(std::move(com), std::move(volumes));
+std::shared_ptr<storage_source> make_wmi_source(std::shared_ptr<com_api> com, std::shared_ptr<volume_api> volumes,
+                                                std::chrono::milliseconds stuck_after) {
+  return std::make_shared<wmi_source>(std::move(com), std::move(volumes), stuck_after);
 }
 
 }  // namespace ostrel::storage

@@ -3,6 +3,7 @@
 // described by the test. A source's calls block and run on a job thread.
 #pragma once
 
+#include <chrono>
 #include <memory>
 
 #include "storage_records.h"
@@ -20,8 +21,11 @@ class storage_source {
   virtual void disks(const query_limits& limits, collector<disk_record>& out) = 0;
 };
 
-// The WMI logic over the given COM and volume calls.
-std::shared_ptr<storage_source> make_wmi_source(std::shared_ptr<com_api> com, std::shared_ptr<volume_api> volumes);
+// The WMI logic over the given COM and volume calls. Jobs take turns; a job
+// queries alongside once the query holding the turn has run `stuck_after`
+// (or it has waited half of its own time limit).
+std::shared_ptr<storage_source> make_wmi_source(std::shared_ptr<com_api> com, std::shared_ptr<volume_api> volumes,
+                                                std::chrono::milliseconds stuck_after = std::chrono::seconds(30));
 
 // This machine's source (storage_source_win.cc, storage_source_linux.cc).
 std::shared_ptr<storage_source> system_storage_source();

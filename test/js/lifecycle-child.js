@@ -40,7 +40,7 @@ const rows = {
   },
   storage: {
     start: (o, d, inside) => {
-      for (let i = 0; i < 10; ++i) o.GetHardwareDisk({ timeoutMs: 5000 });
+      for (let i = 0; i < 10; ++i) o.GetHardwareDisk({ timeoutMs: 600000 });
       o.GetDriveList().then(inside);
     },
     again: (o) => o.GetDriveList().then((l) => l.length > 0),

@@ -80,8 +80,7 @@ const table = {
   // output, which then counts as a crash of the runner: left out there.
   storage: {
     again: true,
-    leave: [alone, closed, ...(isWindows ? [random] : [])],
-    todo: isWindows && 'open: an access violation under Wine with WMI queries in flight',
+    leave: [alone, closed],
   },
   'storage over slow WMI': { leave: [...inWorkers, closed] },
   // A copy ended with its process leaves no partial file.

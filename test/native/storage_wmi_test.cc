@@ -5,6 +5,7 @@
 // turns.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <map>
 #include <optional>
 #include <random>
@@ -13,6 +14,7 @@
 #include <thread>
 #include <tuple>
 #include <type_traits>
+#include <vector>
 
 #include "main/version.h"
 #include "storage/com_guard.h"
@@ -337,6 +339,31 @@ TEST(StorageTurns, ALaterJobDoesNotWaitOutAStuckOne) {
       << err;
   first.join();
   EXPECT_EQ(stuck.take().size(), 3u);
+}
+
+// A queue of queries that each end holds no stuck query: the last of ten
+// jobs waits far longer than `stuck_after`, yet none queries alongside
+// (Wine's WMI crashes on concurrent queries).
+TEST(StorageTurns, AQueueOfQueriesThatEndTakesTurns) {
+  auto m = std::make_shared<fake::machine>();
+  m->next_delay_ms = 60;
+  m->logical_disks = {logical("C:", v::string("1"), v::string("1"))};
+  auto source = make_wmi_source(std::make_shared<fake::com>(m), std::make_shared<fake::volumes>(m),
+                                std::chrono::milliseconds(500));
+  ::testing::internal::CaptureStderr();
+  std::atomic<std::size_t> listed{0};
+  std::vector<std::thread> jobs;
+  for (int i = 0; i < 10; ++i) {
+    jobs.emplace_back([&] {
+      collector<drive_record> out;
+      source->drives({}, out);
+      listed += out.take().size();
+    });
+  }
+  for (auto& j : jobs) j.join();
+  std::string err = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(listed.load(), 10u);
+  EXPECT_EQ(err.find("alongside"), std::string::npos) << err;
 }
 
 }  // namespace
