@@ -124,9 +124,10 @@ test('a slow creation runs off the event loop; a refused one resolves with a pla
       await q.prepare('sim://media').catch((e) => e.message), p.pause(), p.seekTo(0), p.dispose()];
     out('result', { took, ticks, worst, got });
   `, { init: true, env: { CORVEXSIM_CREATE_MS: '2000', CORVEXSIM_CREATE: 'fail' }, timeout: 30000 });
-  // It ended by itself: no player holds the loop; a blocked loop shows one 2 s gap.
+  // It ended by itself: no player holds the loop; a blocked loop shows one 2 s gap
+  // (the count of 10 ms ticks is loose: 32 under Wine on a machine loaded 10-fold).
   const res = r.outs.result;
-  assert.ok(res.took >= 1900 && res.worst < 1000 && res.ticks >= 40, JSON.stringify(res));
+  assert.ok(res.took >= 1900 && res.worst < 1000 && res.ticks >= 10, JSON.stringify(res));
   assert.deepEqual(res.got, [true, 'not init', 'not init', false, false, true]);
   assert.equal(r.stderr.match(/^CreateUniqueMediaPlayer failed$/gm).length, 2, r.stderr);
 });
