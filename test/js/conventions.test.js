@@ -1,8 +1,7 @@
 'use strict';
-// The argument conventions of every export in one table: wrong counts and
-// types, NUL characters in paths, option getters and Proxies that throw.
-// Each refused call throws synchronously with its exact class and message,
-// returns nothing, and starts nothing: no callback runs, no promise is left.
+// The argument conventions of every export in one table, one row per check:
+// a refused call throws at once with its exact class and message, returns
+// nothing and starts nothing.
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const { inspect } = require('util');
@@ -17,16 +16,13 @@ const STR = [Error, 'A string was expected'];
 const nul = (name) => [Error, `${name}: the path must not contain a NUL character`];
 const MTP_COPIES = ['GetMtpFileById', 'GetMtpThumbnailById'];
 
-// Option objects that fail when read: a getter, and a Proxy whose every
-// trap throws. The export must pass the error on unchanged.
+// Option objects that fail when read, whose error must pass on unchanged.
 const getterThrows = (key) => ({ get [key]() { throw new Error('hostile getter'); } });
 const proxyThrows = () => new Proxy({}, new Proxy({}, { get: () => () => { throw new Error('hostile getter'); } }));
 const HOSTILE = [Error, /hostile getter/];
 
-// [export, arguments, [class, message or pattern]]; callbacks are replaced
-// by spies at run time.
+// [export, arguments, [class, message or pattern]]; f becomes a spy.
 const rows = [
-  ['StartFileWatch', [], WN],
   ['StartFileWatch', ['/tmp', f], WN],
   ['StartFileWatch', ['/tmp', f, f, {}, 5], WN],
   ['StartFileWatch', [1, f, f], WA],
@@ -35,7 +31,6 @@ const rows = [
   ['StartFileWatch', ['/tmp\0x', f, f], nul('StartFileWatch')],
   ['StartFileWatch', ['/tmp', f, f, { ignoreDirRegs: ['('] }], [Error, /^StartFileWatch: .*ignoreDirRegs\[0\]/]],
   ['StartFileWatch', ['/tmp', f, f, getterThrows('ignoreDirRegs')], HOSTILE],
-  ['StartFileWatch', ['/tmp', f, f, getterThrows('fineGrainedDirs')], HOSTILE],
   ['StartFileWatch', ['/tmp', f, f, proxyThrows()], HOSTILE],
 
   ['ScanAllSubFiles', ['/tmp', f, f], WA],
@@ -43,11 +38,8 @@ const rows = [
   ['ScanAllSubFiles', ['/tmp', f, 'x', {}], WA],
   ['ScanAllSubFiles', ['/tmp', f, f, null], WA],
   ['ScanAllSubFiles', ['/tmp/a\0/evil', f, f, {}], nul('ScanAllSubFiles')],
-  ['ScanAllSubFiles', ['\0', f, f, {}], nul('ScanAllSubFiles')],
   ['ScanAllSubFiles', ['/tmp', f, f, { ignoreFileRegs: ['ok', '(unclosed'] }],
     [Error, /^ScanAllSubFiles: invalid regular expression "\(unclosed": .*Unterminated group.* in ignoreFileRegs\[1\]$/]],
-  ['ScanAllSubFiles', ['/tmp', f, f, { ignoreDirRegs: ['a**'] }],
-    [Error, /^ScanAllSubFiles: invalid regular expression "a\*\*": .*Nothing to repeat.* in ignoreDirRegs\[0\]$/]],
   ['ScanAllSubFiles', ['/tmp', f, f, { fineGrainedDirs: [{ relativeDirPathRegList: [], omits: [], covers: [{ fileNameReg: '[', extList: [] }] }] }],
     [Error, /^ScanAllSubFiles: invalid regular expression "\[": .* in fineGrainedDirs\[0\]\.covers\[0\]\.fileNameReg$/]],
   ['ScanAllSubFiles', ['/tmp', f, f, getterThrows('ignoreFileRegs')], HOSTILE],
@@ -64,27 +56,21 @@ const rows = [
   ['GetMtpFilesById', [1], WA],
   ['GetMtpFilesById', [''], WA],
   ['GetMtpFilesById', ['d', 5], WA],
-  ['GetMtpFilesById', ['d', ''], WA],
   ['GetMtpFilesById', ['d', 'f', 'options'], WA],
-  ['GetMtpFilesById', ['d', 'f', null], WA],
   ['GetMtpFilesById', ['d', 'f', []], WA],
   ['GetMtpFilesById', ['d', 'f', { recursive: 'yes' }], WA],
   ['GetMtpFilesById', ['d', 'f', { onProgress: 1 }], WA],
   ['GetMtpFilesById', ['d', 'f', { signal: {} }], WA],
   ['GetMtpFilesById', ['d\0evil'], nul('GetMtpFilesById')],
-  ['GetMtpFilesById', ['d', 'f\0'], nul('GetMtpFilesById')],
   ['GetMtpFilesById', ['d', 'f', getterThrows('recursive')], HOSTILE],
   ...MTP_COPIES.flatMap((name) => [
     [name, ['d', 'o'], WN],
     [name, ['d', 'o', 'p', {}, 1], WN],
-    [name, [1, 'o', 'p'], WA],
     [name, ['d', null, 'p'], WA],
     [name, ['d', 'o', 7], WA],
     [name, ['d', 'o', ''], WA],
     [name, ['d', 'o', 'p', { overwrite: 1 }], WA],
-    [name, ['d', 'o', 'p', { signal: new AbortController() }], WA],
     [name, ['d', 'o', 'p\0q'], nul(name)],
-    [name, ['d', 'o', 'p', getterThrows('overwrite')], HOSTILE],
   ]),
 
   // (Its type checks come after the SDK search: media-player.test.js.)
@@ -97,13 +83,10 @@ const rows = [
   ['InitCorvexSync', [{ corvexDir: 'a\0b' }], nul('InitCorvexSync')],
   ['InitCorvexSync', [getterThrows('corvexDir')], HOSTILE],
 
-  ['RegisterTvkReporter', [], TWN],
   ['RegisterTvkReporter', [{ report() {} }, {}], TWN],
   ['RegisterTracer', [], TWN],
-  ['RegisterTracer', [{}, {}], TWN],
   ['RegisterFact', [], TWN],
   ['ReportTest', [], TWN],
-  ['ReportTest', [1, 2], TWN],
   ['UnRegisterTvkReporters', [1], TWN],
   ['UnRegisterTracers', [1], TWN],
   ...[1, 'reporter', null, undefined, true].flatMap((bad) => [
@@ -166,6 +149,8 @@ test('what the exports accept besides: extra or missing options, functions as op
   });
 });
 
+// A rejection is a plain Error with the failure text and no code.
 test('a refused InitCorvexSync loads nothing', async () => {
-  await assert.rejects(ostrel.CreateMediaPlayer(), { message: 'CreateMediaPlayer failed: corvex not initialized' });
+  const plain = (e) => e.constructor === Error && e.message === 'CreateMediaPlayer failed: corvex not initialized' && !('code' in e);
+  await assert.rejects(ostrel.CreateMediaPlayer(), plain);
 });

@@ -1,6 +1,6 @@
 'use strict';
-// Shared pieces of the JS suites: where the builds are, how to run a script
-// in a child process of the same node, and small waiting helpers.
+// Shared pieces of the JS suites: where the builds are, children of the same
+// node, and small waiting helpers.
 const path = require('path');
 const { spawnSync } = require('child_process');
 
@@ -17,10 +17,8 @@ function loadProbe() {
   return require(path.join(buildDir(), 'test', 'runtime_probe.node'));
 }
 
-// Runs `source` in a child node (the same executable as this one), in the
-// repository's folder unless `cwd` says otherwise, and returns { status,
-// stdout, stderr }. Lifecycle cases (clean-up, exit with work in flight) run
-// this way so that a crash fails one test, not the run.
+// Runs `source` in a child node (this executable), in the repository's folder
+// unless `cwd` says otherwise: { status, signal, stdout, stderr }.
 function runChild(source, { timeout = 60000, env = {}, maxBuffer = 1024 * 1024, ...spawnOptions } = {}) {
   const r = spawnSync(process.execPath, ['-e', source], {
     cwd: root,
@@ -32,7 +30,7 @@ function runChild(source, { timeout = 60000, env = {}, maxBuffer = 1024 * 1024, 
   });
   const result = { status: r.status, signal: r.signal, stdout: r.stdout || '', stderr: r.stderr || '' };
   // Under Wine a child that crashed may still end with status 0: Wine's
-  // report of the unhandled exception is what tells (as in scripts/wine-node).
+  // report of the unhandled exception tells (as in scripts/wine-node).
   if (isWindows && wineCrashReport.test(result.stderr + result.stdout)) {
     result.status = null;
     result.signal = 'wine: unhandled exception';
@@ -56,9 +54,8 @@ async function waitFor(predicate, what, timeoutMs = 10000) {
 // A fresh folder under the system's temporary folder.
 const tempDir = (prefix) => require('fs').mkdtempSync(path.join(require('os').tmpdir(), prefix));
 
-// 1,000 empty files in each of `folders` folders (200,000 by default), made
-// once per build folder (test.sh makes them before the Wine run, where
-// node.exe would take minutes).
+// 200,000 empty files in 200 folders, made once (test.sh makes them before
+// the Wine run, where node.exe would take minutes).
 function bigTree() {
   const fs = require('fs');
   const dir = process.env.OSTREL_BIG_TREE || path.join(root, 'build', 'test-fixtures', 'big-200k');

@@ -1,8 +1,7 @@
 'use strict';
-// The child side of lifecycle.test.js: one subsystem's work (a row) is
-// started, then the process or a Worker ends at a chosen moment (an ending).
-// Run as `require(this file)(scenario)` in a child node; the Workers it
-// starts load this same file.
+// The child side of lifecycle.test.js: a subsystem's work (a row) is started,
+// then the process or a Worker ends at a chosen moment (an ending). Run as
+// `require(this file)(scenario)`; its Workers load this same file.
 const { Worker, isMainThread, workerData, parentPort } = require('worker_threads');
 const fs = require('fs');
 const path = require('path');
@@ -13,11 +12,10 @@ const spin = (ms) => {
 };
 const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
-// Each row: load(d) the module as the row uses it (index.js when not given);
-// start(o, d, inside) work that stays in flight and calls inside() from the
-// row's callbacks, returning (or resolving with) what closes it where it can
-// be closed; again(o, d) one more call after a Worker's end, resolving with
-// what the test expects (and releasing whatever holds the event loop).
+// Each row: load(d) the module (index.js when not given); start(o, d, inside)
+// work that stays in flight, calling inside() from its callbacks and
+// returning (or resolving with) what closes it, if anything; again(o, d) one
+// more call after a Worker's end, resolving with what the test expects.
 const rows = {
   scan: {
     start: (o, d, inside) => o.ScanAllSubFiles(d.big, inside, inside, {}),
@@ -38,6 +36,9 @@ const rows = {
       }, () => fs.writeFileSync(path.join(d.dir, 'again.txt'), 'x'), {});
     }),
   },
+  // The disk lists' long limit keeps them in turn under Wine, whose WMI
+  // crashes node.exe on concurrent queries (a short one lets a job waiting
+  // half of it query alongside).
   storage: {
     start: (o, d, inside) => {
       for (let i = 0; i < 10; ++i) o.GetHardwareDisk({ timeoutMs: 600000 });
@@ -45,8 +46,7 @@ const rows = {
     },
     again: (o) => o.GetDriveList().then((l) => l.length > 0),
   },
-  // The runtime probe answering GetDriveList/GetHardwareDisk from a slow
-  // machine description (storage.test.js).
+  // The probe's storage lists over a slow machine description.
   'storage over slow WMI': {
     load: (d) => require(d.probe),
     start: (p, d, inside) => {
@@ -55,8 +55,7 @@ const rows = {
       p.storageList('drives', m, { timeoutMs: 100 }).then(inside);
     },
   },
-  // Windows: listings and copies from the WPD double, progress as the
-  // callback; Linux: the device list, which is empty there.
+  // Windows: listings and copies from the WPD double; Linux: the empty list.
   devices: {
     start: (o, d, inside) => {
       if (!d.copies) {
@@ -94,8 +93,8 @@ const rows = {
   },
   telemetry: {
     start: (o, d, inside) => {
-      // Records, events and facts from native threads too: the probe is
-      // loaded by one thread only, and has registries of its own.
+      // Records from native threads too: the probe (one thread only) has
+      // registries of its own.
       const p = isMainThread ? require(d.probe) : null;
       for (const m of p ? [o, p] : [o]) {
         m.RegisterTvkReporter({ report: inside });
@@ -118,7 +117,6 @@ const rows = {
 
 const load = (row, d) => (row.load ? row.load(d) : require(d.index));
 
-// After process.exit() no callback may reach script.
 let exiting = false;
 function exit(code) {
   exiting = true;
@@ -130,7 +128,6 @@ const guard = (fn) => (...args) => {
   return fn(...args);
 };
 
-// The endings in the process itself.
 const inProcess = {
   'process.exit() inside a callback': (row, o, d) => row.start(o, d, guard(() => exit(7))),
   // Callbacks slower than the work: the work waits for script when exit comes.
@@ -138,8 +135,7 @@ const inProcess = {
     row.start(o, d, guard(() => spin(200)));
     setTimeout(() => exit(7), 1500);
   },
-  // Closed (twice) from inside its first callback: nothing reaches script
-  // afterwards, not even a result, and the process ends by itself.
+  // Nothing reaches script afterwards, and the process ends by itself.
   'closed twice inside its first callback': (row, o, d) => {
     let close = null;
     let state = 'open';
@@ -166,8 +162,8 @@ const inProcess = {
   },
 };
 
-// The endings of a Worker: what the Worker does inside its first callback,
-// and what the main thread does when told so.
+// The endings of a Worker: what it does inside its first callback, and what
+// the main thread does when told so.
 const inWorker = {
   'a Worker terminated while a callback spins': { inside: () => spin(1e9), onInside: (w) => w.terminate() },
   'a Worker ending by process.exit() inside a callback': { inside: () => process.exit(0) },
@@ -177,11 +173,10 @@ const inWorker = {
     },
     onInside: (w) => setTimeout(() => w.terminate(), 300),
   },
-  // Six at once, 10 rounds: one ends itself right after starting the work,
-  // one is terminated as it comes online, two inside their first callback
-  // (each callback spins 20 ms), one 20-100 ms after it was created (early
-  // in the work, where most faults were: e31923f) and one at any moment in
-  // its first 700 ms.
+  // Six at once: one ends itself after starting the work, one is terminated
+  // as it comes online, two inside their first callback (callbacks spin 20
+  // ms), one 20-100 ms after it was created (most faults were there: e31923f),
+  // one at any moment in its first 700 ms.
   'Workers ended at random moments, 10 rounds of 6': {
     rounds: 10,
     random: true,
@@ -189,8 +184,7 @@ const inWorker = {
     inside: () => {},
     onInside: (w, k) => (k === 2 || k === 3) && w.terminate(),
   },
-  // The Worker alone loaded the module: its end unloads it with the work in
-  // flight, and the main thread loads it again afterwards.
+  // Its end unloads the module with work in flight; the main thread reloads it.
   'a Worker that alone loaded the module terminated inside a callback, then a new load': {
     alone: true, inside: () => spin(1e9), onInside: (w) => w.terminate(),
   },

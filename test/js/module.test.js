@@ -1,31 +1,17 @@
 'use strict';
-// The module as script sees it: its version, its log lines at load and at
-// exit, and (for the Windows build) what it imports. Its exports' names and
-// order are checked against index.d.ts (typings.test.js), their argument
-// conventions in conventions.test.js.
+// The module as script sees it: its version, and (for the Windows build)
+// what it imports.
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const fs = require('fs');
 const path = require('path');
 const { execFileSync } = require('child_process');
-const { root, isWindows, buildDir, runChild } = require('./helpers');
+const { root, isWindows, buildDir } = require('./helpers');
 
 test('index.js re-exports the binary unchanged, whose version is 1.5.14', () => {
   const ostrel = require('../..');
   assert.equal(require(path.join(buildDir(), 'ostrel.node')), ostrel);
   assert.equal(ostrel.getVersion(), '1.5.14');
-});
-
-test('log lines at load and at exit, once however often the module is required', () => {
-  const r = runChild("require('.'); console.log('LOADED'); require('.'); delete require.cache[require.resolve('.')]; require('.');");
-  assert.equal(r.status, 0, r.stderr);
-  const lines = r.stdout.split(/\r?\n/);
-  const at = (line) => [lines.indexOf(line), lines.lastIndexOf(line)];
-  const [init, initAgain] = at('Ostrel Initializing ...');
-  const [done, doneAgain] = at('Ostrel Initialized.');
-  const [cleaning, cleaningAgain] = at('Ostrel Cleaning ...');
-  assert.ok(init >= 0 && done > init && lines.indexOf('LOADED') > done && cleaning > lines.indexOf('LOADED'), r.stdout);
-  assert.deepEqual([initAgain, doneAgain, cleaningAgain], [init, done, cleaning], r.stdout);
 });
 
 test('the Windows build imports only system DLLs, binds node.exe lazily and exports its two registration symbols', { skip: isWindows && 'objdump runs on the Linux side' }, () => {

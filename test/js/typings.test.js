@@ -1,8 +1,7 @@
 'use strict';
-// index.d.ts against the module: the declared exports in the module's order,
-// and the declared properties (names, order, primitive types) of what the
-// module really returns. The declarations are read with TypeScript's own
-// parser; the compile check of the file is scripts/test.sh's "types" suite.
+// index.d.ts (read with TypeScript's parser) against the module: the exports
+// in the module's order, and the declared properties (names, order, primitive
+// types) of what it really returns.
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const fs = require('fs');
@@ -37,8 +36,8 @@ const primitive = {
   [ts.SyntaxKind.BooleanKeyword]: 'boolean',
 };
 
-// Checks that `value` has exactly the declared properties (the optional ones
-// may be missing), in the declared order, with the declared primitive types.
+// `value` has exactly the declared properties (optional ones may be missing),
+// in the declared order, with the declared primitive types.
 function conforms(value, name) {
   const members = interfaces.get(name);
   assert.ok(members, `index.d.ts declares no interface ${name}`);
@@ -80,15 +79,13 @@ test('watch events and failures have the declared properties, in order', async (
   const session = await watch(dir);
   try {
     fs.writeFileSync(path.join(dir, 'new.txt'), 'x');
-    // The shape is the point here, not the delay: a busy machine under Wine
-    // may take many seconds.
+    // A busy machine under Wine may take many seconds.
     await session.waitFor(() => session.events.some((e) => e.fileName === 'new.txt'), 60000);
     const event = session.events.find((e) => e.fileName === 'new.txt');
     conforms(event, 'WatchEvent');
     conforms(event.fileStat, 'WatchFileStat');
     if (!isWindows) {
-      // The root's removal (under Wine it is noticed late and slowly; the
-      // OVERFLOW error's keys are checked by watch.test.js there too).
+      // The root's removal (under Wine noticed late and slowly).
       fs.rmSync(dir, { recursive: true, force: true });
       await session.waitFor(() => session.errors.length > 0, 60000);
       conforms(session.errors[0], 'WatchError');
@@ -100,9 +97,7 @@ test('watch events and failures have the declared properties, in order', async (
 });
 
 test('drive and disk lists have the declared properties, in order', async () => {
-  // Natively a stalled mount of another test must not hold this one up:
-  // what was read within 15 s is enough to compare. Wine's WMI answers
-  // slowly under load but always.
+  // Natively a stalled mount of another test must not hold this one up.
   const options = isWindows ? {} : { timeoutMs: 15000 };
   const [drives, disks] = await Promise.all([ostrel.GetDriveList(options), ostrel.GetHardwareDisk(options)]);
   assert.ok(drives.length + disks.length > 0, 'this machine lists drives or disks');

@@ -1,6 +1,5 @@
-// The hook as the delay-load helper calls it, with and without a host
-// module named varno.dll in the process (the build places a stub of that
-// name beside the test executable).
+// The hook as the delay-load helper calls it, with and without a host module
+// named varno.dll (a stub the build places beside the test) in the process.
 #include <windows.h>
 // after windows.h
 #include <delayimp.h>

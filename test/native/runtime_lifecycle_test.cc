@@ -1,5 +1,5 @@
-// The process-wide runtime's holds, blocking jobs on threads of their own,
-// hops to the pool, and the session registry that clean-up stops first.
+// The process-wide runtime's holds, jobs on threads of their own, hops to the
+// pool and the blocking executor, and the session registry.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -80,12 +80,17 @@ TEST(SessionRegistry, StopAllStopsLiveSessionsOnceAndLaterOnesAtOnce) {
   EXPECT_FALSE(orphan_stopped);
 }
 
-// A job runs wholly on a thread of its own and the task goes on on the pool;
-// a blocking call runs on the blocking executor, off the pool; a task
-// cancelled before a thread takes it never runs its blocking part; without a
-// runtime nothing runs and the task is told.
-TEST(Blocking, JobsAndBlockingCallsRunOffThePoolACancelledTokenOrNoRuntimeEndsTheHopBeforeItsWork) {
+// The first hold starts the runtime and a second shares it. A job runs
+// wholly on a thread of its own and the task goes on on the pool; a blocking
+// call runs on the blocking executor, off the pool; a task cancelled before a
+// thread takes it never runs its blocking part. The last release leaves a job
+// or a pool task stuck in a call nothing can wake after the grace it is
+// given; without a runtime nothing runs and the task is told.
+TEST(Runtime, HoldsHopsAndTheLastReleaseLeavingStuckWorkAfterTheGrace) {
   runtime::acquire(2);
+  auto first = runtime::pool();
+  runtime::acquire(2);
+  EXPECT_EQ(runtime::pool(), first);
   struct seen {
     std::thread::id job_start, job_end, after;
     bool after_on_pool = false;
@@ -117,33 +122,12 @@ TEST(Blocking, JobsAndBlockingCallsRunOffThePoolACancelledTokenOrNoRuntimeEndsTh
   EXPECT_EQ(s.job_start, s.job_end);
   EXPECT_NE(s.job_start, s.after);
   EXPECT_TRUE(s.after_on_pool);
-  EXPECT_TRUE(runtime::release(5s));
-  EXPECT_THROW(sync_wait([]() -> task<void> { co_await on_blocking(); }()), runtime_stopped);
-  EXPECT_THROW(sync_wait([]() -> task<void> { co_await on_pool(); }()), runtime_stopped);
-  EXPECT_THROW(sync_wait([](bool& reached) -> task<void> {
-                 auto job = on_own_thread([&reached] { reached = true; });
-                 co_await job;
-               }(reached)),
-               runtime_stopped);
-  EXPECT_FALSE(reached);
-}
-
-// The first hold starts the runtime, a second environment shares it, and
-// the last release stops it. A job stuck in a call nothing can wake must not
-// hold the process up: the last release waits for it only as long as it is
-// told to.
-TEST(Runtime, HoldsShareOneRuntimeAndTheLastReleaseLeavesAStuckJobOrPoolTaskAfterTheGrace) {
-  runtime::acquire(2);
-  auto first = runtime::pool();
-  runtime::acquire(2);
-  EXPECT_EQ(runtime::pool(), first);
   auto ended = std::make_shared<std::atomic<bool>>(false);
   ASSERT_TRUE(runtime::start_job_thread([ended] {
     std::this_thread::sleep_for(1500ms);
     ended->store(true);
   }));
-  // So must a task still running on the pool: its worker is left running,
-  // and what it comes back to is kept.
+  // What a task left running on the pool comes back to is kept.
   auto pool_ended = std::make_shared<std::atomic<bool>>(false);
   [](std::shared_ptr<std::atomic<bool>> ended) -> detached_task {
     co_await on_pool();
@@ -158,13 +142,20 @@ TEST(Runtime, HoldsShareOneRuntimeAndTheLastReleaseLeavesAStuckJobOrPoolTaskAfte
   EXPECT_FALSE(ended->load() || pool_ended->load());
   EXPECT_EQ(runtime::pool(), nullptr);
   EXPECT_EQ(runtime::io(), nullptr);
+  EXPECT_THROW(sync_wait([]() -> task<void> { co_await on_blocking(); }()), runtime_stopped);
+  EXPECT_THROW(sync_wait([]() -> task<void> { co_await on_pool(); }()), runtime_stopped);
+  EXPECT_THROW(sync_wait([](bool& reached) -> task<void> {
+                 auto job = on_own_thread([&reached] { reached = true; });
+                 co_await job;
+               }(reached)),
+               runtime_stopped);
+  EXPECT_FALSE(reached);
   while (!ended->load() || !pool_ended->load()) std::this_thread::sleep_for(10ms);
 }
 
 // Foreign threads (an SDK's, a driver's) post to the pool, the service and
-// the blocking executor while the last environment releases the runtime and
-// a new one starts it: none may touch a freed one (AddressSanitizer and
-// ThreadSanitizer judge), and every posted task either runs or is freed.
+// the blocking executor while the runtime is released and restarted: none may
+// touch a freed one (the sanitizers judge); every task runs or is freed.
 struct settle_guard {
   std::atomic<long>& settled;
   ~settle_guard() { ++settled; }
@@ -200,20 +191,15 @@ TEST(Runtime, ForeignThreadsPostWhileTheRuntimeIsReleasedAndRestarted) {
   }
   done = true;
   for (auto& t : foreign) t.join();
-  const auto deadline = std::chrono::steady_clock::now() + 5s;
-  while (settled.load() != started.load() && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(1ms);
-  }
+  wait_until([&] { return settled.load() == started.load(); });
   EXPECT_EQ(settled.load(), started.load());
   EXPECT_GT(started.load(), 200);
 }
 
-// The blocking executor's thread policy (97a398b): with its one eager thread
-// busy, a burst of quick calls runs on it and one spare, where a thread per
-// call once started dozens; the spare, standing by 10 s for queued work to
-// wait that long, ends at once at stop. A queued task cancelled before a
-// thread takes it goes to the sink (to go on on the pool) without its
-// blocking call; after stop a task is freed, never run.
+// The executor's thread policy (97a398b): with its one eager thread busy, a
+// burst runs on it and one spare (once a thread per call); the spare, standing
+// by 10 s, ends at once at stop. Queued work cancelled before a thread takes it
+// goes to the sink without its blocking call; after stop a task is freed.
 TEST(BlockingExecutor, ABurstRunsOnTheBusyThreadAndOneSpareCancelledWorkGoesToTheSinkStopEndsTheSpareAtOnce) {
   auto executor = blocking_executor::create(64, 10s, 1, 10s);
   std::atomic<int> sunk{0};

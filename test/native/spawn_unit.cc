@@ -1,7 +1,5 @@
-// The unit tests link the native library without its script-facing half,
-// where spawn() lives. A batch of the library's sources (unity build) still
-// brings in callers of it; no unit test starts a detached task, and one that
-// did fails here.
+// The unit tests link the library without spawn()'s script-facing half, but
+// unity batches still bring in callers: a unit test that spawns fails here.
 #include <gtest/gtest.h>
 
 #include "runtime/spawn.h"
