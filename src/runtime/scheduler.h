@@ -95,9 +95,6 @@ class scheduler : public std::enable_shared_from_this<scheduler> {
   std::size_t queued() const;
   // Dispatch runs so far; for tests of wake-up coalescing.
   std::uint64_t dispatch_runs() const noexcept { return dispatch_runs_.load(); }
-  // Monotonic time (ns) the latest dispatch run started; its budget counts
-  // from there.
-  std::int64_t dispatch_started_ns() const noexcept { return dispatch_started_ns_.load(); }
 
   // Main thread: calls `done` once no async handle of this scheduler is
   // still closing (at once when none is). The environment's teardown waits
@@ -131,7 +128,6 @@ class scheduler : public std::enable_shared_from_this<scheduler> {
   std::deque<resumable> queue_;
   std::atomic<bool> resend_pending_{false};
   std::atomic<std::uint64_t> dispatch_runs_{0};
-  std::atomic<std::int64_t> dispatch_started_ns_{0};
   // Main thread only: dispatch runs on the stack, and a context that stop()
   // retired while one of them had it open.
   int dispatch_depth_ = 0;

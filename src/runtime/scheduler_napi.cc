@@ -111,7 +111,6 @@ void scheduler::dispatch(uv_async_t* h) {
   std::shared_ptr<scheduler> self = shared_from_this();
   dispatch_runs_.fetch_add(1, std::memory_order_relaxed);
   const std::int64_t start = monotonic_ns();
-  dispatch_started_ns_.store(start, std::memory_order_relaxed);
   napi_env env;
   napi_async_context context;
   {
