@@ -62,8 +62,7 @@ Napi::Value post_fact(const Napi::CallbackInfo& info) {
   return info.Env().Undefined();
 }
 
-// The recorders a benchmark compares: the telemetry bridge itself, and the
-// least any shared aggregation can cost (one mutex, one map, nothing else).
+// What a benchmark compares the bridge with: one mutex, one map, nothing else.
 struct bare_map {
   std::mutex mutex;
   std::unordered_map<std::string, std::uint64_t> sums;

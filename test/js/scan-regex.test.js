@@ -1,6 +1,5 @@
 'use strict';
-// Name expressions against this node's RegExp (full match, `^(?:source)$`)
-// on generated expressions and names; old pages' forms and the known gaps;
+// Name expressions against this node's RegExp (full match, `^(?:source)$`),
 // then the scan's filter options: which files each keeps, what it counts.
 const test = require('node:test');
 const assert = require('node:assert/strict');

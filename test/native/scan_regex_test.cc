@@ -195,8 +195,7 @@ TEST(NameRegex, HopelessBacktrackingIsNoMatchReportedOnceByEveryCopy) {
   EXPECT_EQ(err.find("!?"), std::string::npos) << "reported twice: " << err;
 }
 
-// The filters over the expressions: names split, extension lists, omits
-// and covers.
+// The filters built on them: names split, extension lists, omits, covers.
 native_string N(const char* utf8) {
   return utf8_to_native(utf8);
 }
@@ -299,6 +298,7 @@ TEST(ScanFilters, TestsReadCompiledFiltersOnlyAndRefuseStaleOnes) {
   ScanFilters stale;
   stale.ignoreFileRegs = {"skip.*"};
   stale.ignoreDirRegs = {"tmp"};
+  EXPECT_FALSE(stale.compiled());
   EXPECT_THROW(ignoreFile(stale, N("skip.txt")), std::logic_error);
   EXPECT_THROW(ignoreDir(stale, N("tmp")), std::logic_error);
   ScanRule rule;

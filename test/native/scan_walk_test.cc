@@ -1,6 +1,5 @@
-// The walk and the metadata query over real trees (the same records with or
-// without helper threads; what they could not cover named once), and the
-// records they make.
+// The walk and the metadata query over real trees, and the records they
+// make.
 #include <gtest/gtest.h>
 
 #include <algorithm>
