@@ -1,7 +1,5 @@
-// Probes of the drive and disk lists: the same script-side calls as
-// GetDriveList and GetHardwareDisk over a machine a test describes (WMI
-// rows, each Next's delay), what the jobs did to its COM, and the COM
-// guard's process-wide counter of this add-on's copy.
+// GetDriveList and GetHardwareDisk over a machine a test describes, and
+// what the jobs did to its COM.
 #include <napi.h>
 
 #include <memory>
@@ -21,8 +19,7 @@ using storage::wmi_value;
 namespace fake = storage::fake;
 using machine_ref = std::shared_ptr<fake::machine>;
 
-// string: a BSTR; bigint: an unsigned 64-bit value; number: a 32-bit
-// integer (VT_I4); null: VT_NULL; anything else: another variant type.
+// string: BSTR; bigint: unsigned 64-bit; number: VT_I4; null: VT_NULL.
 wmi_value to_value(Napi::Value v) {
   bool lossless = false;
   if (v.IsString()) return wmi_value::string(v.As<Napi::String>().Utf8Value());
@@ -31,8 +28,7 @@ wmi_value to_value(Napi::Value v) {
   return v.IsNull() ? wmi_value::null() : wmi_value::other();
 }
 
-// storageMachine({ logicalDisks: [{ property: value }], nextDelayMs }): a
-// machine to list from and count calls on.
+// storageMachine({ logicalDisks: [{ property: value }], nextDelayMs })
 Napi::Value storage_machine(const Napi::CallbackInfo& info) {
   check_arg_types(info, {napi_object});
   Napi::Object d = info[0].As<Napi::Object>();
@@ -57,8 +53,7 @@ machine_ref machine_of(const Napi::CallbackInfo& info, std::size_t i) {
   return *info[i].As<Napi::External<machine_ref>>().Data();
 }
 
-// storageList("drives" | "disks", machine, options): as GetDriveList and
-// GetHardwareDisk(options).
+// storageList("drives" | "disks", machine, options)
 Napi::Value storage_list(const Napi::CallbackInfo& info) {
   machine_ref m = machine_of(info, 1);
   auto which =

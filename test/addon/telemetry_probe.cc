@@ -1,9 +1,5 @@
-// Probes of the telemetry bridge: the probe carries its own copy of the
-// telemetry exports (its registries and queues are separate from those of
-// ostrel.node) plus the native producers that script cannot call directly:
-// events with any fields, facts, and statistics from many native threads at
-// once (lifecycle-child.js records so while the process ends,
-// bench/telemetry-record.js measures it).
+// The probe's own copy of the telemetry exports (registries and queues apart
+// from ostrel.node's) and the native producers script cannot call.
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -31,11 +27,7 @@ namespace {
 // Runs `body` here, or on a plain native thread and waits for it.
 template <typename Fn>
 void produce(bool off_main_thread, Fn body) {
-  if (off_main_thread) {
-    std::thread(body).join();
-  } else {
-    body();
-  }
+  off_main_thread ? std::thread(body).join() : body();
 }
 
 // reportEvent(category, message, [[key, value], ...], offMainThread)
@@ -70,17 +62,14 @@ Napi::Value post_fact(const Napi::CallbackInfo& info) {
   return info.Env().Undefined();
 }
 
-// The recorders a benchmark compares: the telemetry bridge itself, and the
-// least any shared aggregation can cost (one mutex, one map, nothing else).
+// What a benchmark compares the bridge with: one mutex, one map, nothing else.
 struct bare_map {
   std::mutex mutex;
   std::unordered_map<std::string, std::uint64_t> sums;
 };
 
-// recordFromThreads(threads, perThread, names, mode) -> Promise<{ns}>:
-// `threads` native threads each record `perThread` statistics, cycling
-// through `names`; mode "telemetry" uses record_stat, "bare" the bare map.
-// Resolves with the wall-clock nanoseconds from the first record to the last.
+// recordFromThreads(threads, perThread, names, "telemetry" | "bare") ->
+// Promise<{ns}>: the wall-clock time from the first record to the last.
 Napi::Value record_from_threads(const Napi::CallbackInfo& info) {
   check_arg_count(info, 4);
   check_arg_types(info, {napi_number, napi_number, napi_object, napi_string});
@@ -130,7 +119,6 @@ Napi::Value record_from_threads(const Napi::CallbackInfo& info) {
 }
 
 void register_telemetry_probe(Napi::Env env, Napi::Object exports) {
-  // The probe's own copy of the telemetry exports, same names as the module's.
   exports::register_reporters(env, exports);
   exports::register_tracers(env, exports);
   exports::register_fact(env, exports);

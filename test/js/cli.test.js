@@ -1,10 +1,6 @@
 'use strict';
 // The ostrel command line, run as a child of this node: one table of
-// commands with their exit status and the shape of what they print, then
-// scans of a small tree whose files are known, scans that cannot list their
-// root or some folder (Linux), the watch command until Ctrl-C, the storage and
-// device commands (against the WPD test double on Windows), and the
-// formatting helpers.
+// commands, then scans, watch, the device commands and the formatting.
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const fs = require('fs');
@@ -20,8 +16,7 @@ const { EXIT_INCOMPLETE } = require('../../lib/cli/scan');
 const bin = path.join(root, 'bin', 'ostrel.js');
 const env0 = () => ({ ...process.env, OSTREL_BUILD_DIR: buildDir() });
 
-// Runs the command line (`bin`, unless given) with `args`; `prefix` is a
-// command it runs under.
+// `prefix`: a command it runs under.
 function cli(args, { cwd = root, env = {}, prefix = [], bin: script = [bin] } = {}) {
   const cmd = [...prefix, process.execPath, ...script, ...args];
   const r = spawnSync(cmd[0], cmd.slice(1), { cwd, encoding: 'utf8', timeout: 120000, env: { ...env0(), ...env } });
@@ -37,13 +32,11 @@ const TREE = {
   'skipme/f.jpg': 4, 'skipme/inner/g.txt': 6, '.cache/h.md': 9, 'ünï/写真.jpg': 8,
 };
 const N = Object.keys(TREE).length;
-const native = (rel) => rel.split('/').join(path.sep);
 const tree = makeTree({ files: Object.fromEntries(Object.entries(TREE).map(([rel, size]) => [rel, 'x'.repeat(size)])), folders: ['empty'] });
 test.after(() => removeTree(tree));
 
-// Every command: [arguments, exit status, standard output, standard error].
-// Each is a pattern, an exact text ('' for nothing) or a check; a usage
-// error of a command says "ostrel <command>: <why>", then its usage.
+// [arguments, exit status, standard output, standard error]: each a pattern,
+// an exact text or a check. A usage error: "ostrel <command>: <why>", usage.
 const COMMANDS = [
   [[], 2, '', /usage: ostrel <command>/],
   [['frob'], 2, '', /unknown command 'frob'/],
@@ -53,29 +46,20 @@ const COMMANDS = [
   [['scan', '--ext'], 2, '', /--ext/],
   [['scan', '--ext', ''], 2, '', /--ext needs a list/],
   [['scan', '--ignore', '('], 2, '', /invalid regular expression '\('/],
-  // A pattern JavaScript takes and the module refuses: a usage error too,
-  // naming the command line's option.
+  // A pattern JavaScript takes and the module refuses: a usage error too.
   [['scan', '--ignore', '(?<=a+)b', tree], 2, '', /^ostrel scan: --ignore: invalid regular expression '\(\?<=a\+\)b': .*lookbehind/m],
-  [['version', 'extra'], 2, '', /unexpected argument 'extra'/],
   [['drives', '--timeout', 'soon'], 2, '', /--timeout needs a number of milliseconds/],
-  [['disks', '--timeout', '-5'], 2, '', /--timeout/],
   [['disks', '--timeout', '99999999999'], 2, '', /--timeout needs/],
-  [['drives', 'C:'], 2, '', /unexpected argument 'C:'/],
   [['device-files'], 2, '', /a device id is needed/],
   [['device-files', 'a', 'b', 'c'], 2, '', /unexpected argument 'c'/],
   [['copy-object', 'a', 'b'], 2, '', /a device id, an object id and a destination are needed/],
-  [['devices', 'extra'], 2, '', /unexpected argument 'extra'/],
   [['watch', '--ignore', '('], 2, '', /invalid regular expression/],
   [['scan', path.join(tree, 'no-such-folder')], 1, '', /no such folder: .*no-such-folder/],
   [['scan', path.join(tree, 'a.jpg')], 1, '', /not a folder/],
-  [['watch', path.join(tree, 'no-such-folder')], 1, '', /no such folder/],
   [['help'], 0, (out) => ['scan', 'version', 'help'].forEach((n) => assert.match(out, new RegExp(`^  ${n} `, 'm'))), ''],
-  [['help', 'copy-object'], 0, /--thumbnail/, ''],
   [['scan', '--help'], 0, /^usage: ostrel scan \[dir\][^]*--ignore REGEX/, ''],
-  // Standard output holds only the command's own output: the module's log
-  // lines go to standard error.
-  [['version'], 0, `${require(root).getVersion()}\n`, /^Ostrel Initializing \.\.\.$/m],
-  [['--version'], 0, `${require(root).getVersion()}\n`, /^Ostrel /m],
+  // The module's log lines go to standard error.
+  [['--version'], 0, `${require(root).getVersion()}\n`, /^Ostrel Initializing \.\.\.$/m],
   [['drives'], 0, /^MOUNTED +TYPE +SIZE +USED +FREE +DESCRIPTION\n.+\n/, /^Ostrel /m],
   [['disks'], 0, /^MOUNTED +STORAGE +DISK +TYPE +FS +SIZE +FREE +INTERFACE +MEDIA +MODEL\n.+\n/, /^Ostrel /m],
   // --json prints the module's objects; --timeout bounds the call.
@@ -85,7 +69,6 @@ const COMMANDS = [
   ...(isWindows ? [] : [
     [['devices'], 0, 'no MTP devices attached\n', /^Ostrel /m],
     [['devices', '--json'], 0, '[]\n', /^Ostrel /m],
-    [['device-files', 'x'], 1, '', /^ostrel device-files: GetMtpFilesById is not supported on this platform$/m],
     [['copy-object', 'x', 'o', path.join(os.tmpdir(), 'never-written')], 1, '', /GetMtpFileById is not supported on this platform/],
   ]),
 ];
@@ -112,16 +95,11 @@ test('every command: exit status, standard output and standard error', async (t)
 
 // The summary's counts: "N files delivered" and the result's fields.
 function counts(text) {
-  const get = (name) => {
-    const m = new RegExp(`${name}\\s+(\\S+)`).exec(text);
-    assert.ok(m, `no ${name} in:\n${text}`);
-    return m[1];
-  };
-  const delivered = /(\d+) files delivered/.exec(text);
-  assert.ok(delivered, `no delivered count in:\n${text}`);
+  const get = (re) => (re.exec(text) || assert.fail(`no ${re} in:\n${text}`))[1];
+  const field = (name) => get(new RegExp(`${name}\\s+(\\S+)`));
   return {
-    delivered: Number(delivered[1]), total: Number(get('totalFileCount')), filtered: Number(get('filteredFileCount')),
-    hiddenSystem: Number(get('hiddenSystemFileCount')), beyondLimit: get('fileCountBeyondLimit'), complete: get('complete'),
+    delivered: Number(get(/(\d+) files delivered/)), total: Number(field('totalFileCount')), filtered: Number(field('filteredFileCount')),
+    hiddenSystem: Number(field('hiddenSystemFileCount')), beyondLimit: field('fileCountBeyondLimit'), complete: field('complete'),
   };
 }
 
@@ -140,22 +118,17 @@ test('scan of the known tree: counts, JSON lines, and each option against the tr
   // Without a folder: the current one.
   assert.equal(counts(cli(['scan'], { cwd: path.join(tree, 'sub') }).stdout).total, treeWhere((k) => k.startsWith('sub/')).length);
 
-  // --json prints the module's objects (fields: scan-walk.test.js) and the
-  // summary on standard error; the options against the files they keep:
-  // --ext in any case and with dots, --ignore for files and whole folders
-  // by full match of the name, --fast with the same sizes.
+  // --json: the module's objects, the summary on standard error.
   for (const [args, keep] of [
     [[], () => true],
     [['--ext', 'jpg'], (k) => /\.jpg$/i.test(k)],
     [['--ext', '.PNG,txt'], (k) => /\.(png|txt)$/.test(k)],
     [['--ignore', 'skipme', '--ignore', '.*\\.txt'], (k) => !k.startsWith('skipme/') && !k.endsWith('.txt')],
-    [['--ignore', 'skip'], () => true],
-    [['--fast'], () => true],
   ]) {
     const json = cli(['scan', tree, '--json', ...args]);
     assert.equal(json.status, 0, json.stderr);
     assert.deepEqual(outputLines(json.stdout).map((l) => JSON.parse(l)).map((f) => [relOf(f), f.size, f.absolutePath]).sort(),
-      treeWhere(keep).map((rel) => [rel, TREE[rel], path.join(tree, native(rel))]), args.join(' '));
+      treeWhere(keep).map((rel) => [rel, TREE[rel], path.join(tree, ...rel.split('/'))]), args.join(' '));
     const summary = counts(json.stderr);
     assert.equal(summary.delivered, treeWhere(keep).length);
     if (args[0] !== '--ignore') assert.equal(summary.filtered, N - treeWhere(keep).length, args.join(' '));
@@ -167,16 +140,9 @@ test('scan of the known tree: counts, JSON lines, and each option against the tr
   assert.equal(table.split('\n').filter((l) => new RegExp(`^  \\S+ +${N} calls `).test(l)).length, 1, table);
 });
 
-// Folders and names the scan could not cover: the summary names them, a
-// warning goes to standard error, and the status is 3. The command runs
-// with every descriptor but two taken (the scan's start takes one, the root
-// the other; its folders y and z fail with EMFILE, one of them taken ahead
-// by the helper thread, which hands it back), beside a name that is not
-// UTF-8 and a FIFO. With one descriptor to spare the root itself cannot be
-// listed: the command could not do its work, status 1 with the reason. (A
-// folder below the root that may not be listed stays silent:
-// scan-metadata.test.js; under Wine, folders past the path limit:
-// scan-walk.test.js.)
+// With two descriptors to spare (the scan's start and the root), folders y
+// and z fail with EMFILE, one taken ahead by the helper thread, which hands
+// it back: status 3, named. With one, the root cannot be listed: status 1.
 test('a scan that could not list its root exits with status 1, some folders or names with status 3', {
   skip: (isWindows && 'Linux descriptors') || (/asan|tsan/.test(process.env.LD_PRELOAD || '') && 'sanitizers need descriptors'),
 }, (t) => {
@@ -184,8 +150,7 @@ test('a scan that could not list its root exits with status 1, some folders or n
   t.after(() => removeTree(base));
   fs.writeFileSync(Buffer.concat([Buffer.from(path.join(base, 'bad')), Buffer.from([0xff])]), 'x');
   assert.equal(spawnSync('mkfifo', [path.join(base, 'fifo')]).status, 0, 'mkfifo');
-  // The module is loaded (and its runtime started) before the descriptors
-  // are taken; the command then runs in the same process.
+  // The module (and its runtime) is loaded before the descriptors are taken.
   const starved = (spare) => cli(['-e', `const fs = require('fs');
     require(${JSON.stringify(root)});
     const held = [];
@@ -210,17 +175,16 @@ test('a scan that could not list its root exits with status 1, some folders or n
   assert.match(r.stderr, /^ostrel scan: warning: incomplete scan: 1 name is not valid Unicode/m);
 });
 
-// Runs `ostrel watch` on a fresh folder, calls `act(dir)` once it said
-// "watching", ends it with `signal` once `until(stdout, stderr)` holds, and
-// resolves with { code, stdout, stderr }.
-function watchCli(t, args, { act, until, signal = 'SIGINT', env = {} }) {
+// The module's lines stay off standard output whatever the environment
+// asks; its failed flush (no tracer) too. Ctrl-C: status 130 (Wine: SIGTERM).
+function watchCli(t, args) {
   const dir = tempDir('ostrel-cli-watch-');
   t.after(() => removeTree(dir));
   return new Promise((resolve, reject) => {
-    const child = spawn(process.execPath, [bin, 'watch', dir, ...args], { stdio: ['ignore', 'pipe', 'pipe'], env: { ...env0(), ...env } });
+    const env = { ...env0(), OSTREL_LOG_STDOUT: 'stdout' };
+    const child = spawn(process.execPath, [bin, 'watch', dir, ...args], { stdio: ['ignore', 'pipe', 'pipe'], env });
     const out = { stdout: '', stderr: '' };
     let acted = false;
-    let ended = false;
     const timer = setTimeout(() => {
       child.kill('SIGKILL');
       reject(new Error(`timed out\nstdout: ${out.stdout}\nstderr: ${out.stderr}`));
@@ -230,12 +194,11 @@ function watchCli(t, args, { act, until, signal = 'SIGINT', env = {} }) {
         out[name] += d;
         if (!acted && /^watching /m.test(out.stderr)) {
           acted = true;
-          act(dir);
+          fs.mkdirSync(path.join(dir, 'skipme'));
+          fs.writeFileSync(path.join(dir, 'skipme', 'no.txt'), 'x');
+          fs.writeFileSync(path.join(dir, 'hello.txt'), 'x');
         }
-        if (!ended && until(out.stdout, out.stderr)) {
-          ended = true;
-          child.kill(signal);
-        }
+        if (!child.killed && /hello\.txt/.test(out.stdout) && /shouldFlush failed again/.test(out.stderr)) child.kill(isWindows ? 'SIGTERM' : 'SIGINT');
       });
     }
     child.on('exit', (code) => {
@@ -245,24 +208,9 @@ function watchCli(t, args, { act, until, signal = 'SIGINT', env = {} }) {
   });
 }
 
-// A caller's environment asking for the module's lines on standard output
-// must not mix them into the changes printed, as lines or as JSON. The
-// statistics of the watch's calls find no tracer registered: the module
-// gives up flushing them with a failure line, which must go to standard
-// error. Ctrl-C ends the command with status 130 (under Wine node.exe is
-// ended with SIGTERM).
 test('ostrel watch prints changes, and nothing else, until Ctrl-C', async (t) => {
   for (const [mode, line] of [['', /^\d\d:\d\d:\d\d\.\d{3} add +hello\.txt$/], ['--json', /^\{.*"fileName":"hello\.txt"/]]) {
-    const r = await watchCli(t, [mode, '--ignore', 'skipme'].filter(Boolean), {
-      env: { OSTREL_LOG_STDOUT: 'stdout' },
-      signal: isWindows ? 'SIGTERM' : 'SIGINT',
-      act: (dir) => {
-        fs.mkdirSync(path.join(dir, 'skipme'));
-        fs.writeFileSync(path.join(dir, 'skipme', 'no.txt'), 'x');
-        fs.writeFileSync(path.join(dir, 'hello.txt'), 'x');
-      },
-      until: (out, err) => /hello\.txt/.test(out) && /shouldFlush failed again/.test(err),
-    });
+    const r = await watchCli(t, [mode, '--ignore', 'skipme'].filter(Boolean));
     if (!isWindows) assert.equal(r.code, 130, r.stderr);
     assert.match(r.stdout, new RegExp(line.source, 'm'));
     for (const l of outputLines(r.stdout)) {
@@ -295,7 +243,6 @@ test('the device commands against the WPD test double', { skip: !isWindows && 'W
   const list = run('devices');
   assert.equal(list.status, 0, list.stderr);
   assert.match(list.stdout, /^0 {2}Pixel {2}Acme P7 {2}MTP: 1\.00 {2}serial SN-1\n {3}id: p\n$/);
-  assert.deepEqual(JSON.parse(run('devices', '--json').stdout).map((d) => d.deviceId), ['p']);
 
   const files = run('device-files', 'p');
   assert.equal(files.status, 0, files.stderr);
@@ -307,9 +254,6 @@ test('the device commands against the WPD test double', { skip: !isWindows && 'W
   assert.match(files.stdout, /^UNKNOW .* e\\x1b {2}x\\x1b\[2J\\x07\\x0d\\x0aIMAGE fake\\u202e\.txt$/m);
   assert.equal(files.stdout.split('\n').filter((l) => l.startsWith('IMAGE')).length, 1);
   assert.deepEqual(run('device-files', 'p', 's1', '--json').stdout.trim().split('\n').map((l) => JSON.parse(l).objectId), ['a', 'v', 'e\u001b']);
-  const missing = run('device-files', 'p', 'nope');
-  assert.equal(missing.status, 1);
-  assert.match(missing.stderr, /Object not found on the device: nope/);
 
   const dir = tempDir('ostrel-cli-mtp-');
   t.after(() => removeTree(dir));
@@ -318,9 +262,6 @@ test('the device commands against the WPD test double', { skip: !isWindows && 'W
   assert.equal(copy.status, 0, copy.stderr);
   assert.equal(copy.stdout, `copied 3 bytes to ${dest}\n`);
   assert.equal(fs.readFileSync(dest, 'utf8'), 'abc');
-  const again = run('copy-object', 'p', 'a', dest);
-  assert.equal(again.status, 1);
-  assert.match(again.stderr, /The destination already exists/);
   const thumb = run('copy-object', 'p', 'a', dest, '--thumbnail', '--overwrite');
   assert.equal(thumb.status, 0, thumb.stderr);
   assert.equal(fs.readFileSync(dest, 'utf8'), 't');

@@ -1,7 +1,5 @@
 'use strict';
-// Shared pieces of the scan suites: a scan that collects everything it is
-// given, small trees written into a fresh temporary folder, a chain of
-// folders past the path limit, and scans run in a child process.
+// Shared pieces of the scan suites.
 const assert = require('node:assert/strict');
 const fs = require('fs');
 const os = require('os');
@@ -12,30 +10,20 @@ const ostrel = require('../..');
 
 const sep = path.sep;
 
-// Runs ScanAllSubFiles to its result; resolves with the delivered file and
-// folder objects and the result object.
+// ScanAllSubFiles to its result: { nodes, dirs, result }.
 function scan(root, options = {}) {
-  return new Promise((resolve, reject) => {
+  return new Promise((resolve) => {
     const nodes = [];
     const dirs = [];
-    try {
-      ostrel.ScanAllSubFiles(
-        root,
-        (u) => {
-          nodes.push(...u.nodes);
-          dirs.push(...u.dirs);
-        },
-        (result) => resolve({ nodes, dirs, result }),
-        options,
-      );
-    } catch (err) {
-      reject(err);
-    }
+    const update = (u) => {
+      nodes.push(...u.nodes);
+      dirs.push(...u.dirs);
+    };
+    ostrel.ScanAllSubFiles(root, update, (result) => resolve({ nodes, dirs, result }), options);  // a throw rejects
   });
 }
 
-// A fresh folder holding `files` (relative paths with "/"; a value that is
-// a string is the content) and `folders` (empty ones).
+// A fresh folder: `files` (relative path with "/" -> content), empty `folders`.
 function makeTree({ files = {}, folders = [] } = {}) {
   const root = fs.mkdtempSync(path.join(os.tmpdir(), 'ostrel-scan-'));
   for (const rel of folders) fs.mkdirSync(path.join(root, ...rel.split('/')), { recursive: true });
@@ -51,8 +39,7 @@ function removeTree(root) {
   fs.rmSync(root, { recursive: true, force: true, maxRetries: 5 });
 }
 
-// A fixed-seed generator (mulberry32) of numbers in [0, 1): the same trees,
-// names and expressions on every run and platform.
+// A fixed-seed generator (mulberry32) of numbers in [0, 1).
 function random(seed) {
   return () => {
     seed = (seed + 0x6d2b79f5) | 0;
@@ -62,16 +49,13 @@ function random(seed) {
   };
 }
 
-// Relative paths with "/" whatever the platform, sorted.
 function relPaths(objects) {
   return objects.map((o) => o.relativePath.split(sep).join('/')).sort();
 }
 
-// A chain of folders below `base` whose names are 240 characters long, each
-// holding f.txt, made under a short name and then renamed to a long one, so
-// that its deepest folders lie past the longest path the file system calls
-// take. Returns the chain's files (relative to base, with "/"); the test's
-// end renames it back, as the long paths cannot be removed.
+// Folders of 240-character names below `base`, each holding f.txt, made
+// under a short name then renamed so that the deepest lie past the path
+// limit (renamed back at the end, to be removed). Returns the files.
 function longChain(t, base) {
   const long = (i) => `d${i}_`.padEnd(240, 'x');
   const short = path.join(base, 't');
@@ -102,12 +86,9 @@ function longChain(t, base) {
   return files;
 }
 
-// Runs `body` in a child node that has loaded the module under test as
-// `ostrel`, with `scanAll(root, options)` resolving to { nodes, r } and
-// `report(value)` printing it as the line "RESULT <json>". `prefix` is a
-// command the child runs under (unshare, setpriv, sh), `args` follow the
-// script in process.argv. Returns the reported value with the child's
-// stdout, stderr and status.
+// `body` in a child with `ostrel`, `scanAll(root, options)` -> { nodes, r }
+// and `report(value)`; `prefix`: a command it runs under. Returns the
+// reported value with the child's stdout, stderr and status.
 function childScan(body, { prefix = [], args = [], timeout = 120000 } = {}) {
   const source = `process.env.OSTREL_BUILD_DIR = ${JSON.stringify(buildDir())};
     const ostrel = require(${JSON.stringify(repoRoot)});

@@ -1,20 +1,15 @@
 'use strict';
-// Name expressions as script writes them: every answer of the file and the
-// folder filters is checked against this node's own RegExp (full match, as
-// `^(?:source)$`) on generated expressions and names, the forms JavaScript
-// keeps for old pages and the known gaps are named, and an expression that
-// backtracks without end costs milliseconds, not minutes. Huge expressions,
-// long lists and refused ones: scan_regex_test.cc (the option's message:
-// conventions.test.js; a look-behind JavaScript takes: cli.test.js).
+// Name expressions against this node's RegExp (full match, `^(?:source)$`),
+// then the scan's filter options: which files each keeps, what it counts.
 const test = require('node:test');
 const assert = require('node:assert/strict');
+const path = require('path');
 const { isWindows } = require('./helpers');
 const { scan, makeTree, removeTree, relPaths, random, childScan } = require('./scan-fixture');
 
 const fullMatch = (source, name) => new RegExp(`^(?:${source})$`).test(name);
 
-// Names from a small alphabet (so that expressions often match), unique
-// whatever the case (Windows file systems ignore it); Linux adds line breaks.
+// A small alphabet, so that expressions often match; Linux adds line breaks.
 function generatedNames(rnd, count) {
   const chars = ['a', 'b', 'c', 'A', '1', '_', ' ', '.', '-', 'é', '😀', '\u00a0', ...(isWindows ? [] : ['\n', '\r'])];
   const names = new Map();
@@ -27,11 +22,8 @@ function generatedNames(rnd, count) {
   return [...names.values()];
 }
 
-// Expressions over the same alphabet: escapes, classes, the dot, groups,
-// look-arounds, quantifiers (greedy and lazy), alternation, anchors and
-// backreferences. Look-behinds hold fixed-length text and a backreference
-// never names a group inside a repetition: the two known gaps, kept as
-// named cases below.
+// Look-behinds hold fixed-length text and a backreference never names a
+// group inside a repetition: the two known gaps (named cases below).
 function generatedExpression(rnd) {
   const pick = (list) => list[Math.floor(rnd() * list.length)];
   let groups = 0;
@@ -75,14 +67,12 @@ const rnd = random(SEED);
 const NAMES = generatedNames(rnd, 400);
 const PATTERNS = Array.from({ length: 120 }, () => generatedExpression(rnd));
 
-// `names` as files at the root and, below the folder "##", as folders each
-// holding the file "x".
+// `names` as files, and below "##" as folders each holding the file "x".
 function namesTree(names) {
   return makeTree({ files: Object.fromEntries(names.flatMap((n) => [[n, ''], [`##/${n}/x`, '']])) });
 }
 
-// What a scan with one expression as ignoreFileRegs and ignoreDirRegs keeps,
-// against RegExp. Returns how many names the expression matched.
+// One expression as ignoreFileRegs and ignoreDirRegs; returns the names matched.
 async function checkAgainstRegExp(root, names, source) {
   const { nodes, result } = await scan(root, { ignoreFileRegs: [source], ignoreDirRegs: [source], fastMetadata: true });
   const m = (name) => fullMatch(source, name);
@@ -128,10 +118,8 @@ test('known differences from RegExp, and the forms JavaScript keeps for old page
 // Names on which (a+)+$ backtracks 2^40 times in a plain backtracking engine.
 const HOPELESS = Array.from({ length: 40 }, (_, i) => `${'a'.repeat(40)}!${i}`);
 
-// In a child: the hopeless expressions count as no match (said once per
-// expression on standard error: scan_regex_test.cc), the scan goes on past
-// an update callback that throws; then a scan closed right after its start
-// sends nothing, and the process ends at once.
+// In a child: hopeless expressions count as no match, the scan goes on past
+// a callback that throws; a scan closed at its start sends nothing.
 test('an expression that backtracks without end, a throwing callback, a scan closed at once', (t) => {
   const files = { aaaa: '', 'b.txt': '', [`${'a'.repeat(40)}/x.txt`]: '', [`${'a'.repeat(40)}!/y.txt`]: '' };
   for (const name of HOPELESS) files[name] = '';
@@ -162,4 +150,57 @@ test('an expression that backtracks without end, a throwing callback, a scan clo
   assert.doesNotMatch(r.stdout, /UPDATE|RESULT late/);
   assert.match(r.stdout, /^EXIT/m);
   assert.ok(exitMs < 1000, `the process took ${exitMs} ms to end after close()`);
+});
+
+// Names differ by more than case: Windows file systems ignore it.
+const FILES = [
+  'a.jpg', 'b.JPG', 'README', 'notes.txt', 'archive.tar.gz', '.gitignore', '~$report.docx', 'report.docx',
+  'photos/IMG_12.jpg', 'photos/IMG_12a.jpg', 'photos/lower/img_12.jpg', 'photos/IMG_7.png', 'photos/keep/IMG_3.jpg',
+  'docs/x.txt', 'node_modules/pkg/index.js',
+];
+const ALL = FILES.length;
+const rule = ({ dirs = [], omits = [], covers = [], ...rest }) => ({ relativeDirPathRegList: dirs, omits, covers, ...rest });
+const entry = (fileNameReg, extList = []) => ({ fileNameReg, extList });
+const jpg = (f) => /\.jpg$/i.test(f);
+
+// [what, options, the files kept (a list or a test), { total, filtered }]
+const ROWS = (root) => [
+  ['scan-level includes are lower-cased', { extFilter: { includes: ['JPG'] } }, jpg, { total: ALL, filtered: ALL - 6 }],
+  ['rule-level includes are kept as given', { fineGrainedDirs: [rule({ extFilter: { includes: ['JPG'] } })] }, []],
+  ['rule-level includes in lower case', { fineGrainedDirs: [rule({ extFilter: { includes: ['jpg'] } })] }, jpg],
+  ['an extFilter without lists rejects everything', { extFilter: {} }, []],
+  ['excludes, once given, win over includes', { extFilter: { includes: ['jpg'], excludes: ['jpg'] } }, (f) => !jpg(f)],
+  ['an empty includes entry keeps names without extension', { extFilter: { includes: [''] } }, ['.gitignore', 'README']],
+  ['an empty excludes list rejects nothing', { extFilter: { excludes: [] } }, () => true],
+  ['an empty excludes entry drops names without extension', { extFilter: { excludes: [''] } },
+    (f) => !['README', '.gitignore'].includes(f)],
+  ['covers take stem and extension; .gitignore is all stem',
+    { fineGrainedDirs: [rule({ covers: [entry('archive\\.tar', ['gz']), entry('\\.gitignore', [''])] })] },
+    ['.gitignore', 'archive.tar.gz']],
+  ['an omit beats a cover', { fineGrainedDirs: [rule({ dirs: ['photos'], omits: [entry('.*')], covers: [entry('IMG_\\d+', ['jpg'])] })] },
+    [], { total: 5, filtered: 5 }],
+  ['the descent follows relativeDirPathRegList level by level', { fineGrainedDirs: [rule({ dirs: ['pho.*', 'keep'] })] },
+    ['photos/keep/IMG_3.jpg']],
+  ['the descent is case-sensitive', { fineGrainedDirs: [rule({ dirs: ['Photos'] })] }, []],
+  // Windows: any case, either separator.
+  ['ignoreDirRegs and leaveDirs skip whole sub-trees, uncounted', { ignoreDirRegs: ['node_modules'], leaveDirs: [isWindows ? 'PHOTOS/KEEP/' : 'photos/keep/'] },
+    (f) => !/^(node_modules|photos\/keep)\//.test(f), { total: ALL - 2, filtered: 0 }],
+  ['leaveFiles by relative or absolute path, uncounted', { leaveFiles: ['docs/x.txt', path.join(root, 'README'), path.join(path.parse(root).root, 'notes.txt')] },
+    (f) => !['docs/x.txt', 'README'].includes(f), { total: ALL - 2, filtered: 0 }],
+  ['values of the wrong type count as absent',
+    { extFilter: 'jpg', ignoreFileRegs: [42, null], needDirs: 'yes', fineGrainedDirs: [{}, rule({ covers: [{ fileNameReg: 'a' }] })] },
+    () => true],
+];
+
+test('filters', async (t) => {
+  const root = makeTree({ files: Object.fromEntries(FILES.map((f) => [f, ''])) });
+  t.after(() => removeTree(root));
+  for (const [what, options, kept, counts] of ROWS(root)) {
+    await t.test(what, async () => {
+      const { nodes, dirs, result } = await scan(root, options);
+      assert.deepEqual(relPaths(nodes), Array.isArray(kept) ? kept : FILES.filter(kept).sort());
+      assert.deepEqual(dirs, []);
+      if (counts) assert.deepEqual({ total: result.totalFileCount, filtered: result.filteredFileCount }, counts);
+    });
+  }
 });

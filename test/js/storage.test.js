@@ -1,11 +1,6 @@
 'use strict';
-// GetDriveList and GetHardwareDisk at the script boundary: on this machine
-// (Linux natively, checked against df; Wine's WMI under Wine), over
-// machines described through the runtime probe (the time limit, a size
-// that does not convert, COM given back by many calls at once), and with a
-// share that never answers. Property names, order and types:
-// typings.test.js; the process or a Worker ending with calls in flight:
-// lifecycle.test.js; the logic under the calls: the native unit tests.
+// GetDriveList and GetHardwareDisk at the script boundary: this machine's
+// lists, machines described through the runtime probe, a dead share.
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const { spawnSync } = require('child_process');
@@ -16,8 +11,7 @@ const { mountStallfs, skipReason } = require('../fixtures/stallfs/mount');
 
 const ostrel = require('../..');
 
-// df (coreutils, statvfs) as the oracle of a mount's size and free space;
-// null for a mount it cannot answer within 5 s (another suite's dead share).
+// df (statvfs) as the oracle; null for a mount it cannot answer within 5 s.
 function df(mounted) {
   const r = spawnSync('df', ['-B1', '--output=size,avail', mounted], { encoding: 'utf8', timeout: 5000 });
   if (r.status !== 0) return null;
@@ -25,43 +19,7 @@ function df(mounted) {
   return { size, avail };
 }
 
-test('the lists of this machine, and what a time limit of 0 read of them', async () => {
-  const [drives, disks, drivesCut, disksCut] = await Promise.all([ostrel.GetDriveList(), ostrel.GetHardwareDisk(),
-    ostrel.GetDriveList({ timeoutMs: 0 }), ostrel.GetHardwareDisk({ timeoutMs: 0 })]);
-  assert.ok(drives.length > 0, 'at least one drive');
-  const mounted = drives.map((d) => d.mounted);
-  assert.deepEqual(disks.map((d) => d.mounted), mounted);
-  // What was read before the limit: the first entries of the whole list.
-  for (const cut of [drivesCut, disksCut]) assert.deepEqual(cut.map((d) => d.mounted), mounted.slice(0, cut.length));
-  for (const d of disks) {
-    assert.ok(['SSD', 'HDD', 'USB', 'Unknown'].includes(d.storageType), d.storageType);
-    assert.ok(d.diskNumber === -1000 || (Number.isInteger(d.diskNumber) && d.diskNumber >= 0));
-  }
-  if (isWindows) {
-    // Wine's WMI: letters with a colon; opening \\.\X: fails there.
-    for (const d of drives) assert.match(d.mounted, /^[A-Z]:$/);
-    return;
-  }
-  assert.ok(drives.some((d) => d.mounted === '/'), 'the root file system');
-  let compared = 0;
-  for (const [i, d] of drives.entries()) {
-    const o = df(d.mounted);
-    if (!o) continue;
-    compared++;
-    // The size exactly, the free space as it was a moment ago.
-    assert.equal(d.blocks, o.size, d.mounted);
-    assert.equal(disks[i].size, o.size, d.mounted);
-    for (const free of [d.available, disks[i].freeSpace]) {
-      assert.ok(Math.abs(free - o.avail) <= o.size / 100, `${d.mounted}: free ${free}, df ${o.avail}`);
-    }
-  }
-  assert.ok(compared > 0);
-});
-
-// Over described machines, in a child that reads the log lines (strings
-// are BSTRs, bigints unsigned 64-bit values, numbers 32-bit integers): 100
-// concurrent calls of each export, the time limit, a size that does not
-// convert.
+// Strings are BSTRs, bigints unsigned 64-bit values, numbers 32-bit integers.
 test('over described machines: concurrent calls give back every COM initialisation; the time limit; a size that does not convert', () => {
   const probePath = path.join(buildDir(), 'test', 'runtime_probe.node');
   const r = runChild(`
@@ -91,10 +49,8 @@ test('over described machines: concurrent calls give back every COM initialisati
   const { mounted, sizes, counts: many } = result.concurrent;
   assert.deepEqual(mounted, ['C:,D:']);
   assert.deepEqual(sizes, [2 ** 64, 2 ** 64]);
-  // Each job: the guard's initialisation and the query's own, every one
-  // given back. A job that started when no other was alive asked for
-  // security again, which COM refuses once it is set: that guard's end is
-  // the one extra CoUninitialize, which COM ignores.
+  // Two initialisations a job, all given back; a guard whose security step
+  // COM refused (set before) ends with one extra CoUninitialize.
   assert.equal(many.initialize, 400);
   assert.equal(many.uninitialize - many.unbalancedUninitialize, 400);
   assert.equal(many.uninitializedCalls, 0);
@@ -108,18 +64,14 @@ test('over described machines: concurrent calls give back every COM initialisati
   assert.match(r.stderr, /GetDriveList: the time limit of 350 ms ran out; resolving with the \d+ entries read so far/);
   assert.match(r.stderr, /GetHardwareDisk: the time limit of 350 ms ran out; resolving with the 0 entries read so far/);
   assert.match(r.stderr, /WMI enumeration stopped \(the time limit ran out\)/);
-  // The conversion's failures and messages: storage_wmi_test.cc.
   assert.deepEqual(result.cut, ['C:']);
   assert.match(r.stdout, /Ostrel Spawn Exception invalid stoull argument/);
   assert.equal(result.counts.liveObjects, 0);
   assert.equal(result.counts.initialize, result.counts.uninitialize);
 });
 
-// A mounted share that never answers (stallfs): the list settles within its
-// time limit and other work goes on meanwhile: a scan beside four such lists
-// ends long before the limit, and timers keep firing.
-// Not under Wine: there a drive whose root never answers stops Wine itself
-// (it stats every drive's root to turn any Linux path into a drive path).
+// stallfs: a scan beside four such lists ends long before their limit.
+// Not under Wine, which stats every drive's root to map any Linux path.
 const wineDeadDrive = isWindows && 'under Wine a drive whose root never answers stops all of Wine, not only the list';
 test('GetDriveList with a share that never answers settles within its time limit and stalls nothing', { skip: skipReason() || wineDeadDrive, timeout: 300000 }, async (t) => {
   const share = await mountStallfs(t);
@@ -163,15 +115,39 @@ test('GetDriveList with a share that never answers settles within its time limit
   assert.ok(d.gap < 1000, `timers stopped for ${d.gap} ms`);
 });
 
-// Last: under Wine this one ends the file with an access violation (many
-// WMI queries in flight against Wine's own WMI; open, docs/testing.md).
-test('100 concurrent calls of each export settle with the same answer', async () => {
-  const [drives, disks] = await Promise.all([ostrel.GetDriveList(), ostrel.GetHardwareDisk()]);
-  const calls = [];
-  for (let i = 0; i < 100; ++i) calls.push(ostrel.GetDriveList(), ostrel.GetHardwareDisk());
-  const results = await Promise.all(calls);
-  for (let i = 0; i < results.length; i += 2) {
-    assert.deepEqual(results[i].map((d) => d.mounted), drives.map((d) => d.mounted));
-    assert.deepEqual(results[i + 1].map((d) => d.mounted), disks.map((d) => d.mounted));
+// Last: under Wine 200 queries of its own WMI at once end the file with an
+// access violation (open, docs/testing.md).
+test('the lists of this machine, what a time limit of 0 read of them, 100 concurrent calls of each', async () => {
+  const [drives, disks, drivesCut, disksCut] = await Promise.all([ostrel.GetDriveList(), ostrel.GetHardwareDisk(),
+    ostrel.GetDriveList({ timeoutMs: 0 }), ostrel.GetHardwareDisk({ timeoutMs: 0 })]);
+  assert.ok(drives.length > 0, 'at least one drive');
+  const mounted = drives.map((d) => d.mounted);
+  assert.deepEqual(disks.map((d) => d.mounted), mounted);
+  // What was read before the limit: the first entries of the whole list.
+  for (const cut of [drivesCut, disksCut]) assert.deepEqual(cut.map((d) => d.mounted), mounted.slice(0, cut.length));
+  for (const d of disks) {
+    assert.ok(['SSD', 'HDD', 'USB', 'Unknown'].includes(d.storageType), d.storageType);
+    assert.ok(d.diskNumber === -1000 || (Number.isInteger(d.diskNumber) && d.diskNumber >= 0));
   }
+  const concurrent = Array.from({ length: 200 }, (_, i) => (i % 2 ? ostrel.GetHardwareDisk() : ostrel.GetDriveList()));
+  for (const r of await Promise.all(concurrent)) assert.deepEqual(r.map((d) => d.mounted), mounted);
+  if (isWindows) {
+    // Wine's WMI: letters with a colon; opening \\.\X: fails there.
+    for (const d of drives) assert.match(d.mounted, /^[A-Z]:$/);
+    return;
+  }
+  assert.ok(drives.some((d) => d.mounted === '/'), 'the root file system');
+  let compared = 0;
+  for (const [i, d] of drives.entries()) {
+    const o = df(d.mounted);
+    if (!o) continue;
+    compared++;
+    // The size exactly, the free space as it was a moment ago.
+    assert.equal(d.blocks, o.size, d.mounted);
+    assert.equal(disks[i].size, o.size, d.mounted);
+    for (const free of [d.available, disks[i].freeSpace]) {
+      assert.ok(Math.abs(free - o.avail) <= o.size / 100, `${d.mounted}: free ${free}, df ${o.avail}`);
+    }
+  }
+  assert.ok(compared > 0);
 });

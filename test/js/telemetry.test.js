@@ -1,12 +1,6 @@
 'use strict';
-// Telemetry at the script boundary: events delivered to reporters (queued
-// before the first one, the record's properties and their order, native
-// producers), facts to fact sinks, call statistics flushed to tracers as
-// "api_stat" spans, the event loop held by registrations, and reporters,
-// sinks and tracers that fail. The runtime probe carries its own copy of the
-// exports (registries and queues apart from ostrel.node's) and the native
-// producers script cannot call. The queues and the aggregate: the native
-// unit tests (telemetry_test.cc).
+// Telemetry at the script boundary: events, facts and statistics' spans.
+// The runtime probe has its own copy of the exports and native producers.
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const path = require('path');
@@ -17,13 +11,13 @@ const probe = loadProbe();
 const modulePath = JSON.stringify(root);
 const probePath = JSON.stringify(path.join(buildDir(), 'test', 'runtime_probe.node'));
 
-// A tracer that keeps every span it starts: { at, name, attrs: [[k, v]...], ended }.
+// A tracer that keeps every span it starts: { name, attrs: [[k, v]...], ended }.
 function recordingTracer() {
   const spans = [];
   return {
     spans,
     startSpan(name) {
-      const span = { at: performance.now(), name, attrs: [], ended: false };
+      const span = { name, attrs: [], ended: false };
       spans.push(span);
       return { setAttribute: (key, value) => span.attrs.push([key, value]), end: () => { span.ended = true; } };
     },
@@ -33,8 +27,7 @@ const attrsOf = (span) => Object.fromEntries(span.attrs);
 const spansNamed = (tracer, name) => tracer.spans.filter((s) => attrsOf(s).dim_0 === name);
 const recorded = (tracer, name) => spansNamed(tracer, name).reduce((n, s) => n + attrsOf(s).indsum_0, 0);
 
-// Runs `body` in a child with `o` the module and `p` the probe (loaded when
-// used), uncaught errors written to stdout.
+// `body` in a child: `o` the module, `p` the probe, uncaught errors on stdout.
 function child(body) {
   const r = runChild(`
     const o = require(${modulePath});
@@ -70,9 +63,8 @@ test('events', async (t) => {
     assert.equal(calls[2][0], 'A');
   });
 
-  // Typed keys fill their fields (a later pair wins; only c1..c5, bl1..bl5,
-  // wl_avgv1..wl_avgv5 and w_succ, case and digit included); a number that
-  // does not read whole or in 32 bits is left out; the rest are extras by key.
+  // Only c1..c5, bl1..bl5, wl_avgv1..5 and w_succ are typed (a later pair
+  // wins; a number not read whole in 32 bits is left out); the rest by key.
   await t.test('the record: typed fields in their fixed order, then the extras by key', async () => {
     const records = [];
     probe.RegisterTvkReporter({ report: (record) => records.push(record) });
@@ -99,8 +91,7 @@ test('a reporter that unregisters everything from inside report does not deadloc
   assert.match(r.stdout, /^REPORTED$/m);
 });
 
-// Fact sinks cannot be unregistered: in a child. The tracer holds the loop,
-// as the host's always does.
+// Fact sinks cannot be unregistered: in a child, a tracer holding the loop.
 test('facts: dropped with no sink; every sink in order gets each fact, attributes in key order', () => {
   const r = child(`
     const got = [];
@@ -133,8 +124,7 @@ test('spans', async (t) => {
     probe.UnRegisterTracers();
   });
 
-  // Records made while no tracer is registered wait for one (the attempt to
-  // flush them gives up, saying so: the watch case of cli.test.js).
+  // Records made while no tracer is registered wait for one.
   await t.test('ReportTest gives "ReportTest" x4 and "ReportTest1000" x1 a call, kept until a tracer flushes them', async () => {
     ostrel.ReportTest(0);
     await new Promise((resolve) => setTimeout(resolve, 800));
@@ -144,10 +134,7 @@ test('spans', async (t) => {
     await waitFor(() => spansNamed(tracer, 'ReportTest1000').length === 1, 'the flush');
     const [test4] = spansNamed(tracer, 'ReportTest');
     const [test1000] = spansNamed(tracer, 'ReportTest1000');
-    for (const span of [test4, test1000]) {
-      assert.equal(span.name, 'api_stat');
-      assert.equal(span.ended, true);
-    }
+    for (const span of [test4, test1000]) assert.deepEqual([span.name, span.ended], ['api_stat', true]);
     assert.deepEqual(test4.attrs.map(([k]) => k), ['dim_9', 'dim_0', 'indsum_0', 'indsum_1', 'indsum_2', 'dim_1', 'dim_2', 'indavg_0']);
     const a = attrsOf(test4);
     assert.deepEqual([a.indsum_0, a.indsum_1, a.dim_1, a.dim_2], [8, 8, 0, '']);
@@ -156,8 +143,6 @@ test('spans', async (t) => {
     });
   });
 
-  // The rule itself (500 ms, only with a tracer): telemetry_test.cc; here
-  // the module keeps to it: at most one flush per 500 ms of records.
   await t.test('every tracer gets every span; the module flushes at most every 500 ms', async () => {
     const first = recordingTracer();
     const second = recordingTracer();
@@ -174,10 +159,8 @@ test('spans', async (t) => {
   });
 });
 
-// The first failure of each delivery or flush is logged (a tracer's missing
-// method once per span: two names in the flush); the reporters and tracers
-// after it still get every event and span. Tracers throw from startSpan,
-// from a property read, and from a span method.
+// The first failure of each delivery or flush is logged (a missing method
+// once per span); the ones after it still get every event and span.
 test('reporters and tracers that fail are logged and do not starve the ones after them', () => {
   const r = child(`
     const got = [];
@@ -209,8 +192,7 @@ test('reporters and tracers that fail are logged and do not starve the ones afte
   }
 });
 
-// A fact sink, which cannot be unregistered, never holds the loop: the
-// facts case's child ends.
+// A fact sink never holds the loop: the facts case's child ends.
 test('registrations return their argument and hold the event loop until unregistered', () => {
   const reporter = { report() {} };
   const tracer = { startSpan() {} };

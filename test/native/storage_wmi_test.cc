@@ -1,15 +1,10 @@
-// The drive and disk lists over described machines: the size reader against
-// the standard conversion, the COM guard, the WMI steps and their failures,
-// the disk number and storage type lookups, the USB rules, the join of
-// logical and physical disks, the big list's module event, and the jobs'
-// turns.
+// The drive and disk lists over described machines (WMI rows, volume
+// controls): failing steps, the COM guard, the joins, the USB rule, turns.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <map>
 #include <optional>
-#include <random>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -51,19 +46,18 @@ fake::volume volume_on(std::uint32_t disk, std::optional<bool> seek_penalty, std
   return {0, disk, true, seek_penalty, trim};
 }
 
-// The list, with what the job wrote to stdout and stderr.
+// The list; `log`: what the job wrote.
 template <typename Record>
-std::vector<Record> list(const std::shared_ptr<fake::machine>& m, std::string* log = nullptr,
-                         query_limits limits = {}) {
+std::vector<Record> list(const std::shared_ptr<fake::machine>& m, std::string* log = nullptr) {
   fake::com com(m);
   fake::volumes volumes(m);
   collector<Record> out;
   ::testing::internal::CaptureStdout();
   ::testing::internal::CaptureStderr();
   if constexpr (std::is_same_v<Record, drive_record>) {
-    query_drive_list(com, limits, out);
+    query_drive_list(com, {}, out);
   } else {
-    query_hardware_disks(com, volumes, limits, out);
+    query_hardware_disks(com, volumes, {}, out);
   }
   std::string text = ::testing::internal::GetCapturedStdout() + ::testing::internal::GetCapturedStderr();
   if (log) *log = text;
@@ -71,39 +65,10 @@ std::vector<Record> list(const std::shared_ptr<fake::machine>& m, std::string* l
   return out.take();
 }
 
-// The standard library's stoull is the oracle: on texts generated from a
-// fixed seed, the same value or the same kind of failure, with the
-// messages of the Windows runtime's conversion.
-TEST(StorageValues, ParseStoullAnswersAsTheStandardConversion) {
-  const char* pieces[] = {"0", "7", "12", " ", "\t", "+", "-", "a", "x", "\xE2\x80\x8B", "18446744073709551615"};
-  std::mt19937 rng(3);
-  for (int i = 0; i < 20000; ++i) {
-    std::string text;
-    for (std::size_t n = rng() % 5; n > 0; --n) text += pieces[rng() % std::size(pieces)];
-    const char* expected = nullptr;
-    std::uint64_t value = 0;
-    try {
-      value = std::stoull(text);
-    } catch (const std::invalid_argument&) {
-      expected = "invalid stoull argument";
-    } catch (const std::out_of_range&) {
-      expected = "stoull argument out of range";
-    }
-    try {
-      EXPECT_EQ(read_size(v::string(text)), value) << text;
-      EXPECT_EQ(expected, nullptr) << text;
-    } catch (const std::logic_error& e) {
-      EXPECT_STREQ(e.what(), expected) << text;
-      EXPECT_EQ(dynamic_cast<const std::out_of_range*>(&e) != nullptr, expected && *expected == 's') << text;
-    }
-  }
-}
-
 TEST(StorageDriveList, RecordsInWmiOrderWithTheirReadings) {
   auto m = std::make_shared<fake::machine>();
   m->logical_disks = {
       logical("C:", v::string("1000"), v::string("400")),
-      logical("D:", v::null(), v::null(), 2),                                      // a card reader without media
       logical("E:", v::uint64(100), v::uint64(300), -1),                           // free space larger than size
       {{"Caption", v::int32(5)}, {"Size", v::other()}, {"DriveType", v::null()}},  // nothing readable
   };
@@ -116,7 +81,6 @@ TEST(StorageDriveList, RecordsInWmiOrderWithTheirReadings) {
     const char* description;
   };
   const expect e[] = {{"C:", 1000, 400, 600, 3, "Local Fixed Disk"},
-                      {"D:", 0, 0, 0, 2, "Local Fixed Disk"},
                       {"E:", 100, 300, static_cast<std::uint64_t>(100) - 300, 0xFFFFFFFFu, "Local Fixed Disk"},
                       {"unknown", 0, 0, 0, 0, "unknown"}};
   ASSERT_EQ(d.size(), std::size(e));
@@ -132,11 +96,7 @@ TEST(StorageDriveList, RecordsInWmiOrderWithTheirReadings) {
 }
 
 // Each failing step is logged in its format and ends the list, every COM
-// initialisation given back. A failed CoInitializeEx is given back by the
-// guard's end all the same (COM ignores it), not by the query's. Of the
-// disks, a failing physical-disk query leaves the logical disks without a
-// model, and a size that does not convert leaves no list (the exception
-// logged with the list's size).
+// initialisation given back (a failed CoInitializeEx too, by the guard).
 TEST(StorageLists, EachFailingStepIsLoggedAndShortensTheList) {
   struct row {
     bool disks;
@@ -184,8 +144,7 @@ TEST(StorageLists, EachFailingStepIsLoggedAndShortensTheList) {
   }
 }
 
-// The guard's security step fails when the host set security first, and
-// uninitialises: the query still has COM on its own thread.
+// The host set security first: the guard's step fails, the query still has COM.
 TEST(StorageDriveList, HostAlreadySetSecurityTheQueryStillHasCom) {
   com_guard::reset_for_tests();
   auto m = std::make_shared<fake::machine>();
@@ -267,10 +226,7 @@ TEST(StorageDisks, UsbRuleTakesExactlyTwoSpellingsOnARemovableDrive) {
       {2, "USB", "Stick", false, "USB"},
       {2, "usb", "Stick", false, "USB"},
       {2, "Usb", "Stick", false, "SSD"},
-      {2, "uSB", "Stick", true, "HDD"},
-      {2, "USB ", "Stick", false, "SSD"},
       {3, "USB", "Stick", true, "HDD"},
-      {2, "SCSI", "Stick", false, "SSD"},
       {3, "SCSI", "Cruzer USB Device", {}, "USB"},
       {3, "SCSI", "Cruzer usb Device", {}, "Unknown"},
       {3, "SCSI", "Cruzer USB Device", true, "HDD"},
@@ -286,8 +242,7 @@ TEST(StorageDisks, UsbRuleTakesExactlyTwoSpellingsOnARemovableDrive) {
   }
 }
 
-// A list of more than 30 disks is reported once per process: a module
-// event with the version, what it is and the count.
+// More than 30 disks: one module event per process.
 TEST(StorageDisks, BigListStatisticOncePerProcess) {
   EXPECT_FALSE(report_big_disk_list(30));
   auto m = std::make_shared<fake::machine>();
@@ -304,9 +259,8 @@ TEST(StorageDisks, BigListStatisticOncePerProcess) {
   EXPECT_FALSE(report_big_disk_list(500));  // the list above recorded it
 }
 
-// WMI jobs take turns; a job waits at most half of its time limit for a
-// query stuck elsewhere, then queries alongside; one whose limit runs out
-// while it waits makes no query.
+// A job waits at most half of its time limit for a stuck one, then queries
+// alongside; one whose limit runs out while it waits makes no query.
 TEST(StorageTurns, ALaterJobDoesNotWaitOutAStuckOne) {
   auto slow = std::make_shared<fake::machine>();
   slow->next_delay_ms = 300;

@@ -1,7 +1,4 @@
-// Telemetry below the script boundary: the queues between
-// producers and delivery, statistic aggregation, the flush rule and the
-// single pending flush attempt, and records from many threads while flushes
-// take the entries out.
+// Telemetry below the script boundary: queues, aggregation, the flush rule.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -24,8 +21,7 @@ namespace {
 
 constexpr std::int64_t ms = 1'000'000;
 
-// A batch whose environment went away before delivery goes back in front,
-// in its order (delivery order itself: telemetry.test.js).
+// A batch whose environment went away before delivery goes back in front.
 TEST(TelemetryQueues, ARequeuedBatchGoesBackInFront) {
   event_queue q;
   for (const char* m : {"1", "2", "3"}) q.push(make_tvk_record(0, m, {}));
@@ -65,13 +61,9 @@ TEST(TelemetryStats, AggregatesWithTheOtherAsymmetry) {
   auto entries = stats.take_entries(monotonic_ns());
   ASSERT_EQ(entries.size(), 2u);  // by name
   const ApiStatEntry& a = entries[0];
-  EXPECT_EQ(a.name, "a");
-  EXPECT_EQ(a.count, 6u);
-  EXPECT_EQ(a.other, 5u);  // the successes and the failure after the stored one
-  EXPECT_EQ(a.sum, huge + 46);
-  EXPECT_EQ(a.max, huge);
-  EXPECT_EQ(a.code, 5);
-  EXPECT_EQ(a.message, "x");
+  // other: the successes and the failure after the stored one.
+  EXPECT_EQ(std::tie(a.name, a.count, a.other, a.sum, a.max, a.code, a.message),
+            std::make_tuple("a", 6u, 5u, huge + 46, huge, 5, "x"));
   EXPECT_EQ(std::tie(entries[1].count, entries[1].other, entries[1].code), std::make_tuple(1u, 0u, -1));
   EXPECT_EQ(stats.size(), 0u);
 }
@@ -87,8 +79,6 @@ TEST(TelemetryStats, FlushesAtMostEvery500MsAndOnlyWithATracer) {
   EXPECT_TRUE(stats.should_flush(true, true, t0 + 500 * ms));
 }
 
-// Counts the attempts the hook is asked to start; they stay pending until
-// the test ends them.
 std::atomic<int> g_started{0};
 void hold_attempt() {
   g_started.fetch_add(1);
@@ -114,8 +104,7 @@ TEST(TelemetryStats, RecordStartsAnAttemptOnlyWhenNonePending) {
   // Without hooks (no module) a record leaves no attempt pending behind it.
   record_stat("held", 1);
   EXPECT_FALSE(global().stats.flush_attempt_pending());
-  // Other suites in this binary record statistics of their own (the scan's
-  // "CreateFileW"): look at this test's name only.
+  // Other suites in this binary record statistics of their own.
   auto entries = global().stats.take_entries(monotonic_ns());
   auto held = std::find_if(entries.begin(), entries.end(), [](const ApiStatEntry& e) { return e.name == "held"; });
   ASSERT_NE(held, entries.end());
@@ -123,23 +112,20 @@ TEST(TelemetryStats, RecordStartsAnAttemptOnlyWhenNonePending) {
 }
 
 // Records from many threads while flushes take the entries out: none lost
-// or counted twice, with flushes always between records (run it under
-// ThreadSanitizer too). The flushes through the module: telemetry.test.js.
+// or counted twice (run it under ThreadSanitizer too).
 TEST(TelemetryStress, RecordsWhileFlushingLoseNothing) {
   api_stats stats;
   constexpr int threads = 8, each = 20'000;
   const std::vector<std::string> names = {"CreateFileW", "FindFirstFileExW",
                                           "a rather long statistic name that does not fit inline"};
   std::atomic<int> running{threads};
-  // Halfway through, each recorder waits until two flushes have happened
-  // (a fast machine could otherwise record everything first).
+  // Halfway, each recorder waits for two flushes (else it could finish first).
   std::atomic<std::uint64_t> flushes{0};
   std::vector<std::thread> recorders;
   for (int t = 0; t < threads; ++t) {
     recorders.emplace_back([&, t] {
       for (int i = 0; i < each; ++i) {
         while (i == each / 2 && flushes.load() < 2) std::this_thread::yield();
-        // Every 100th record fails, with the thread number as its code.
         stats.record(names[i % names.size()], static_cast<std::uint64_t>(i % 7), i % 100 == 0 ? t + 1 : 0, "failed");
       }
       running.fetch_sub(1);
