@@ -115,8 +115,8 @@ test('GetDriveList with a share that never answers settles within its time limit
   assert.ok(d.gap < 1000, `timers stopped for ${d.gap} ms`);
 });
 
-// Last: under Wine 200 queries of its own WMI at once end the file with an
-// access violation (open, docs/testing.md).
+// Last: the 200 calls must take turns at WMI, which under Wine crashes
+// node.exe on concurrent queries (it did on a loaded machine, docs/testing.md).
 test('the lists of this machine, what a time limit of 0 read of them, 100 concurrent calls of each', async () => {
   const [drives, disks, drivesCut, disksCut] = await Promise.all([ostrel.GetDriveList(), ostrel.GetHardwareDisk(),
     ostrel.GetDriveList({ timeoutMs: 0 }), ostrel.GetHardwareDisk({ timeoutMs: 0 })]);
