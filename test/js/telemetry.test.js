@@ -192,6 +192,30 @@ test('reporters and tracers that fail are logged and do not starve the ones afte
   }
 });
 
+// Registrations belong to their environment: a Worker's unregistration leaves
+// the main thread's tracer, which gets the Worker's records too.
+test('registrations belong to their environment; a Worker\'s records reach every tracer', () => {
+  const r = child(`const { Worker } = require('worker_threads');
+    let mainSpans = 0;
+    o.RegisterTracer({ startSpan: () => ({ setAttribute() {}, end() { mainSpans++; } }) });
+    const w = new Worker(\`const o = require(${modulePath.replace(/\\/g, '\\\\')});
+      let told = false;
+      o.RegisterTracer({ startSpan: () => ({ setAttribute() {}, end() {
+        if (told) return;
+        told = true;
+        require('worker_threads').parentPort.postMessage('span');
+        o.UnRegisterTracers();
+      } }) });
+      o.ReportTest({});\`, { eval: true });
+    let workerSpans = 0;
+    w.on('message', () => { workerSpans++; });
+    w.on('exit', () => setTimeout(() => {
+      console.log('SPANS main ' + (mainSpans > 0) + ' worker ' + workerSpans);
+      o.UnRegisterTracers();
+    }, 700));`);
+  assert.match(r.stdout, /^SPANS main true worker 1$/m);
+});
+
 // A fact sink never holds the loop: the facts case's child ends.
 test('registrations return their argument and hold the event loop until unregistered', () => {
   const reporter = { report() {} };
