@@ -62,7 +62,10 @@ EOF
 # Test lines against code lines (the doubles and simulators counted apart).
 lines() { find "$@" -type f \( -name '*.js' -o -name '*.cc' -o -name '*.h' -o -name '*.c' \) -print0 2>/dev/null | xargs -0 cat | wc -l; }
 code=$(lines src lib bin index.js)
-tests=$(lines test/js test/native test/addon test/fuzz)
+tests=$(lines test/js test/native test/addon)
+fuzz=$(lines test/fuzz)
 fixtures=$(lines test/fixtures)
-echo "code (src lib bin index.js): $code lines; tests (test/js test/native test/addon test/fuzz): $tests lines," \
-  "$((100 * tests / code)) % of the code; doubles and simulators (test/fixtures): $fixtures lines"
+echo "code (src lib bin index.js): $code lines; tests (test/js test/native test/addon): $tests lines," \
+  "$((1000 * tests / code / 10)).$((1000 * tests / code % 10)) % of the code;" \
+  "fuzz targets (test/fuzz): $fuzz lines, $((100 * (tests + fuzz) / code)) % with the tests;" \
+  "doubles and simulators (test/fixtures): $fixtures lines"
