@@ -168,6 +168,12 @@ test('new folders given files at once: nothing lost, nothing doubled', async (t)
   const w = await watched(t, root);
   const want = [];
   for (let a = 0; a < (wine ? 3 : 10); a++) {
+    // Wine follows b0, made with its parent, only from a moment later and
+    // reports no creation of it: files written at once could go unseen there.
+    if (wine) {
+      fs.mkdirSync(path.join(root, `a${a}`));
+      await w.waitFor(() => has(w.events, 'addDir', `a${a}`));
+    }
     for (let b = 0; b < 100; b++) {
       fs.mkdirSync(path.join(root, `a${a}`, `b${b}`), { recursive: true });
       for (let f = 0; f < 6; f++) {
