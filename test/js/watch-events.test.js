@@ -187,7 +187,7 @@ test('new folders given files at once: nothing lost, nothing doubled', async (t)
   const adds = pairs(w.events).filter(([e]) => e === 'add').map(([, r]) => r);
   const got = new Set(adds);
   const lost = want.filter((r) => !got.has(r));
-  assert.equal(lost.length, 0, `${lost.length} of ${want.length} lost: ${lost.slice(0, 10)}`);
+  assert.equal(lost.length, 0, `${lost.length} of ${want.length} lost: ${lost.slice(0, 10)}; errors: ${JSON.stringify(w.errors)}`);
   assert.equal(got.size, adds.length, `${adds.length - got.size} reported twice`);
 });
 
