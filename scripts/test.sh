@@ -212,7 +212,7 @@ run_suite() {
         # last run's summary in it (and then stopped this run's Wine server
         # 60 s on, ending the runner silently with status 0).
         : >"$log"
-        "${restricted[@]}" scripts/wine-node --require ./scripts/wine-runner-diag.js --test --test-reporter=tap "${wine_js_concurrency[@]}" "${js_pattern[@]}" \
+        "${restricted[@]}" scripts/wine-node --test --test-reporter=tap "${wine_js_concurrency[@]}" "${js_pattern[@]}" \
           "${js_files[@]}" >>"$log" 2>&1 &
         local runner=$! reported=""
         # node.exe's test runner under Wine has stayed alive after its last

@@ -1,6 +1,5 @@
 #include "storage_source.h"
 
-#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
